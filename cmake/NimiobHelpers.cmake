@@ -1,0 +1,59 @@
+# Warnings are errors on the project's own code only.
+function(nimiob_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+endfunction()
+
+function(nimiob_optional_subdirectory dir)
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/CMakeLists.txt)
+    add_subdirectory(${dir})
+  endif()
+endfunction()
+
+# nimiob_add_test(NAME name SOURCES a.cpp... LIBS libs... LABELS unit|integration|slow...
+#                 [TIMEOUT seconds])
+# One GoogleTest executable, registered with CTest as one test so that a
+# suite can share one simulated robot among its cases.
+function(nimiob_add_test)
+  cmake_parse_arguments(T "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${T_NAME} ${T_SOURCES})
+  target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock nimiob_test_main)
+  nimiob_warnings(${T_NAME})
+  add_test(NAME ${T_NAME} COMMAND ${T_NAME})
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 300)
+  endif()
+  set_tests_properties(${T_NAME} PROPERTIES LABELS "${T_LABELS}" TIMEOUT ${T_TIMEOUT})
+endfunction()
+
+function(nimiob_add_bench)
+  cmake_parse_arguments(B "" "NAME" "SOURCES;LIBS" ${ARGN})
+  add_executable(${B_NAME} ${B_SOURCES})
+  target_link_libraries(${B_NAME} PRIVATE ${B_LIBS} benchmark::benchmark)
+  nimiob_warnings(${B_NAME})
+endfunction()
+
+function(nimiob_add_fuzz)
+  cmake_parse_arguments(F "" "NAME" "SOURCES;LIBS" ${ARGN})
+  add_executable(${F_NAME} ${F_SOURCES})
+  target_compile_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
+  target_link_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
+  target_link_libraries(${F_NAME} PRIVATE ${F_LIBS})
+  set_property(GLOBAL APPEND PROPERTY NIMIOB_FUZZ_TARGETS ${F_NAME})
+endfunction()
+
+# nimiob_install_library(target HEADERS_DIR dir [HEADERS_DEST subdir])
+# Installs a shared library with VERSION/SOVERSION into the exported set.
+function(nimiob_install_library target)
+  cmake_parse_arguments(L "" "HEADERS_DIR;HEADERS_DEST" "" ${ARGN})
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION}
+                                             SOVERSION ${PROJECT_VERSION_MAJOR})
+  install(TARGETS ${target} EXPORT nimiobTargets
+          LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+          INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  if(L_HEADERS_DIR)
+    install(DIRECTORY ${L_HEADERS_DIR}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${L_HEADERS_DEST}
+            FILES_MATCHING PATTERN "*.h")
+  endif()
+endfunction()

@@ -1,0 +1,3 @@
+#pragma once
+
+#define WZ_API __attribute__((visibility("default")))

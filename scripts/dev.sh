@@ -1,0 +1,142 @@
+#!/usr/bin/env bash
+# One entry point for developers and CI. Every subcommand is idempotent and
+# works from any directory.
+set -euo pipefail
+
+ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+JOBS="${JOBS:-$(nproc)}"
+
+# The one list of system packages (Debian 12 names); cmake/NimiobDependencies.cmake
+# says what each is for.
+PACKAGES=(
+  build-essential cmake ninja-build ccache pkg-config
+  qt6-base-dev libgl-dev
+  libboost-dev libboost-system-dev
+  libmsgpack-cxx-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-14-dev clang-format
+)
+
+log() { printf '[dev.sh] %s\n' "$*" >&2; }
+
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+cmd_deps() {
+  local missing=()
+  for p in "${PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  if [ ${#missing[@]} -eq 0 ]; then
+    log "all ${#PACKAGES[@]} packages present"
+    return 0
+  fi
+  log "installing: ${missing[*]}"
+  as_root apt-get update -qq
+  as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# configure DIR [cmake args...]: configures once; later calls only build.
+configure() {
+  local dir="$1"; shift
+  if [ ! -f "$dir/CMakeCache.txt" ]; then
+    log "configuring $dir"
+    cmake -S "$ROOT" -B "$dir" -G Ninja "$@" >/dev/null
+  fi
+}
+
+export CCACHE_BASEDIR="$ROOT"
+export CCACHE_NOHASHDIR=1
+export CCACHE_MAXSIZE="${CCACHE_MAXSIZE:-5G}"
+
+build_dir() {
+  local dir="$1"; shift
+  configure "$dir" "$@"
+  log "building $dir"
+  cmake --build "$dir" -j "$JOBS"
+}
+
+run_ctest() {
+  local dir="$1"; shift
+  (cd "$dir" && ctest --output-on-failure -j "$JOBS" "$@")
+}
+
+cmd_build() { build_dir "$ROOT/build"; }
+
+cmd_test() {
+  cmd_deps
+  cmd_build
+  run_ctest "$ROOT/build" "$@"
+}
+
+cmd_asan() {
+  cmd_deps
+  build_dir "$ROOT/build-asan" -DNIMIOB_SANITIZE=address -DNIMIOB_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=Debug
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+    run_ctest "$ROOT/build-asan" "$@"
+}
+
+cmd_tsan() {
+  cmd_deps
+  build_dir "$ROOT/build-tsan" -DNIMIOB_SANITIZE=thread -DNIMIOB_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
+  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$ROOT/scripts/tsan.supp" \
+    run_ctest "$ROOT/build-tsan" "$@"
+}
+
+cmd_bench() {
+  cmd_deps
+  build_dir "$ROOT/build-bench" -DCMAKE_BUILD_TYPE=Release -DNIMIOB_BUILD_TESTS=OFF
+  local found=0
+  for b in "$ROOT"/build-bench/bench/*; do
+    [ -x "$b" ] && [ -f "$b" ] || continue
+    found=1
+    log "running $(basename "$b")"
+    "$b" --benchmark_counters_tabular=true "$@"
+  done
+  [ $found -eq 1 ] || log "no benchmark built yet"
+}
+
+cmd_fuzz() {
+  cmd_deps
+  local seconds="${FUZZ_SECONDS:-60}"
+  build_dir "$ROOT/build-fuzz" -DCMAKE_CXX_COMPILER=clang++ -DNIMIOB_BUILD_FUZZ=ON -DNIMIOB_SANITIZE=fuzzer \
+    -DNIMIOB_BUILD_TESTS=OFF -DNIMIOB_BUILD_BENCH=OFF
+  for f in "$ROOT"/build-fuzz/fuzz/fuzz_*; do
+    [ -x "$f" ] || continue
+    local name; name="$(basename "$f")"
+    local corpus="$ROOT/fuzz/corpus/${name#fuzz_}"
+    mkdir -p "$corpus"
+    log "fuzzing $name for ${seconds}s (corpus $corpus)"
+    "$f" -max_total_time="$seconds" -max_len=65536 -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+  done
+}
+
+cmd_format() {
+  local files
+  mapfile -t files < <(cd "$ROOT" && git ls-files '*.cpp' '*.h' '*.hpp')
+  [ ${#files[@]} -gt 0 ] || { log "nothing to check"; return 0; }
+  (cd "$ROOT" && clang-format --dry-run --Werror "${files[@]}")
+  log "clang-format: ${#files[@]} files clean"
+}
+
+cmd_demo() {
+  cmd_deps
+  cmd_build
+  local console="$ROOT/build/apps/nimiob-console"
+  [ -x "$console" ] || { log "the console is not built yet"; return 1; }
+  "$console" status "$@"
+}
+
+usage() {
+  echo "usage: scripts/dev.sh {deps|build|test|bench|asan|tsan|fuzz|format|demo} [args...]"
+}
+
+main() {
+  local cmd="${1:-}"; shift || true
+  case "$cmd" in
+    deps|build|test|bench|asan|tsan|fuzz|format|demo) "cmd_$cmd" "$@" ;;
+    *) usage; exit 2 ;;
+  esac
+}
+main "$@"
