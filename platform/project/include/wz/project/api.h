@@ -1,0 +1,3 @@
+#pragma once
+
+#define WZPROJECT_API __attribute__((visibility("default")))

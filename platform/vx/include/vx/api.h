@@ -1,0 +1,3 @@
+#pragma once
+
+#define VX_API __attribute__((visibility("default")))
