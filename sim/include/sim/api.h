@@ -1,0 +1,3 @@
+#pragma once
+
+#define SIM_API __attribute__((visibility("default")))

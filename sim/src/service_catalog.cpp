@@ -1,0 +1,55 @@
+#include <sim/device_services.h>
+#include <sim/memory_service.h>
+#include <sim/service.h>
+
+namespace sim {
+
+namespace {
+template<typename T>
+ServiceEntry entry(const char *name)
+{
+    return ServiceEntry {name, []() -> std::unique_ptr<Service> { return std::make_unique<T>(); }};
+}
+
+ServiceEntry placeholder(const char *name)
+{
+    return ServiceEntry {name, [name]() -> std::unique_ptr<Service> {
+                             return std::make_unique<PlaceholderService>(name);
+                         }};
+}
+} // namespace
+
+// One line per service, in the order a client binds them. A new service is a
+// class in its own file and its line here in place of the placeholder.
+std::vector<ServiceEntry> defaultServices()
+{
+    return {
+        entry<MemoryService>("VXMemory"),
+        placeholder("VXFrameManager"),
+        placeholder("VXBehaviorManager"),
+        placeholder("VXRobotModel"),
+        placeholder("VXMotion"),
+        placeholder("VXPreferences"),
+        entry<LogManagerService>("LogManager"),
+        placeholder("VXResourceManager"),
+        placeholder("VXMotionRecorder"),
+        placeholder("VXVideoDevice"),
+        placeholder("VXVisionRecognition"),
+        placeholder("VXRobotPosture"),
+        placeholder("VXMemoryWatcher"),
+        placeholder("VXAudioDevice"),
+        placeholder("VXTextToSpeech"),
+        entry<BatteryService>("VXBattery"),
+        placeholder("VXLauncher"),
+        placeholder("VXDialog"),
+        placeholder("VXWorldRepresentation"),
+        entry<PackageManagerService>("PackageManager"),
+        placeholder("VXEngagementZones"),
+        placeholder("VXPeoplePerception"),
+        placeholder("VXBasicAwareness"),
+        placeholder("VXAutonomousLife"),
+        placeholder("DCM"),
+    };
+}
+
+} // namespace sim
