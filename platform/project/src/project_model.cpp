@@ -33,9 +33,22 @@ namespace {
 const char *const kCategory = "wz.project";
 const char *const kMetadataFile = ".metadata";
 
+// For messages: control characters (a NUL would cut the text short) are
+// shown escaped.
 std::string quoted(const QString &s)
 {
-    return "\"" + s.toStdString() + "\"";
+    static const char hex[] = "0123456789abcdef";
+    std::string out = "\"";
+    for (unsigned char c : s.toStdString()) {
+        if (c < 0x20 || c == 0x7f) {
+            out += "\\x";
+            out += hex[c >> 4];
+            out += hex[c & 0xf];
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out + "\"";
 }
 
 std::string errnoText(int err)
