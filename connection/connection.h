@@ -1,0 +1,237 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <exception>
+
+namespace wz {
+class Session;
+class LogListenerProxy;
+} // namespace wz
+
+namespace VX {
+class VXProxy;
+class VXMemoryProxy;
+class VXMotionProxy;
+class VXPreferencesProxy;
+class VXWorldRepresentationProxy;
+class VXEngagementZonesProxy;
+class VXPeoplePerceptionProxy;
+class VXBasicAwarenessProxy;
+} // namespace VX
+
+namespace RK {
+
+// Interface objects and offered modules. Each one lands with its own service;
+// until then its field stays null, which every reader already tolerates.
+class MemoryInterface;
+class SartelModuleInterface;
+class VXSartel;
+class VXSartelRecorder;
+class RobotStateReceiver;
+class VideoDeviceInterface;
+class ResourcesInterface;
+class BehaviorManagerInterface;
+class ConfigInterface;
+class LogListenerInterface;
+class AudioInterface;
+class AnimatedSpeechInterface;
+class BatteryInterface;
+class LauncherInterface;
+class RobotPostureInterface;
+class DialogInterface;
+class WorldRepresentationInterface;
+class PackageManagerInterface;
+class EngagementZonesInterface;
+class AutonomousLifeInterface;
+class PeoplePerceptionInterface;
+class BasicAwarenessInterface;
+
+// One connected robot: a proxy for each remote service it offers and an
+// interface object for each service the application can use. Built on a
+// connection worker by create(); any proxy and any interface may be null.
+class Connection : public QObject, public boost::enable_shared_from_this<Connection>
+{
+    Q_OBJECT
+
+public:
+    // The session ended while we were waiting for the robot to become ready.
+    class Interrupted : public std::exception
+    {
+    public:
+        const char *what() const noexcept override;
+    };
+
+    // Only stores its arguments: a place holder until a worker builds the real one.
+    Connection(wz::Session *session, const QString &address, int port, const QString &name);
+    ~Connection() override;
+
+    // Reads host and port from the session's URL, builds the object under a
+    // shared pointer and runs init(). Whatever init() throws reaches the caller.
+    static boost::shared_ptr<Connection> create(wz::Session *session, const QString &name);
+
+    void init();
+    // Asks the robot for "MorvaneReady". The first call only binds the memory
+    // service and answers false.
+    bool isReady();
+    // The flag set at the very end of init().
+    bool ready() const { return m_ready; }
+
+    void testConnection();
+    bool checkMorvaneCompatibility(QString &clientVersion, QString &robotVersion) const;
+    QString morvaneVersion() const { return m_version; }
+    bool hasDCM() const { return m_hasDCM; }
+
+    void destroyInterfaces();
+    void destroyProxiesConnections();
+
+    wz::Session *session() const { return m_session; }
+    QString address() const { return m_address; }
+    int port() const { return m_port; }
+    int httpTransferPort() const { return m_httpTransferPort; }
+    QString name() const { return m_name; }
+
+    // Names of the remote services bound on this connection, and of those
+    // that were not, in binding order.
+    QStringList boundServices() const;
+    QStringList missingServices() const;
+
+    // Proxies of the remote services.
+    boost::shared_ptr<VX::VXMemoryProxy> memory() const { return m_memory; }
+    boost::shared_ptr<VX::VXProxy> memoryWatcher() const { return m_memoryWatcher; }
+    boost::shared_ptr<VX::VXPreferencesProxy> preferences() const { return m_preferences; }
+    boost::shared_ptr<VX::VXProxy> config() const { return m_config; }
+    boost::shared_ptr<VX::VXMotionProxy> motion() const { return m_motion; }
+    boost::shared_ptr<VX::VXProxy> frameManager() const { return m_frameManager; }
+    boost::shared_ptr<VX::VXProxy> videoDevice() const { return m_videoDevice; }
+    boost::shared_ptr<VX::VXProxy> visionRecognition() const { return m_visionRecognition; }
+    boost::shared_ptr<VX::VXProxy> behaviorManager() const { return m_behaviorManager; }
+    boost::shared_ptr<VX::VXProxy> robotPosture() const { return m_robotPosture; }
+    boost::shared_ptr<VX::VXProxy> resourceManager() const { return m_resourceManager; }
+    boost::shared_ptr<VX::VXProxy> motionRecorder() const { return m_motionRecorder; }
+    boost::shared_ptr<wz::LogListenerProxy> logListener() const { return m_logListener; }
+    boost::shared_ptr<VX::VXProxy> audioDevice() const { return m_audioDevice; }
+    boost::shared_ptr<VX::VXProxy> textToSpeech() const { return m_textToSpeech; }
+    boost::shared_ptr<VX::VXProxy> batteryDevice() const { return m_batteryDevice; }
+    boost::shared_ptr<VX::VXProxy> launcher() const { return m_launcher; }
+    boost::shared_ptr<VX::VXProxy> dialog() const { return m_dialog; }
+    boost::shared_ptr<VX::VXWorldRepresentationProxy> worldRepresentation() const
+    {
+        return m_worldRepresentation;
+    }
+    boost::shared_ptr<VX::VXProxy> packageManager() const { return m_packageManager; }
+    boost::shared_ptr<VX::VXEngagementZonesProxy> engagementZones() const
+    {
+        return m_engagementZones;
+    }
+    boost::shared_ptr<VX::VXPeoplePerceptionProxy> peoplePerception() const
+    {
+        return m_peoplePerception;
+    }
+
+    // The module the robot calls back into; null without its interface.
+    boost::shared_ptr<VXSartel> sartelModule() const;
+
+    // Interface objects. Readers on other threads may race with teardown,
+    // so these are read and cleared atomically.
+    boost::shared_ptr<SartelModuleInterface> sartelModuleInterface() const;
+    boost::shared_ptr<VXSartelRecorder> recorderModule() const;
+    boost::shared_ptr<RobotStateReceiver> robotStateReceiver() const;
+    boost::shared_ptr<VideoDeviceInterface> videoDeviceInterface() const;
+    boost::shared_ptr<ResourcesInterface> resourcesInterface() const;
+    boost::shared_ptr<BehaviorManagerInterface> behaviorManagerInterface() const;
+    boost::shared_ptr<MemoryInterface> memoryInterface() const;
+    boost::shared_ptr<ConfigInterface> configInterface() const;
+    boost::shared_ptr<LogListenerInterface> logListenerInterface() const;
+    boost::shared_ptr<AudioInterface> audioInterface() const;
+    boost::shared_ptr<AnimatedSpeechInterface> animatedSpeechInterface() const;
+    boost::shared_ptr<BatteryInterface> batteryInterface() const;
+    boost::shared_ptr<LauncherInterface> launcherInterface() const;
+    boost::shared_ptr<RobotPostureInterface> robotPostureInterface() const;
+    boost::shared_ptr<DialogInterface> dialogInterface() const;
+    boost::shared_ptr<WorldRepresentationInterface> worldRepresentationInterface() const;
+    boost::shared_ptr<PackageManagerInterface> packageManagerInterface() const;
+    boost::shared_ptr<AutonomousLifeInterface> autonomousLifeInterface() const;
+    boost::shared_ptr<EngagementZonesInterface> engagementZonesInterface() const;
+    boost::shared_ptr<PeoplePerceptionInterface> peoplePerceptionInterface() const;
+    boost::shared_ptr<BasicAwarenessInterface> basicAwarenessInterface() const;
+
+signals:
+    void connectionTested(bool success);
+    void displayErrorRequested(QString title, QString contents, QString details,
+                               bool checkWarningEnable = false);
+
+private:
+    void waitForReadiness();
+    void initProxiesConnections();
+    void buildInterfaces();
+    void connectInterfaceSignals();
+    void readVersion();
+
+    // Proxies, in the order of the service table.
+    boost::shared_ptr<VX::VXMemoryProxy> m_memory;
+    boost::shared_ptr<VX::VXProxy> m_memoryWatcher;
+    boost::shared_ptr<VX::VXPreferencesProxy> m_preferences;
+    boost::shared_ptr<VX::VXProxy> m_config;
+    boost::shared_ptr<VX::VXMotionProxy> m_motion;
+    boost::shared_ptr<VX::VXProxy> m_frameManager;
+    boost::shared_ptr<VX::VXProxy> m_videoDevice;
+    boost::shared_ptr<VX::VXProxy> m_visionRecognition;
+    boost::shared_ptr<VX::VXProxy> m_behaviorManager;
+    boost::shared_ptr<VX::VXProxy> m_robotPosture;
+    boost::shared_ptr<VX::VXProxy> m_resourceManager;
+    boost::shared_ptr<VX::VXProxy> m_motionRecorder;
+    boost::shared_ptr<wz::LogListenerProxy> m_logListener;
+    boost::shared_ptr<VX::VXProxy> m_audioDevice;
+    boost::shared_ptr<VX::VXProxy> m_textToSpeech;
+    boost::shared_ptr<VX::VXProxy> m_batteryDevice;
+    boost::shared_ptr<VX::VXProxy> m_launcher;
+    boost::shared_ptr<VX::VXProxy> m_dialog;
+    boost::shared_ptr<VX::VXWorldRepresentationProxy> m_worldRepresentation;
+    boost::shared_ptr<VX::VXProxy> m_packageManager;
+    boost::shared_ptr<VX::VXEngagementZonesProxy> m_engagementZones;
+    boost::shared_ptr<VX::VXPeoplePerceptionProxy> m_peoplePerception;
+    boost::shared_ptr<VX::VXBasicAwarenessProxy> m_basicAwareness;
+
+    bool m_hasDCM = false;
+    boost::shared_ptr<VXSartelRecorder> m_recorderModule;
+    unsigned int m_recorderServiceId = 0;
+
+    // Interface objects.
+    boost::shared_ptr<SartelModuleInterface> m_sartelModuleInterface;
+    boost::shared_ptr<RobotStateReceiver> m_robotStateReceiver;
+    boost::shared_ptr<VideoDeviceInterface> m_videoDeviceInterface;
+    boost::shared_ptr<ResourcesInterface> m_resourcesInterface;
+    boost::shared_ptr<BehaviorManagerInterface> m_behaviorManagerInterface;
+    boost::shared_ptr<MemoryInterface> m_memoryInterface;
+    boost::shared_ptr<ConfigInterface> m_configInterface;
+    boost::shared_ptr<LogListenerInterface> m_logListenerInterface;
+    boost::shared_ptr<AudioInterface> m_audioInterface;
+    boost::shared_ptr<AnimatedSpeechInterface> m_animatedSpeechInterface;
+    boost::shared_ptr<BatteryInterface> m_batteryInterface;
+    boost::shared_ptr<LauncherInterface> m_launcherInterface;
+    boost::shared_ptr<RobotPostureInterface> m_robotPostureInterface;
+    boost::shared_ptr<DialogInterface> m_dialogInterface;
+    boost::shared_ptr<WorldRepresentationInterface> m_worldRepresentationInterface;
+    boost::shared_ptr<PackageManagerInterface> m_packageManagerInterface;
+    boost::shared_ptr<AutonomousLifeInterface> m_autonomousLifeInterface;
+    boost::shared_ptr<EngagementZonesInterface> m_engagementZonesInterface;
+    boost::shared_ptr<PeoplePerceptionInterface> m_peoplePerceptionInterface;
+    boost::shared_ptr<BasicAwarenessInterface> m_basicAwarenessInterface;
+
+    wz::Session *m_session;
+    QString m_address;
+    int m_port;
+    // Stays 0 on a robot without a package manager: there is no file server then.
+    int m_httpTransferPort = 0;
+    QString m_name;
+    bool m_ready = false;
+    QString m_version;
+};
+
+} // namespace RK

@@ -1,0 +1,116 @@
+#pragma once
+
+#include <connection/connection.h>
+
+#include <QObject>
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+
+#include <wz/signal.h>
+
+#include <string>
+
+namespace wz {
+class Session;
+}
+
+namespace RK {
+
+class ConnectionThreadsManager;
+class ReconnectionManager;
+
+// The one object through which the application reaches a robot. Lives on the
+// GUI thread; every slow step runs on a connection worker, and results come
+// back as signals.
+class ConnectionManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit ConnectionManager(QObject *parent = nullptr);
+    ~ConnectionManager() override;
+
+    // Starts an attempt and returns at once.
+    void connectRemoteBroker(const std::string &address, int port, const QString &name);
+    void connectRemoteBroker(const std::string &address, int port);
+    void disconnectBroker();
+    void destroyConnection();
+    // Reports missing services of the current connection, which must exist.
+    void checkAvailableModules();
+
+    bool isConnected() const;
+    bool isConnecting() const { return m_connecting; }
+    bool wasDisconnectionRequested() const { return m_disconnectionRequested; }
+    bool getCurrentConnection(QString &ip, int &port) const;
+    bool getCurrentConnection(QString &ip, int &port, QString &name) const;
+    bool getCurrentConnectionHttp(std::string &ip, int &port) const;
+    void getLastConnectionInfo(QString &ip, int &port, QString &name) const;
+    bool match(const QString &ip, int port) const;
+    bool currentConnectionHasDCM() const;
+    bool currentConnectionHasAudioDevice() const;
+    bool checkMorvaneCompatibility(QString &clientVersion, QString &robotVersion) const;
+    QString morvaneVersion() const;
+    bool isMorvaneRestartPossible() const { return false; }
+
+    // The current connection itself, null when there is none: for readers
+    // that need its proxies or plain fields.
+    boost::shared_ptr<Connection> currentConnection() const { return m_connection; }
+
+    boost::shared_ptr<RobotStateReceiver> robotStateReceiver() const;
+    boost::shared_ptr<VideoDeviceInterface> videoDeviceInterface() const;
+    boost::shared_ptr<ResourcesInterface> resourcesInterface() const;
+    boost::shared_ptr<BehaviorManagerInterface> behaviorManagerInterface() const;
+    boost::shared_ptr<MemoryInterface> memoryInterface() const;
+    boost::shared_ptr<ConfigInterface> configInterface() const;
+    boost::shared_ptr<SartelModuleInterface> sartelModuleInterface() const;
+    boost::shared_ptr<VXSartelRecorder> recorderModule() const;
+    boost::shared_ptr<AudioInterface> audioInterface() const;
+    boost::shared_ptr<AnimatedSpeechInterface> animatedSpeechInterface() const;
+    boost::shared_ptr<BatteryInterface> batteryInterface() const;
+    boost::shared_ptr<LauncherInterface> launcherInterface() const;
+    boost::shared_ptr<DialogInterface> dialogInterface() const;
+    boost::shared_ptr<PackageManagerInterface> packageManagerInterface() const;
+    boost::shared_ptr<AutonomousLifeInterface> autonomousLifeInterface() const;
+    boost::shared_ptr<WorldRepresentationInterface> worldRepresentationInterface() const;
+    boost::shared_ptr<LogListenerInterface> logListenerInterface() const;
+    boost::shared_ptr<RobotPostureInterface> robotPostureInterface() const;
+    boost::shared_ptr<EngagementZonesInterface> engagementZonesInterface() const;
+    boost::shared_ptr<PeoplePerceptionInterface> peoplePerceptionInterface() const;
+    boost::shared_ptr<BasicAwarenessInterface> basicAwarenessInterface() const;
+
+signals:
+    void connecting(bool isConnecting);
+    void connectionEstablished();
+    void connectionTested(bool success);
+    void disconnected();
+    void connectionLost();
+    void displayErrorRequested(QString title, QString contents, QString details,
+                               bool checkWarningEnable = false);
+
+public slots:
+    void onMorvaneRestartNeeded();
+    void onSessionDisconnected(std::string error);
+    void onConnectionCreated(boost::shared_ptr<wz::Session> session,
+                             boost::shared_ptr<RK::Connection> connection);
+
+private:
+    void setConnecting(bool on);
+    void releaseCurrent();
+
+    boost::shared_ptr<wz::Session> m_session;
+    wz::SignalLink m_sessionLink;
+    boost::shared_ptr<Connection> m_connection;
+    bool m_connecting = false;
+    bool m_disconnectionRequested = true;
+    QString m_name;
+    QString m_lastAddress;
+    int m_lastPort = 0;
+    QString m_lastName;
+    // Owned. Stays null until the reconnection manager is part of the library.
+    ReconnectionManager *m_reconnectionManager = nullptr;
+    bool m_restartNeeded = false;
+    ConnectionThreadsManager *m_threadsManager;
+};
+
+} // namespace RK

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+
+#include <string>
+
+namespace wz {
+class Session;
+}
+
+namespace RK {
+
+class Connection;
+class ConnectionManager;
+class ConnectionThread;
+
+// Keeps the live connection workers, at most ten, and hands their results to
+// the connection manager. A child of the manager, on the GUI thread.
+class ConnectionThreadsManager : public QObject
+{
+    Q_OBJECT
+
+public:
+    // How many workers may be alive at once: attempts, connections and
+    // connections still closing all count.
+    static const int a_maxWorkers = 10;
+
+    explicit ConnectionThreadsManager(ConnectionManager *parent);
+    ~ConnectionThreadsManager() override;
+
+    ConnectionManager *connectionManager() const;
+
+    void initConnection(boost::shared_ptr<wz::Session> session,
+                        boost::shared_ptr<Connection> connection, const std::string &address,
+                        int port, const QString &name);
+    void destroyConnection(boost::shared_ptr<wz::Session> session,
+                           boost::shared_ptr<Connection> connection);
+
+    void onConnectionCreated(boost::shared_ptr<wz::Session> session,
+                             boost::shared_ptr<Connection> connection);
+    void onConnectionFailed(const QString &errorMessage);
+    void onConnectionDestroyed();
+
+    // The live workers, oldest first.
+    QList<ConnectionThread *> threads() const { return m_threads; }
+
+signals:
+    void displayErrorRequested(QString title, QString contents, QString details,
+                               bool checkWarningEnable = false);
+
+public slots:
+    void onThreadDestroyed(QObject *connectionThread);
+
+private:
+    QList<ConnectionThread *> m_threads;
+};
+
+} // namespace RK

@@ -1,0 +1,185 @@
+#include "gate_interface.h"
+
+#include <connection/connection.h>
+#include <connection/future_interface.h>
+#include <connection/future_list_watcher.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QFutureSynchronizer>
+#include <QPointer>
+#include <QSignalSpy>
+#include <QThread>
+#include <QtConcurrentRun>
+
+#include <boost/make_shared.hpp>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+namespace {
+
+// A connection that was never connected: the frame only needs something to
+// hold weakly, and the gate's work is local.
+boost::shared_ptr<RK::Connection> placeHolder()
+{
+    return boost::make_shared<RK::Connection>(nullptr, QString(), 0, QStringLiteral("frame"));
+}
+
+template<typename Pred>
+bool processUntil(Pred pred, int ms = 5000)
+{
+    QDeadlineTimer deadline(ms);
+    while (!pred()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QThread::msleep(1);
+    }
+    return true;
+}
+
+// Opens the gate `count` times once the executer has entered it `count` times,
+// from a thread of its own, so that a blocked destructor can be released.
+std::thread openGateLater(test::GateExecuter *executer, int count)
+{
+    return std::thread([gate = executer->gate, entered = executer->entered, count] {
+        entered->acquire(count);
+        QThread::msleep(50);
+        gate->release(count);
+    });
+}
+
+TEST(Frame, ThreadIsNamedAfterTheInterfaceAndHostsTheExecuter)
+{
+    auto connection = placeHolder();
+    test::GateInterface named(connection, QStringLiteral("GateInterface"));
+    EXPECT_EQ(named.executerThread()->objectName(), QStringLiteral("GateInterface thread"));
+    EXPECT_TRUE(named.executerThread()->isRunning());
+    EXPECT_EQ(named.executer()->thread(), named.executerThread());
+
+    test::GateInterface unnamed(connection, QString());
+    EXPECT_EQ(unnamed.executerThread()->objectName(), QStringLiteral("ExecuterThread"));
+
+    // A request reaches the slot on the executer's thread and the answer
+    // comes back here through the interface's own signal.
+    QSignalSpy knocked(&named, &test::GateInterface::knocked);
+    named.executer()->gate->release();
+    named.knock();
+    ASSERT_TRUE(knocked.wait(5000));
+    EXPECT_EQ(knocked.at(0).at(0).toInt(), 1);
+    EXPECT_EQ(named.executer()->slotThread.load(), named.executerThread());
+}
+
+TEST(Frame, TeardownWaitsForRunningPoolCalls)
+{
+    auto connection = placeHolder();
+    auto iface = std::make_unique<test::GateInterface>(connection, QStringLiteral("GateInterface"));
+    QFuture<int> first = iface->pass();
+    QFuture<int> second = iface->pass();
+    EXPECT_EQ(iface->pendingFutures(), 2);
+
+    std::thread opener = openGateLater(iface->executer(), 2);
+    iface.reset(); // returns only once both calls went through the gate
+    opener.join();
+
+    // Nothing was cancelled: both calls ran to their end.
+    ASSERT_TRUE(first.isFinished());
+    ASSERT_TRUE(second.isFinished());
+    EXPECT_FALSE(first.isCanceled());
+    EXPECT_EQ(first.result(), 7);
+    EXPECT_EQ(second.result(), 7);
+}
+
+TEST(Frame, RequestsQueuedBehindARunningSlotAreDropped)
+{
+    auto connection = placeHolder();
+    auto iface = std::make_unique<test::GateInterface>(connection, QStringLiteral("GateInterface"));
+    test::GateExecuter *executer = iface->executer();
+    const std::shared_ptr<std::atomic<int>> slotRuns = executer->slotRuns;
+
+    iface->knock();
+    executer->entered->acquire(); // the first request is in its slot
+    iface->knock();
+    iface->knock();
+
+    // Opened only after the teardown has begun; enough permits for every
+    // request, so that any slot that still ran would not block.
+    std::thread opener([gate = executer->gate] {
+        QThread::msleep(50);
+        gate->release(3);
+    });
+    iface.reset();
+    opener.join();
+    EXPECT_EQ(slotRuns->load(), 1);
+}
+
+TEST(Frame, WithoutConnectionCallsEndQuietly)
+{
+    auto connection = placeHolder();
+    test::GateInterface iface(connection, QStringLiteral("GateInterface"));
+    connection.reset(); // the interface holds it weakly: it is gone now
+
+    QSignalSpy knocked(&iface, &test::GateInterface::knocked);
+    iface.knock();
+    // The default answer, without waiting at the gate.
+    EXPECT_EQ(iface.pass().result(), -1);
+    // Let the slot's turn pass, then any answer it sent.
+    QMetaObject::invokeMethod(
+        iface.executer(), [] {}, Qt::BlockingQueuedConnection);
+    QCoreApplication::processEvents();
+    EXPECT_EQ(knocked.count(), 0);
+    EXPECT_EQ(iface.executer()->slotRuns->load(), 0);
+}
+
+TEST(FutureListWatcher, FinishedWrappersAreDeletedFromAnyThread)
+{
+    // The watcher lives on another thread, as an interface's does on its
+    // connection worker, while futures are appended from this one.
+    QThread owner;
+    owner.start();
+    auto *watcher = new RK::FutureListWatcher;
+    watcher->moveToThread(&owner);
+
+    QList<QPointer<RK::FutureBase>> wrappers;
+    QFutureSynchronizer<int> all;
+    for (int i = 0; i < 20; ++i) {
+        QFuture<int> f = QtConcurrent::run([i] {
+            QThread::msleep(i % 3);
+            return i;
+        });
+        auto *wrapper = new RK::FutureWatcherInterface<int>(f);
+        wrappers << wrapper;
+        watcher->append(wrapper);
+        all.addFuture(f);
+    }
+    all.waitForFinished();
+    EXPECT_TRUE(processUntil([&] { return watcher->count() == 0; }));
+    for (const auto &w : wrappers)
+        EXPECT_TRUE(processUntil([&] { return w.isNull(); }));
+
+    QMetaObject::invokeMethod(watcher, &QObject::deleteLater);
+    owner.quit();
+    owner.wait();
+}
+
+TEST(FutureListWatcher, DestructorWaitsForRunningFutures)
+{
+    std::atomic<bool> done {false};
+    QSemaphore started;
+    auto *watcher = new RK::FutureListWatcher;
+    QFuture<void> f = QtConcurrent::run([&] {
+        started.release();
+        QThread::msleep(100);
+        done = true;
+    });
+    watcher->append(new RK::FutureWatcherInterface<void>(f));
+    started.acquire();
+    delete watcher;
+    EXPECT_TRUE(done.load());
+}
+
+} // namespace
