@@ -40,24 +40,14 @@ private:
     std::unique_ptr<Placeholder> m_placeholder;
 };
 
-// "LogManager": getListener() hands out a listener object fed by this
+// "LogManager": getListener() hands out a new listener object fed by this
 // process's log (signal "onLogMessage", property "verbosity", methods
-// "setCategory" and "clearFilters").
+// "setCategory" and "clearFilters"); each lives as long as its holder.
 class SIM_API LogManagerService : public Service
 {
 public:
     LogManagerService();
-    ~LogManagerService() override;
     void describe(ServiceBuilder &builder) override;
-    void start() override;
-    void stop() override;
-    // Listeners handed out and still alive.
-    size_t listenerCount() const;
-
-    class Feed;
-
-private:
-    std::shared_ptr<Feed> m_feed;
 };
 
 } // namespace sim

@@ -1,0 +1,117 @@
+#pragma once
+
+#include <sim/robot.h>
+
+#include <wz/object_builder.h>
+#include <wz/session.h>
+
+#include <boost/make_shared.hpp>
+
+#include <chrono>
+#include <condition_variable>
+#include <dirent.h>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace simtest {
+
+using namespace std::chrono_literals;
+
+inline boost::shared_ptr<wz::Session> connectTo(const sim::Robot &robot)
+{
+    auto session = boost::make_shared<wz::Session>();
+    session->connect(robot.url()).value(10000);
+    return session;
+}
+
+// What a client module received through its callback method.
+class Inbox
+{
+public:
+    void push(const sim::Args &args)
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_got.push_back(args);
+        }
+        m_cond.notify_all();
+    }
+    bool waitFor(size_t count, std::chrono::milliseconds timeout = 10s)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cond.wait_for(lock, timeout, [&]() { return m_got.size() >= count; });
+    }
+    std::vector<sim::Args> got() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got;
+    }
+    size_t size() const
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_got.size();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::condition_variable m_cond;
+    std::vector<sim::Args> m_got;
+};
+
+// A client's own module with the callback shape the memory service uses.
+inline wz::Object makeModule(std::shared_ptr<Inbox> inbox, const std::string &method = "onEvent")
+{
+    wz::DynamicObjectBuilder b("TestModule");
+    b.advertiseMethod(method, 3, [inbox](const sim::Args &args) {
+        inbox->push(args);
+        return wz::AnyValue();
+    });
+    return b.object();
+}
+
+inline bool waitUntil(const std::function<bool()> &done, std::chrono::milliseconds timeout = 10s)
+{
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+inline bool listed(wz::Session &session, const std::string &name)
+{
+    for (const wz::ServiceInfo &s : session.services().value(10000)) {
+        if (s.name == name)
+            return true;
+    }
+    return false;
+}
+
+inline int threadCount()
+{
+    int n = 0;
+    if (DIR *dir = opendir("/proc/self/task")) {
+        while (dirent *e = readdir(dir)) {
+            if (e->d_name[0] != '.')
+                ++n;
+        }
+        closedir(dir);
+    }
+    return n;
+}
+
+inline long residentKiB()
+{
+    std::ifstream statm("/proc/self/statm");
+    long size = 0, resident = 0;
+    statm >> size >> resident;
+    return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+} // namespace simtest

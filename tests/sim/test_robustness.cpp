@@ -1,0 +1,211 @@
+// Several clients, hostile ones and many short-lived ones against one robot.
+#include "sim_test_support.h"
+
+#include <sim/memory_service.h>
+#include <sim/robot.h>
+
+#include <wz/log.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+
+#include <gtest/gtest.h>
+
+using namespace simtest;
+using wz::AnyValue;
+
+namespace {
+
+class SimRobustness : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        robot = new sim::Robot();
+        robot->start();
+    }
+    static void TearDownTestSuite()
+    {
+        delete robot;
+        robot = nullptr;
+    }
+    void TearDown() override { robot->scenario().reset(); }
+
+    static bool serving()
+    {
+        auto s = connectTo(*robot);
+        const bool ok
+            = s->service("VXMemory").value(10000).call<std::string>("version") == "2.1.4.13";
+        s->close().wait(10000);
+        return ok;
+    }
+
+    static sim::Robot *robot;
+};
+
+sim::Robot *SimRobustness::robot = nullptr;
+
+TEST_F(SimRobustness, TwoClientsShareTheRobotAndNamesComeFreeWhenOneLeaves)
+{
+    wz::log::LogCapture capture;
+    auto a = connectTo(*robot);
+    auto b = connectTo(*robot);
+    auto inboxA = std::make_shared<Inbox>();
+    auto inboxB = std::make_shared<Inbox>();
+    a->registerService("VXSartel", makeModule(inboxA, "dataChanged")).value(10000);
+    EXPECT_NE(b->registerService("VXSartel", makeModule(inboxB, "dataChanged")).error(10000), "");
+    b->registerService("OtherModule", makeModule(inboxB)).value(10000);
+
+    const wz::Object memA = a->service("VXMemory").value(10000);
+    const wz::Object memB = b->service("VXMemory").value(10000);
+    memA.call<void>("subscribeToMicroEvent", "Shared", "VXSartel", "", "dataChanged");
+    memB.call<void>("subscribeToMicroEvent", "Shared", "OtherModule", "", "onEvent");
+    memB.call<void>("raiseMicroEvent", "Shared", 1);
+    EXPECT_TRUE(inboxA->waitFor(1));
+    EXPECT_TRUE(inboxB->waitFor(1));
+    EXPECT_TRUE(listed(*b, "VXSartel"));
+
+    a->close().wait(10000);
+    EXPECT_TRUE(waitUntil([&] { return !listed(*b, "VXSartel"); }));
+    EXPECT_TRUE(waitUntil([&] { return robot->memory().subscribers("Shared").size() == 1; }));
+    EXPECT_TRUE(capture.contains("sim.memory", "dropping subscriber VXSartel"));
+
+    auto c = connectTo(*robot);
+    auto inboxC = std::make_shared<Inbox>();
+    c->registerService("VXSartel", makeModule(inboxC, "dataChanged")).value(10000);
+    memB.call<void>("raiseMicroEvent", "Shared", 2);
+    EXPECT_TRUE(inboxB->waitFor(2));
+    // The new VXSartel never subscribed: the old subscription went with its client.
+    EXPECT_EQ(inboxC->size(), 0u);
+    memB.call<void>("removeMicroEvent", "Shared");
+    b->close().wait(10000);
+    c->close().wait(10000);
+}
+
+TEST_F(SimRobustness, AFrozenSubscriberDelaysNobody)
+{
+    auto frozen = connectTo(*robot);
+    auto lively = connectTo(*robot);
+    auto frozenInbox = std::make_shared<Inbox>();
+    auto livelyInbox = std::make_shared<Inbox>();
+    frozen->registerService("Frozen", makeModule(frozenInbox)).value(10000);
+    lively->registerService("Lively", makeModule(livelyInbox)).value(10000);
+    const wz::Object mem = lively->service("VXMemory").value(10000);
+    mem.call<void>("subscribeToMicroEvent", "Busy", "Frozen", "", "onEvent");
+    mem.call<void>("subscribeToMicroEvent", "Busy", "Lively", "", "onEvent");
+
+    std::string frozenPeer;
+    for (const std::string &peer : robot->scenario().clients()) {
+        const wz::Object probe = frozen->service("VXMemory").value(10000);
+        (void)probe;
+        frozenPeer = peer; // replaced below by the peer that hosts "Frozen"
+    }
+    for (const wz::ServiceInfo &info : lively->services().value(10000)) {
+        if (info.name == "Frozen")
+            frozenPeer = info.endpoint;
+    }
+    ASSERT_FALSE(frozenPeer.empty());
+    robot->scenario().stallClient(frozenPeer);
+
+    const int events = 2000;
+    for (int i = 0; i < events; ++i)
+        robot->scenario().raiseMicroEvent("Busy", i);
+    EXPECT_TRUE(livelyInbox->waitFor(events));
+    const auto got = livelyInbox->got();
+    EXPECT_EQ(got.back().at(1).toInt(), events - 1);
+
+    robot->scenario().stallClient(frozenPeer, false);
+    EXPECT_TRUE(frozenInbox->waitFor(events));
+    mem.call<void>("removeMicroEvent", "Busy");
+    frozen->close().wait(10000);
+    lively->close().wait(10000);
+}
+
+TEST_F(SimRobustness, GarbageFromAClientClosesOnlyThatConnection)
+{
+    wz::log::LogCapture capture;
+    auto bystander = connectTo(*robot);
+    const wz::Object mem = bystander->service("VXMemory").value(10000);
+
+    namespace asio = boost::asio;
+    const std::string payloads[] = {
+        std::string("\xff\xff\xff\xff", 4) + "huge length",
+        std::string("\x00\x00\x00\x08", 4) + std::string("\xc1\xc1\xc1\xc1\xc1\xc1\xc1\xc1", 8),
+        std::string("\x00\x00\x00\x05", 4) + "\x93\x01\x02\x03\x04",
+        std::string("GET / HTTP/1.1\r\n\r\n"),
+    };
+    for (const std::string &bytes : payloads) {
+        asio::io_context io;
+        asio::ip::tcp::socket socket(io);
+        const wz::Url url = robot->url();
+        socket.connect({asio::ip::make_address("127.0.0.1"), url.port()});
+        asio::write(socket, asio::buffer(bytes));
+        // The robot ends the connection: reading runs into its end.
+        boost::system::error_code ec;
+        std::vector<char> sink(65536);
+        while (!ec)
+            socket.read_some(asio::buffer(sink), ec);
+        EXPECT_TRUE(ec == asio::error::eof || ec == asio::error::connection_reset) << ec.message();
+    }
+    EXPECT_EQ(mem.call<std::string>("version"), "2.1.4.13");
+    EXPECT_TRUE(serving());
+    bystander->close().wait(10000);
+}
+
+TEST_F(SimRobustness, AClientVanishingMidCallLeavesTheRobotServing)
+{
+    robot->scenario().delayMethod("VXMemory", "getData", std::chrono::milliseconds(300));
+    for (int i = 0; i < 5; ++i) {
+        auto client = connectTo(*robot);
+        const wz::Object mem = client->service("VXMemory").value(10000);
+        wz::Future<AnyValue> pending = mem->metaCall("getData", {AnyValue("MorvaneReady")});
+        ASSERT_TRUE(
+            robot->scenario().waitForCalls("VXMemory", "getData", i + 1, std::chrono::seconds(10)));
+        client->close().wait(10000);
+        EXPECT_EQ(pending.wait(10000), wz::FutureState_FinishedWithError);
+    }
+    robot->scenario().restoreMethod("VXMemory", "getData");
+    EXPECT_TRUE(serving());
+}
+
+TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
+{
+    auto cycle = [](int n) {
+        for (int i = 0; i < n; ++i) {
+            auto client = connectTo(*robot);
+            auto inbox = std::make_shared<Inbox>();
+            client->registerService("Churn", makeModule(inbox)).value(10000);
+            const wz::Object mem = client->service("VXMemory").value(10000);
+            mem.call<void>("subscribeToMicroEvent", "Churn/Event", "Churn", "", "onEvent");
+            mem.call<bool>("getData", "MorvaneReady");
+            if (i % 2)
+                client->close().wait(10000);
+            else
+                robot->scenario().dropClients(); // the robot ends it this time
+        }
+    };
+    auto settled = [](int limit) {
+        // Idle framework threads leave after a few seconds.
+        return waitUntil([&] { return threadCount() <= limit; }, std::chrono::seconds(20));
+    };
+    cycle(20);
+    ASSERT_TRUE(waitUntil([] { return robot->scenario().clients().empty(); }));
+    std::this_thread::sleep_for(std::chrono::seconds(6));
+    const int threadsBefore = threadCount();
+    const long rssBefore = residentKiB();
+
+    cycle(200);
+    ASSERT_TRUE(waitUntil([] { return robot->scenario().clients().empty(); }));
+    EXPECT_TRUE(settled(threadsBefore + 2))
+        << threadsBefore << " threads before, " << threadCount() << " after";
+    const long rssAfter = residentKiB();
+    EXPECT_LT(rssAfter - rssBefore, 8 * 1024)
+        << rssBefore << " KiB before, " << rssAfter << " KiB after";
+    EXPECT_EQ(robot->memory().subscriberModuleCount(), 0u);
+    EXPECT_TRUE(robot->memory().subscribers("Churn/Event").empty());
+    EXPECT_TRUE(serving());
+}
+
+} // namespace
