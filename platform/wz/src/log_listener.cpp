@@ -321,6 +321,9 @@ LogMessage TypeConverter<LogMessage>::fromAny(const AnyValue &v)
 
 AnyValue TypeConverter<LogLevel>::toAny(LogLevel v)
 {
+    if (v < LogLevel_Silent || v > LogLevel_Debug)
+        throw TypeError("log level " + std::to_string(static_cast<int>(v))
+                        + " out of range 0 (silent) to 6 (debug)");
     return AnyValue(static_cast<int>(v));
 }
 

@@ -1,87 +1,690 @@
-#include <wz/session.h>
+#include "session_impl.h"
 
-#include <stdexcept>
+#include <wz/log.h>
+
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/post.hpp>
 
 namespace wz {
 
 namespace detail {
-class SessionImpl
-{
-};
-} // namespace detail
+
+std::string currentCallerId();
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
 
 namespace {
-[[noreturn]] void notYet()
+
+const char *const kSession = "wz.session";
+std::atomic<uint64_t> g_nextPeer {1};
+
+// Only literal addresses and "localhost": name resolution would block and
+// could leave the machine.
+bool parseAddress(const std::string &host, asio::ip::address &out, std::string &error)
 {
-    throw std::runtime_error("not implemented");
+    const std::string h = host == "localhost" ? std::string("127.0.0.1") : host;
+    boost::system::error_code ec;
+    out = asio::ip::make_address(h, ec);
+    if (ec) {
+        error = "\"" + host + "\" is not an IP address";
+        return false;
+    }
+    return true;
 }
+
+std::string peerIdOf(const tcp::socket &socket)
+{
+    boost::system::error_code ec;
+    const tcp::endpoint ep = socket.remote_endpoint(ec);
+    std::string addr
+        = ec ? std::string("?") : ep.address().to_string() + ":" + std::to_string(ep.port());
+    return addr + "#" + std::to_string(g_nextPeer++);
+}
+
 } // namespace
 
-Session::Session() { }
-Session::~Session() { }
-Future<void> Session::listen(const Url &)
+SessionImpl::SessionImpl(Session *owner)
+    : m_owner(owner), m_signals(std::make_shared<SerialQueue>())
+{ }
+
+SessionImpl::~SessionImpl() = default;
+
+void SessionImpl::detachOwner()
 {
-    notYet();
+    std::lock_guard<std::recursive_mutex> lock(m_ownerMutex);
+    m_owner = nullptr;
 }
-Future<void> Session::connect(const Url &)
+
+void SessionImpl::emitOwner(Signal<std::string> Session::*signal, const std::string &arg)
 {
-    notYet();
+    // On a framework thread, in order, and never after the Session is gone.
+    std::weak_ptr<SessionImpl> weak = shared_from_this();
+    m_signals->post([weak, signal, arg]() {
+        auto self = weak.lock();
+        if (!self)
+            return;
+        std::lock_guard<std::recursive_mutex> lock(self->m_ownerMutex);
+        if (self->m_owner)
+            (self->m_owner->*signal)(arg);
+    });
 }
+
+Future<void> SessionImpl::listen(const Url &url)
+{
+    if (!url.isValid())
+        return makeFutureError<void>("cannot listen on \"" + url.str() + "\": " + url.error());
+    asio::ip::address address;
+    std::string error;
+    if (!parseAddress(url.host(), address, error))
+        return makeFutureError<void>("cannot listen on " + url.str() + ": " + error);
+    auto acceptor = std::make_shared<tcp::acceptor>(IoRuntime::instance().context());
+    boost::system::error_code ec;
+    const tcp::endpoint ep(address, url.port());
+    acceptor->open(ep.protocol(), ec);
+    if (!ec)
+        acceptor->set_option(asio::socket_base::reuse_address(true), ec);
+    if (!ec)
+        acceptor->bind(ep, ec);
+    if (!ec)
+        acceptor->listen(asio::socket_base::max_listen_connections, ec);
+    if (ec)
+        return makeFutureError<void>("cannot listen on " + url.str() + ": " + ec.message());
+    const unsigned short port = acceptor->local_endpoint(ec).port();
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_acceptors.push_back(acceptor);
+        m_endpoints.push_back(Url(url.host(), "tcp", port));
+    }
+    log::LogStream(LogLevel_Info, kSession, __FUNCTION__)
+        << "listening on " << Url(url.host(), "tcp", port).str();
+    auto self = shared_from_this();
+    asio::post(IoRuntime::instance().context(),
+               [self, acceptor]() { self->startAccept(acceptor); });
+    return makeReadyFuture();
+}
+
+void SessionImpl::startAccept(std::shared_ptr<tcp::acceptor> acceptor)
+{
+    if (!acceptor->is_open())
+        return;
+    auto self = shared_from_this();
+    acceptor->async_accept(
+        [self, acceptor](const boost::system::error_code &ec, tcp::socket socket) {
+            if (ec == asio::error::operation_aborted || !acceptor->is_open())
+                return;
+            if (ec) {
+                log::LogStream(LogLevel_Warning, kSession, "accept")
+                    << "accept failed: " << ec.message();
+                // Out of descriptors and the like: wait a little instead of spinning.
+                auto timer = std::make_shared<asio::steady_timer>(IoRuntime::instance().context());
+                timer->expires_after(std::chrono::milliseconds(100));
+                timer->async_wait([self, acceptor, timer](const boost::system::error_code &) {
+                    self->startAccept(acceptor);
+                });
+                return;
+            }
+            self->onAccepted(std::move(socket));
+            self->startAccept(acceptor);
+        });
+}
+
+void SessionImpl::onAccepted(tcp::socket socket)
+{
+    boost::system::error_code ec;
+    socket.set_option(tcp::no_delay(true), ec);
+    const std::string peer = peerIdOf(socket);
+    std::shared_ptr<Connection> conn;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        conn = std::make_shared<Connection>(weak_from_this(), std::move(socket), peer, m_heartbeat);
+        m_peers[peer] = conn;
+    }
+    conn->start();
+    log::LogStream(LogLevel_Info, kSession, __FUNCTION__) << "client " << peer << " connected";
+    emitOwner(&Session::clientConnected, peer);
+}
+
+Future<void> SessionImpl::connect(const Url &url)
+{
+    if (!url.isValid())
+        return makeFutureError<void>("cannot connect to \"" + url.str() + "\": " + url.error());
+    asio::ip::address address;
+    std::string error;
+    if (!parseAddress(url.host(), address, error))
+        return makeFutureError<void>("cannot connect to " + url.str() + ": " + error);
+    if (auto d = directoryLink()) {
+        if (d->isOpen())
+            return makeFutureError<void>("already connected to " + url.str());
+    }
+    auto socket = std::make_shared<tcp::socket>(IoRuntime::instance().context());
+    Promise<void> promise;
+    auto self = shared_from_this();
+    const tcp::endpoint ep(address, url.port());
+    asio::post(IoRuntime::instance().context(), [self, socket, promise, url, ep]() mutable {
+        socket->async_connect(
+            ep, [self, socket, promise, url](const boost::system::error_code &ec) mutable {
+                if (ec) {
+                    promise.setError("cannot connect to " + url.str() + ": " + ec.message());
+                    return;
+                }
+                boost::system::error_code ignored;
+                socket->set_option(tcp::no_delay(true), ignored);
+                const std::string peer = peerIdOf(*socket);
+                std::shared_ptr<Connection> conn;
+                std::shared_ptr<Connection> old;
+                {
+                    std::lock_guard<std::mutex> lock(self->m_mutex);
+                    conn = std::make_shared<Connection>(self, std::move(*socket), peer,
+                                                        self->m_heartbeat);
+                    old = std::move(self->m_directory);
+                    self->m_directory = conn;
+                    self->m_directoryUrl = url;
+                    self->m_registeredRemotely.clear();
+                }
+                if (old)
+                    old->close("disconnected: replaced by a new connection");
+                conn->start();
+                log::LogStream(LogLevel_Info, kSession, "connect") << "connected to " << url.str();
+                promise.setValue();
+            });
+    });
+    return promise.future();
+}
+
+void SessionImpl::close(const std::string &reason)
+{
+    std::vector<std::shared_ptr<tcp::acceptor>> acceptors;
+    std::map<std::string, std::shared_ptr<Connection>> peers;
+    std::map<unsigned, ServiceEntry> services;
+    std::shared_ptr<Connection> directory;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        acceptors.swap(m_acceptors);
+        m_endpoints.clear();
+        peers.swap(m_peers);
+        services.swap(m_services);
+        directory = m_directory;
+        m_registeredRemotely.clear();
+    }
+    for (auto &a : acceptors) {
+        asio::post(IoRuntime::instance().context(), [a]() {
+            boost::system::error_code ec;
+            a->close(ec);
+        });
+    }
+    if (directory)
+        directory->close(reason, Connection::CloseMode::Graceful);
+    for (auto &p : peers)
+        p.second->close(reason, Connection::CloseMode::Graceful);
+}
+
+bool SessionImpl::isConnected() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_directory)
+        return m_directory->isOpen();
+    return !m_acceptors.empty();
+}
+
+Url SessionImpl::url() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_directory)
+        return m_directoryUrl;
+    return m_endpoints.empty() ? Url() : m_endpoints.front();
+}
+
+std::vector<Url> SessionImpl::endpoints() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_endpoints;
+}
+
+std::shared_ptr<Connection> SessionImpl::directoryLink() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_directory;
+}
+
+std::shared_ptr<Connection> SessionImpl::findPeer(const std::string &peer) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_peers.find(peer);
+    return it == m_peers.end() ? nullptr : it->second;
+}
+
+std::vector<std::string> SessionImpl::clients() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<std::string> out;
+    for (const auto &p : m_peers)
+        out.push_back(p.first);
+    return out;
+}
+
+void SessionImpl::closeClient(const std::string &peer)
+{
+    if (auto c = findPeer(peer)) {
+        log::LogStream(LogLevel_Info, kSession, __FUNCTION__) << "dropping client " << peer;
+        c->close("disconnected: dropped by the directory", Connection::CloseMode::Reset);
+    } else {
+        log::LogStream(LogLevel_Warning, kSession, __FUNCTION__) << "no client " << peer;
+    }
+}
+
+void SessionImpl::stallClient(const std::string &peer, bool stalled)
+{
+    if (auto c = findPeer(peer))
+        c->setStalled(stalled);
+    else
+        log::LogStream(LogLevel_Warning, kSession, __FUNCTION__) << "no client " << peer;
+}
+
+void SessionImpl::sendRaw(const std::string &peer, const std::string &bytes)
+{
+    if (auto c = findPeer(peer))
+        c->sendRaw(bytes);
+    else
+        log::LogStream(LogLevel_Warning, kSession, __FUNCTION__) << "no client " << peer;
+}
+
+void SessionImpl::setHeartbeat(Connection::Heartbeat heartbeat)
+{
+    std::vector<std::shared_ptr<Connection>> conns;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_heartbeat = heartbeat;
+        if (m_directory)
+            conns.push_back(m_directory);
+        for (auto &p : m_peers)
+            conns.push_back(p.second);
+    }
+    for (auto &c : conns)
+        c->setHeartbeat(heartbeat);
+}
+
+void SessionImpl::onConnectionClosed(const std::shared_ptr<Connection> &conn,
+                                     const std::string &reason)
+{
+    bool wasDirectory = false;
+    bool wasPeer = false;
+    std::vector<ServiceEntry> gone;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (conn == m_directory) {
+            wasDirectory = true;
+            m_registeredRemotely.clear();
+        }
+        auto it = m_peers.find(conn->peerId());
+        if (it != m_peers.end() && it->second == conn) {
+            wasPeer = true;
+            m_peers.erase(it);
+        }
+        for (auto s = m_services.begin(); s != m_services.end();) {
+            if (s->second.owner == conn.get()) {
+                gone.push_back(std::move(s->second));
+                s = m_services.erase(s);
+            } else {
+                ++s;
+            }
+        }
+    }
+    for (const ServiceEntry &e : gone)
+        log::LogStream(LogLevel_Info, kSession, __FUNCTION__)
+            << "service \"" << e.name << "\" of " << conn->peerId() << " removed";
+    gone.clear();
+    if (wasDirectory) {
+        log::LogStream(LogLevel_Info, kSession, __FUNCTION__) << reason;
+        emitOwner(&Session::disconnected, reason);
+    }
+    if (wasPeer) {
+        log::LogStream(LogLevel_Info, kSession, __FUNCTION__)
+            << "client " << conn->peerId() << " left: " << reason;
+        emitOwner(&Session::clientDisconnected, conn->peerId());
+    }
+}
+
+unsigned SessionImpl::addService(const std::string &name, const Object &object,
+                                 const Connection *owner, const std::string &endpoint,
+                                 std::string &error)
+{
+    if (name.empty()) {
+        error = "cannot register a service with an empty name";
+        return 0;
+    }
+    if (!object) {
+        error = "cannot register service \"" + name + "\": null object";
+        return 0;
+    }
+    unsigned id;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const auto &s : m_services) {
+            if (s.second.name == name) {
+                error = "service \"" + name + "\" is already registered";
+                return 0;
+            }
+        }
+        id = m_nextServiceId++;
+        m_services[id] = ServiceEntry {id, name, object, owner, endpoint};
+    }
+    object->setDisplayName(name);
+    log::LogStream(LogLevel_Info, kSession, __FUNCTION__)
+        << "service \"" << name << "\" registered (" << endpoint << ")";
+    return id;
+}
+
+std::vector<ServiceInfo> SessionImpl::listServices(bool localOnly) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    std::vector<ServiceInfo> out;
+    for (const auto &s : m_services) {
+        if (localOnly && s.second.owner)
+            continue;
+        out.push_back(ServiceInfo {s.second.name, s.second.id, s.second.endpoint});
+    }
+    return out;
+}
+
+void SessionImpl::handleDirectoryRequest(const std::shared_ptr<Connection> &conn, Message &msg)
+{
+    Message reply;
+    reply.kind = MsgKind::Reply;
+    reply.id = msg.id;
+    auto fail = [&](const std::string &text) {
+        reply.kind = MsgKind::Error;
+        reply.name = text;
+    };
+    switch (msg.kind) {
+    case MsgKind::ServiceLookup: {
+        Object obj;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            for (const auto &s : m_services) {
+                if (s.second.name == msg.name) {
+                    obj = s.second.object;
+                    break;
+                }
+            }
+        }
+        if (obj)
+            reply.value = AnyValue(obj);
+        else
+            fail(serviceNotFoundText(msg.name));
+        break;
+    }
+    case MsgKind::ServicesList: {
+        AnyValue::List list;
+        for (const ServiceInfo &s : listServices(false)) {
+            list.push_back(AnyValue(AnyValue::Map {{"name", AnyValue(s.name)},
+                                                   {"serviceId", AnyValue(s.serviceId)},
+                                                   {"endpoint", AnyValue(s.endpoint)}}));
+        }
+        reply.value = AnyValue(std::move(list));
+        break;
+    }
+    case MsgKind::Register: {
+        if (msg.value.kind() != AnyValue::Kind::Object) {
+            fail("cannot register service \"" + msg.name + "\": the value is not an object");
+            break;
+        }
+        std::string error;
+        const unsigned id
+            = addService(msg.name, msg.value.toObject(), conn.get(), conn->peerId(), error);
+        if (id == 0)
+            fail(error);
+        else
+            reply.value = AnyValue(id);
+        break;
+    }
+    case MsgKind::Unregister: {
+        ServiceEntry gone;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            auto it = m_services.find(static_cast<unsigned>(msg.link));
+            if (it == m_services.end() || it->second.owner != conn.get()) {
+                reply.kind = MsgKind::Error;
+                reply.name
+                    = "no service with id " + std::to_string(msg.link) + " registered by this peer";
+            } else {
+                gone = std::move(it->second);
+                m_services.erase(it);
+            }
+        }
+        break;
+    }
+    default:
+        fail("not a directory request");
+        break;
+    }
+    conn->send(reply);
+}
+
+Future<std::vector<ServiceInfo>> SessionImpl::services(ServiceLocality locality)
+{
+    auto dir = directoryLink();
+    if (!dir)
+        return makeReadyFuture(listServices(locality == ServiceLocality_Local));
+    std::set<unsigned> mine;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        mine = m_registeredRemotely;
+    }
+    Promise<std::vector<ServiceInfo>> p;
+    Message m;
+    m.kind = MsgKind::ServicesList;
+    dir->request(std::move(m),
+                 [p, locality, mine](bool ok, const AnyValue &v, const std::string &e) mutable {
+                     if (!ok) {
+                         p.setError(e);
+                         return;
+                     }
+                     try {
+                         std::vector<ServiceInfo> out;
+                         for (const AnyValue &item : v.toList()) {
+                             ServiceInfo info;
+                             info.name = fromAny<std::string>(item.toMap().at("name"));
+                             info.serviceId = fromAny<unsigned>(item.toMap().at("serviceId"));
+                             info.endpoint = fromAny<std::string>(item.toMap().at("endpoint"));
+                             if (locality == ServiceLocality_Local && !mine.count(info.serviceId))
+                                 continue;
+                             out.push_back(std::move(info));
+                         }
+                         p.setValue(std::move(out));
+                     } catch (const std::exception &ex) {
+                         p.setError(std::string("malformed services list from the directory: ")
+                                    + ex.what());
+                     }
+                 });
+    return p.future();
+}
+
+Future<Object> SessionImpl::service(const std::string &name)
+{
+    auto dir = directoryLink();
+    if (!dir) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (const auto &s : m_services) {
+            if (s.second.name == name)
+                return makeReadyFuture(s.second.object);
+        }
+        return makeFutureError<Object>(serviceNotFoundText(name));
+    }
+    Promise<Object> p;
+    Message m;
+    m.kind = MsgKind::ServiceLookup;
+    m.name = name;
+    dir->request(std::move(m), [p, name](bool ok, const AnyValue &v, const std::string &e) mutable {
+        if (!ok) {
+            p.setError(e);
+        } else if (v.kind() != AnyValue::Kind::Object) {
+            p.setError("the directory answered the lookup of \"" + name + "\" with " + v.repr());
+        } else {
+            Object obj = v.toObject();
+            if (obj->isRemote())
+                obj->setDisplayName(name);
+            p.setValue(obj);
+        }
+    });
+    return p.future();
+}
+
+Future<unsigned int> SessionImpl::registerService(const std::string &name, Object object)
+{
+    auto dir = directoryLink();
+    if (!dir) {
+        std::string error;
+        const unsigned id = addService(name, object, nullptr, "local", error);
+        if (id == 0)
+            return makeFutureError<unsigned int>(error);
+        return makeReadyFuture(id);
+    }
+    if (!object)
+        return makeFutureError<unsigned int>("cannot register service \"" + name
+                                             + "\": null object");
+    Promise<unsigned int> p;
+    Message m;
+    m.kind = MsgKind::Register;
+    m.name = name;
+    m.value = AnyValue(object);
+    std::weak_ptr<SessionImpl> weak = shared_from_this();
+    dir->request(std::move(m), [p, weak](bool ok, const AnyValue &v, const std::string &e) mutable {
+        if (!ok) {
+            p.setError(e);
+            return;
+        }
+        try {
+            const unsigned id = fromAny<unsigned>(v);
+            if (auto self = weak.lock()) {
+                std::lock_guard<std::mutex> lock(self->m_mutex);
+                self->m_registeredRemotely.insert(id);
+            }
+            p.setValue(id);
+        } catch (const std::exception &ex) {
+            p.setError(std::string("malformed answer to a registration: ") + ex.what());
+        }
+    });
+    return p.future();
+}
+
+Future<void> SessionImpl::unregisterService(unsigned int id)
+{
+    auto dir = directoryLink();
+    if (!dir) {
+        ServiceEntry gone;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            auto it = m_services.find(id);
+            if (it == m_services.end() || it->second.owner)
+                return makeFutureError<void>("no service with id " + std::to_string(id)
+                                             + " registered by this session");
+            gone = std::move(it->second);
+            m_services.erase(it);
+        }
+        return makeReadyFuture();
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_registeredRemotely.erase(id);
+    }
+    Message m;
+    m.kind = MsgKind::Unregister;
+    m.link = id;
+    return convertFuture<void>(dir->call(std::move(m)));
+}
+
+} // namespace detail
+
+// ---- Session -------------------------------------------------------------------------
+
+Session::Session() : d(std::make_shared<detail::SessionImpl>(this)) { }
+
+Session::~Session()
+{
+    d->close("disconnected: session closed");
+    d->detachOwner();
+}
+
+Future<void> Session::listen(const Url &url)
+{
+    return d->listen(url);
+}
+
+Future<void> Session::connect(const Url &url)
+{
+    return d->connect(url);
+}
+
 Future<void> Session::close()
 {
-    notYet();
+    d->close("disconnected: session closed");
+    return makeReadyFuture();
 }
+
 bool Session::isConnected() const
 {
-    notYet();
+    return d->isConnected();
 }
+
 Url Session::url() const
 {
-    notYet();
+    return d->url();
 }
+
 std::vector<Url> Session::endpoints() const
 {
-    notYet();
+    return d->endpoints();
 }
-Future<std::vector<ServiceInfo>> Session::services(ServiceLocality)
+
+Future<std::vector<ServiceInfo>> Session::services(ServiceLocality locality)
 {
-    notYet();
+    return d->services(locality);
 }
-Future<Object> Session::service(const std::string &, const std::string &)
+
+Future<Object> Session::service(const std::string &name, const std::string &)
 {
-    notYet();
+    return d->service(name);
 }
-Future<unsigned int> Session::registerService(const std::string &, Object)
+
+Future<unsigned int> Session::registerService(const std::string &name, Object object)
 {
-    notYet();
+    return d->registerService(name, std::move(object));
 }
-Future<void> Session::unregisterService(unsigned int)
+
+Future<void> Session::unregisterService(unsigned int id)
 {
-    notYet();
+    return d->unregisterService(id);
 }
+
 std::vector<std::string> Session::clients() const
 {
-    notYet();
+    return d->clients();
 }
-void Session::closeClient(const std::string &)
+
+void Session::closeClient(const std::string &peer)
 {
-    notYet();
+    d->closeClient(peer);
 }
-void Session::stallClient(const std::string &, bool)
+
+void Session::stallClient(const std::string &peer, bool stalled)
 {
-    notYet();
+    d->stallClient(peer, stalled);
 }
-void Session::sendRaw(const std::string &, const std::string &)
+
+void Session::sendRaw(const std::string &peer, const std::string &bytes)
 {
-    notYet();
+    d->sendRaw(peer, bytes);
 }
+
 std::string Session::currentCaller()
 {
-    notYet();
+    return detail::currentCallerId();
 }
-void Session::setHeartbeat(std::chrono::milliseconds, std::chrono::milliseconds)
+
+void Session::setHeartbeat(std::chrono::milliseconds interval, std::chrono::milliseconds timeout)
 {
-    notYet();
+    d->setHeartbeat(detail::Connection::Heartbeat {interval, timeout});
 }
 
 } // namespace wz

@@ -1,0 +1,213 @@
+#pragma once
+
+// One TCP link to a peer and the objects reached over it.
+
+#include "runtime.h"
+#include "wire.h"
+
+#include <wz/future.h>
+#include <wz/object.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace wz {
+namespace detail {
+
+// The process-wide I/O thread. It reads, decodes, writes and completes
+// futures; it never runs user code.
+class IoRuntime
+{
+public:
+    static IoRuntime &instance();
+    boost::asio::io_context &context() { return m_io; }
+    bool onIoThread() const;
+
+private:
+    IoRuntime();
+    boost::asio::io_context m_io;
+    std::unique_ptr<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>>
+        m_work;
+    std::atomic<std::thread::id> m_threadId;
+};
+
+class Connection;
+class SessionImpl;
+
+// Sets the caller id seen by Session::currentCaller() for one task.
+class CallerScope
+{
+public:
+    explicit CallerScope(const std::string &peer);
+    ~CallerScope();
+
+private:
+    std::string m_previous;
+};
+
+// Called with the outcome of a request: ok and the value, or the error text.
+using Done = std::function<void(bool ok, const AnyValue &value, const std::string &error)>;
+
+class Connection : public std::enable_shared_from_this<Connection>, public ObjectCodec
+{
+public:
+    struct Heartbeat
+    {
+        std::chrono::milliseconds interval {2000};
+        std::chrono::milliseconds timeout {8000};
+    };
+
+    Connection(std::weak_ptr<SessionImpl> session, boost::asio::ip::tcp::socket socket,
+               std::string peerId, Heartbeat heartbeat);
+    ~Connection() override;
+
+    // On the I/O thread: starts reading and the heartbeat.
+    void start();
+
+    const std::string &peerId() const { return m_peerId; }
+    bool isOpen() const { return m_open.load(); }
+    std::string closeReason() const;
+
+    // Fire and forget; false when the link is gone (or the message could not be encoded).
+    bool send(const Message &msg);
+    // A request expecting a Reply or Error; `done` runs on the completing
+    // thread (usually the I/O thread) and must not block.
+    uint64_t request(Message msg, Done done);
+    // Forgets the request and tells the peer.
+    void cancelRequest(uint64_t id);
+    // A call as a future, cancelable.
+    Future<AnyValue> call(Message msg);
+
+    enum class CloseMode { Graceful, Quiet, Reset };
+    // Thread-safe, idempotent, never waits. Fails every request in flight
+    // with `reason`.
+    void close(const std::string &reason, CloseMode mode = CloseMode::Quiet);
+
+    void setStalled(bool stalled);
+    void sendRaw(const std::string &bytes);
+    void setHeartbeat(Heartbeat heartbeat);
+
+    // Signal subscriptions held by remote proxies over this link.
+    void addHeldSubscription(uint64_t link, uint64_t objectId,
+                             boost::shared_ptr<GenericObject> proxy, GenericCallback cb);
+    void removeHeldSubscription(uint64_t link);
+    void forgetImport(uint64_t id, const GenericObject *proxy, uint64_t received);
+
+    // ObjectCodec
+    bool peerObjectId(const GenericObject &obj, uint64_t &id) override;
+    uint64_t exportObject(const boost::shared_ptr<GenericObject> &obj) override;
+    AnyValue importObject(uint64_t id, MetaObject meta) override;
+    AnyValue ownObject(uint64_t id) override;
+
+private:
+    struct Queued
+    {
+        std::shared_ptr<FrameBuffer> frame; // or raw bytes
+        std::string raw;
+        size_t offset = 0;
+        size_t size() const { return frame ? frame->size() : raw.size(); }
+    };
+    struct Export
+    {
+        boost::shared_ptr<GenericObject> object;
+        uint64_t count = 0;
+    };
+    struct Import
+    {
+        boost::weak_ptr<GenericObject> proxy;
+        const GenericObject *raw = nullptr;
+    };
+    struct Served
+    {
+        boost::shared_ptr<GenericObject> object;
+        uint64_t objectId = 0;
+        SignalLink localLink = 0;
+    };
+    struct Held
+    {
+        uint64_t objectId = 0;
+        boost::shared_ptr<GenericObject> proxy;
+        GenericCallback callback;
+    };
+
+    // Writing: direct from the caller when the socket takes the bytes, else
+    // queued for the I/O thread. Returns false when the link is gone.
+    bool write(std::shared_ptr<FrameBuffer> frame, std::string raw);
+    bool flushLocked(std::string &error);
+    void scheduleFlush();
+    void onWritable(const boost::system::error_code &ec);
+
+    void readSome();
+    void onRead(const boost::system::error_code &ec, size_t n);
+    void processInput();
+    void readLargeFrame(size_t bodySize);
+    void handleFrame(const std::shared_ptr<const void> &owner, const char *body, size_t size);
+    void dispatch(Message &msg);
+    void armHeartbeat();
+    void onHeartbeat();
+    void protocolError(const std::string &why);
+    void failRead(const boost::system::error_code &ec);
+
+    boost::shared_ptr<GenericObject> findExport(uint64_t id);
+    void sendResult(uint64_t id, const Future<AnyValue> &f);
+    void sendError(uint64_t id, const std::string &text);
+    std::shared_ptr<SerialQueue> queueFor(std::map<uint64_t, std::shared_ptr<SerialQueue>> &m,
+                                          uint64_t id);
+    void serveCall(Message &msg, boost::shared_ptr<GenericObject> obj);
+    void serveSubscribe(Message &msg, boost::shared_ptr<GenericObject> obj);
+    void releaseExport(uint64_t id, uint64_t count);
+
+    std::weak_ptr<SessionImpl> m_session;
+    boost::asio::ip::tcp::socket m_socket;
+    const int m_fd;
+    const std::string m_peerId;
+    boost::asio::steady_timer m_timer;
+
+    std::atomic<bool> m_open {true};
+    std::atomic<bool> m_stalled {false};
+    std::atomic<int64_t> m_lastReceived;
+    std::atomic<int64_t> m_lastSent;
+    std::atomic<int64_t> m_intervalMs;
+    std::atomic<int64_t> m_timeoutMs;
+
+    // Write side.
+    std::mutex m_writeMutex;
+    bool m_closed = false;
+    bool m_flushScheduled = false;
+    std::deque<Queued> m_queue;
+    size_t m_queuedBytes = 0;
+
+    // Read side (I/O thread only).
+    std::unique_ptr<char[]> m_rx;
+    size_t m_rxBegin = 0;
+    size_t m_rxEnd = 0;
+    bool m_reading = false;
+
+    // Objects and requests.
+    mutable std::mutex m_mutex;
+    std::string m_reason;
+    uint64_t m_nextRequest = 1;
+    std::map<uint64_t, Done> m_pending;
+    std::map<uint64_t, Future<AnyValue>> m_incoming;
+    std::map<uint64_t, Export> m_exports;
+    std::map<uint64_t, Import> m_imports;
+    std::map<uint64_t, Served> m_served;
+    std::map<uint64_t, Held> m_held;
+    std::map<uint64_t, std::shared_ptr<SerialQueue>> m_postQueues;
+    std::map<uint64_t, std::shared_ptr<SerialQueue>> m_emitQueues;
+};
+
+} // namespace detail
+} // namespace wz

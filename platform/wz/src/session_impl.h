@@ -1,0 +1,86 @@
+#pragma once
+
+#include "connection.h"
+
+#include <wz/session.h>
+
+#include <boost/asio/ip/tcp.hpp>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace wz {
+namespace detail {
+
+class SessionImpl : public std::enable_shared_from_this<SessionImpl>
+{
+public:
+    explicit SessionImpl(Session *owner);
+    ~SessionImpl();
+
+    Future<void> listen(const Url &url);
+    Future<void> connect(const Url &url);
+    void close(const std::string &reason);
+    bool isConnected() const;
+    Url url() const;
+    std::vector<Url> endpoints() const;
+
+    Future<std::vector<ServiceInfo>> services(ServiceLocality locality);
+    Future<Object> service(const std::string &name);
+    Future<unsigned int> registerService(const std::string &name, Object object);
+    Future<void> unregisterService(unsigned int id);
+
+    std::vector<std::string> clients() const;
+    void closeClient(const std::string &peer);
+    void stallClient(const std::string &peer, bool stalled);
+    void sendRaw(const std::string &peer, const std::string &bytes);
+    void setHeartbeat(Connection::Heartbeat heartbeat);
+    void detachOwner();
+
+    // From connections (any thread).
+    void onConnectionClosed(const std::shared_ptr<Connection> &conn, const std::string &reason);
+    // On the I/O thread.
+    void handleDirectoryRequest(const std::shared_ptr<Connection> &conn, Message &msg);
+
+private:
+    struct ServiceEntry
+    {
+        unsigned id = 0;
+        std::string name;
+        Object object;
+        const Connection *owner = nullptr; // null: registered by this session
+        std::string endpoint;
+    };
+
+    void startAccept(std::shared_ptr<boost::asio::ip::tcp::acceptor> acceptor);
+    void onAccepted(boost::asio::ip::tcp::socket socket);
+    void emitOwner(Signal<std::string> Session::*signal, const std::string &arg);
+    std::shared_ptr<Connection> findPeer(const std::string &peer) const;
+    std::shared_ptr<Connection> directoryLink() const;
+    // Returns the new id, or 0 with `error` set.
+    unsigned addService(const std::string &name, const Object &object, const Connection *owner,
+                        const std::string &endpoint, std::string &error);
+    std::vector<ServiceInfo> listServices(bool localOnly) const;
+
+    mutable std::mutex m_mutex;
+    std::recursive_mutex m_ownerMutex;
+    Session *m_owner;
+    std::shared_ptr<SerialQueue> m_signals;
+
+    std::vector<std::shared_ptr<boost::asio::ip::tcp::acceptor>> m_acceptors;
+    std::vector<Url> m_endpoints;
+    std::shared_ptr<Connection> m_directory;
+    Url m_directoryUrl;
+    std::map<std::string, std::shared_ptr<Connection>> m_peers;
+    std::map<unsigned, ServiceEntry> m_services;
+    unsigned m_nextServiceId = 1;
+    std::set<unsigned> m_registeredRemotely;
+    Connection::Heartbeat m_heartbeat;
+};
+
+} // namespace detail
+} // namespace wz
