@@ -20,7 +20,8 @@ std::string classify(const std::string &text, const wz::Object &object, const st
         return "call canceled";
     if (startsWith(text, "disconnected") || startsWith(text, "promise broken"))
         return "connection lost";
-    if (startsWith(text, "method \"") && text.find("\" not found on \"") != std::string::npos) {
+    if (startsWith(text, "method \"")
+        && text.find(" argument(s) not found on \"") != std::string::npos) {
         std::vector<wz::MetaMethod> overloads;
         try {
             overloads = object.metaObject().findMethod(method);

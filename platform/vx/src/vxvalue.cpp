@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ostream>
 
 namespace VX {
 
@@ -394,6 +395,11 @@ std::string VXValue::toString(int verbosity) const
 bool VXValue::operator==(const VXValue &other) const
 {
     return m_data == other.m_data;
+}
+
+std::ostream &operator<<(std::ostream &out, const VXValue &value)
+{
+    return out << value.toString(1);
 }
 
 } // namespace VX

@@ -6,6 +6,7 @@
 #include <wz/any_value.h>
 
 #include <cstddef>
+#include <iosfwd>
 #include <limits>
 #include <string>
 #include <type_traits>
@@ -135,6 +136,9 @@ private:
     std::variant<std::monostate, bool, int, float, std::string, wz::Buffer, std::vector<VXValue>>
         m_data;
 };
+
+// Writes toString(1), so that a value can go straight into a log line.
+VX_API std::ostream &operator<<(std::ostream &out, const VXValue &value);
 
 } // namespace VX
 
