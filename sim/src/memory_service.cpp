@@ -383,7 +383,9 @@ void MemoryService::subscribe(const std::string &name, const std::string &module
     unsigned serviceId = 0;
     try {
         object = robot().session().service(module).value(kLookupTimeoutMs);
-        for (const wz::ServiceInfo &info : robot().session().services().value(kLookupTimeoutMs)) {
+        const std::vector<wz::ServiceInfo> services
+            = robot().session().services().value(kLookupTimeoutMs);
+        for (const wz::ServiceInfo &info : services) {
             if (info.name == module) {
                 endpoint = info.endpoint;
                 serviceId = info.serviceId;

@@ -86,7 +86,8 @@ inline bool waitUntil(const std::function<bool()> &done, std::chrono::millisecon
 
 inline bool listed(wz::Session &session, const std::string &name)
 {
-    for (const wz::ServiceInfo &s : session.services().value(10000)) {
+    const std::vector<wz::ServiceInfo> services = session.services().value(10000);
+    for (const wz::ServiceInfo &s : services) {
         if (s.name == name)
             return true;
     }
