@@ -4,6 +4,8 @@
 #include <connection/future_interface.h>
 #include <connection/future_list_watcher.h>
 
+#include <QCoreApplication>
+#include <QEvent>
 #include <QFuture>
 #include <QObject>
 #include <QString>
@@ -65,6 +67,9 @@ public:
         delete m_futureListWatcher;
         m_futureListWatcher = nullptr;
         m_thread->exit(0);
+        // Requests already queued could still be delivered with the slot that
+        // is running; drop them, so that only that slot is waited for.
+        QCoreApplication::removePostedEvents(m_executer.get(), QEvent::MetaCall);
         m_thread->wait();
         m_executer.reset();
         m_thread.reset();

@@ -1,0 +1,34 @@
+#include "commands.h"
+
+namespace console {
+
+// The command table: one line per command, NAME(usage, summary). Command
+// NAME lives in NAME_command.cpp as `int NAMECommand(Console &, const QStringList &)`.
+#define NIMIOB_CONSOLE_COMMANDS(X) \
+    X(status, "", \
+      "connect, print the robot's version, the compatibility verdict, the bound and missing " \
+      "services and the two-way test, then disconnect")
+
+#define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
+    int name##Command(Console &console, const QStringList &arguments);
+NIMIOB_CONSOLE_COMMANDS(NIMIOB_DECLARE_COMMAND)
+#undef NIMIOB_DECLARE_COMMAND
+
+const std::vector<Command> &commands()
+{
+#define NIMIOB_COMMAND_ENTRY(name, usage, summary) Command {#name, usage, summary, &name##Command},
+    static const std::vector<Command> table {NIMIOB_CONSOLE_COMMANDS(NIMIOB_COMMAND_ENTRY)};
+#undef NIMIOB_COMMAND_ENTRY
+    return table;
+}
+
+const Command *findCommand(const QString &name)
+{
+    for (const Command &command : commands()) {
+        if (name == QLatin1String(command.name))
+            return &command;
+    }
+    return nullptr;
+}
+
+} // namespace console

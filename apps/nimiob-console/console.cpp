@@ -1,0 +1,142 @@
+#include "console.h"
+
+#include <connection/connection_threads_manager.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QTimer>
+
+// The robot's headers name members "signals", a Qt keyword macro.
+#pragma push_macro("signals")
+#undef signals
+#include <sim/robot.h>
+#pragma pop_macro("signals")
+
+#include <exception>
+
+namespace console {
+
+Console::Console(Options options, QTextStream &out, QTextStream &err)
+    : m_options(std::move(options)), m_out(out), m_err(err)
+{ }
+
+Console::~Console()
+{
+    // The manager before the robot: its workers may still hold a session to it.
+    m_manager.reset();
+    m_robot.reset();
+}
+
+bool Console::start()
+{
+    if (m_options.embedded) {
+        try {
+            m_robot = std::make_unique<sim::Robot>();
+            m_robot->start();
+        } catch (const std::exception &e) {
+            m_err << "error: the embedded robot could not start: " << e.what() << Qt::endl;
+            return false;
+        }
+        m_options.host = QString::fromStdString(m_robot->url().host());
+        m_options.port = m_robot->url().port();
+        if (m_options.name.isEmpty())
+            m_options.name = QStringLiteral("embedded robot");
+    }
+    if (m_options.name.isEmpty())
+        m_options.name = m_options.host;
+
+    m_manager = std::make_unique<RK::ConnectionManager>();
+    QObject::connect(m_manager.get(), &RK::ConnectionManager::displayErrorRequested,
+                     [this](const QString &title, const QString &contents, const QString &details,
+                            bool checkWarningEnable) {
+                         m_errors.push_back({title, contents, details, checkWarningEnable});
+                     });
+    QObject::connect(m_manager.get(), &RK::ConnectionManager::connectionTested,
+                     [this](bool success) {
+                         m_tested = true;
+                         m_testPassed = success;
+                     });
+    return true;
+}
+
+bool Console::connectToRobot()
+{
+    bool established = false;
+    bool failed = false;
+    QMetaObject::Connection onEstablished
+        = QObject::connect(m_manager.get(), &RK::ConnectionManager::connectionEstablished,
+                           [&established] { established = true; });
+    QMetaObject::Connection onDisconnected = QObject::connect(
+        m_manager.get(), &RK::ConnectionManager::disconnected, [&failed] { failed = true; });
+    const size_t errorsBefore = m_errors.size();
+
+    m_out << "Connecting to " << m_options.host << ':' << m_options.port << " as \""
+          << m_options.name << "\" " << Qt::flush;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    // One dot per readiness step while the worker waits for the robot.
+    QTimer progress;
+    QObject::connect(&progress, &QTimer::timeout, [this] { m_out << '.' << Qt::flush; });
+    progress.start(250);
+
+    m_manager->connectRemoteBroker(m_options.host.toStdString(), m_options.port, m_options.name);
+    // A refused attempt (too many workers) never ends by itself.
+    waitUntil([&] { return established || failed || m_errors.size() > errorsBefore; }, 60000);
+    progress.stop();
+    QObject::disconnect(onEstablished);
+    QObject::disconnect(onDisconnected);
+
+    if (established) {
+        m_out << " connected in " << QString::number(elapsed.elapsed() / 1000.0, 'f', 2) << " s"
+              << Qt::endl;
+        return true;
+    }
+    m_out << " failed" << Qt::endl;
+    if (m_errors.size() > errorsBefore) {
+        printError(m_errors.back());
+    } else {
+        m_err << "error: no answer from the robot within 60 s" << Qt::endl;
+    }
+    return false;
+}
+
+void Console::disconnectFromRobot()
+{
+    if (!m_manager)
+        return;
+    m_manager->disconnectBroker();
+    // The worker closes the session after disconnected(): wait for it, so that
+    // the robot sees a goodbye rather than a vanished peer.
+    const RK::ConnectionThreadsManager *workers
+        = m_manager->findChild<RK::ConnectionThreadsManager *>();
+    if (workers && !waitUntil([workers] { return workers->threads().isEmpty(); }, 30000))
+        m_err << "warning: the connection was still closing after 30 s" << Qt::endl;
+}
+
+void Console::printError(const Error &error)
+{
+    m_err << "error: " << error.title << ": " << error.contents << Qt::endl;
+    if (!error.details.isEmpty()) {
+        const QStringList lines = error.details.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        for (const QString &line : lines)
+            m_err << "  " << line << Qt::endl;
+    }
+}
+
+bool Console::waitUntil(const std::function<bool()> &done, int timeoutMs)
+{
+    QDeadlineTimer deadline(timeoutMs);
+    // Wakes the wait below now and then, when no event comes to do it.
+    QTimer wake;
+    wake.start(50);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return true;
+}
+
+} // namespace console

@@ -1,0 +1,185 @@
+#pragma once
+
+// One simulated robot per test binary, and a recorder of everything a
+// connection manager tells its application, in order.
+
+#include <connection/connection_manager.h>
+#include <connection/connection_thread.h>
+#include <connection/connection_threads_manager.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QStringList>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+// The robot's headers name members "signals", a Qt keyword macro.
+#pragma push_macro("signals")
+#undef signals
+#include <sim/robot.h>
+#pragma pop_macro("signals")
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace test {
+
+// Runs this thread's events until `done` holds; false after `ms`.
+inline bool processUntil(const std::function<bool()> &done, int ms = 10000)
+{
+    QDeadlineTimer deadline(ms);
+    QTimer wake;
+    wake.start(5);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return true;
+}
+
+inline void settle(int ms)
+{
+    QDeadlineTimer deadline(ms);
+    processUntil([&deadline] { return deadline.hasExpired(); }, ms + 1000);
+}
+
+struct Error
+{
+    QString title;
+    QString contents;
+    QString details;
+    bool checkWarningEnable = false;
+};
+
+class Recorder
+{
+public:
+    Recorder() : manager(std::make_unique<RK::ConnectionManager>())
+    {
+        RK::ConnectionManager *m = manager.get();
+        QObject::connect(m, &RK::ConnectionManager::connecting, [this](bool on) {
+            events << QStringLiteral("connecting(%1)").arg(on ? "true" : "false");
+        });
+        QObject::connect(m, &RK::ConnectionManager::connectionEstablished,
+                         [this] { events << QStringLiteral("connectionEstablished"); });
+        QObject::connect(m, &RK::ConnectionManager::connectionTested, [this](bool ok) {
+            events << QStringLiteral("connectionTested(%1)").arg(ok ? "true" : "false");
+        });
+        QObject::connect(m, &RK::ConnectionManager::disconnected,
+                         [this] { events << QStringLiteral("disconnected"); });
+        QObject::connect(m, &RK::ConnectionManager::connectionLost,
+                         [this] { events << QStringLiteral("connectionLost"); });
+        QObject::connect(m, &RK::ConnectionManager::displayErrorRequested,
+                         [this](const QString &title, const QString &contents,
+                                const QString &details, bool check) {
+                             errors.push_back({title, contents, details, check});
+                             events << QStringLiteral("displayErrorRequested");
+                         });
+    }
+
+    ~Recorder()
+    {
+        if (!manager)
+            return;
+        // Leave no worker behind for the next case.
+        manager->disconnectBroker();
+        processUntil([this] { return workerCount() == 0; }, 30000);
+    }
+
+    RK::ConnectionThreadsManager *threadsManager() const
+    {
+        return manager->findChild<RK::ConnectionThreadsManager *>();
+    }
+    int workerCount() const { return threadsManager()->threads().size(); }
+
+    void connectTo(const sim::Robot &robot, const QString &name = QStringLiteral("test robot"))
+    {
+        manager->connectRemoteBroker(robot.url().host(), robot.url().port(), name);
+    }
+
+    bool waitFor(const QString &event, int ms = 10000)
+    {
+        return processUntil([this, &event] { return events.contains(event); }, ms);
+    }
+    int count(const QString &event) const { return events.count(event); }
+
+    // Connects and waits for the outcome of the attempt and, on success, for
+    // the outcome of the two-way test that follows it.
+    bool connectAndWait(const sim::Robot &robot)
+    {
+        const QString established = QStringLiteral("connectionEstablished");
+        const QString down = QStringLiteral("disconnected");
+        const int establishedBefore = count(established);
+        const int downBefore = count(down);
+        const int testedBefore = tested();
+        connectTo(robot);
+        if (!processUntil(
+                [&] { return count(established) > establishedBefore || count(down) > downBefore; }))
+            return false;
+        if (count(established) == establishedBefore)
+            return false;
+        return processUntil([&] { return tested() > testedBefore; });
+    }
+
+    int tested() const
+    {
+        return count(QStringLiteral("connectionTested(true)"))
+            + count(QStringLiteral("connectionTested(false)"));
+    }
+
+    // Disconnects and waits until every worker has closed its session.
+    bool disconnectAndWait()
+    {
+        manager->disconnectBroker();
+        return processUntil([this] { return workerCount() == 0; }, 30000);
+    }
+
+    std::unique_ptr<RK::ConnectionManager> manager;
+    QStringList events;
+    std::vector<Error> errors;
+};
+
+// One robot for the whole binary: cases change its scenario, and each case
+// starts from its own behaviour again.
+class RobotTest : public ::testing::Test
+{
+public:
+    static void SetUpTestSuite()
+    {
+        s_robot = new sim::Robot();
+        s_robot->start();
+    }
+    static void TearDownTestSuite()
+    {
+        delete s_robot;
+        s_robot = nullptr;
+    }
+
+protected:
+    void SetUp() override
+    {
+        robot().scenario().reset();
+        robot().scenario().releaseReadiness();
+    }
+    void TearDown() override
+    {
+        robot().scenario().reset();
+        robot().scenario().releaseReadiness();
+        // No client of this case may linger into the next one.
+        processUntil([] { return robot().scenario().clients().empty(); }, 10000);
+    }
+
+    static sim::Robot &robot() { return *s_robot; }
+    static int robotPort() { return robot().url().port(); }
+
+    static sim::Robot *s_robot;
+};
+
+inline sim::Robot *RobotTest::s_robot = nullptr;
+
+} // namespace test
