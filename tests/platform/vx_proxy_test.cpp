@@ -388,6 +388,8 @@ TEST(VXProxyOverTcp, ALostConnectionFailsCallsInFlightAndLater)
     EXPECT_TRUE(contains(lost, "VXMemory.slow: connection lost: disconnected")) << lost;
     const std::string later = errorOf([&] { proxy.call<std::string>("version"); });
     EXPECT_TRUE(contains(later, "VXMemory.version: connection lost: disconnected")) << later;
+    const std::string posted = errorOf([&] { proxy.pCall("record", VXValue(1)); });
+    EXPECT_TRUE(contains(posted, "VXMemory.record: connection lost: disconnected")) << posted;
 
     {
         std::lock_guard<std::mutex> lock(rec->mutex);

@@ -143,6 +143,8 @@ struct ListenerShared
                 bool send;
                 {
                     std::lock_guard<std::mutex> lock(mutex);
+                    if (stopping)
+                        return;
                     send = passes(m, verbosity);
                 }
                 if (!send)
