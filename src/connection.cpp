@@ -1,5 +1,4 @@
 #include <connection/connection.h>
-#include <connection/memory_interface.h>
 #include <connection/platform.h>
 
 #include <QCoreApplication>
@@ -263,7 +262,7 @@ void Connection::buildInterfaces()
     (void)self;
 
     // [1 MemoryInterface] always:
-    m_memoryInterface = boost::make_shared<MemoryInterface>(self);
+    //   m_memoryInterface = boost::make_shared<MemoryInterface>(self);
 
     // [2 SartelModuleInterface] always:
     //   m_sartelModuleInterface = boost::make_shared<SartelModuleInterface>(self);
