@@ -1120,7 +1120,13 @@ void Connection::dispatch(Message &msg)
     case MsgKind::Goodbye:
         log::LogStream(LogLevel_Info, kTransport, __FUNCTION__)
             << m_peerId << " said goodbye: " << msg.name;
-        close("disconnected: the peer closed the connection (" + msg.name + ")", CloseMode::Quiet);
+        {
+            // The peer's own reason starts with "disconnected: " too; say it once.
+            std::string why = msg.name;
+            if (why.rfind("disconnected: ", 0) == 0)
+                why = why.substr(14);
+            close("disconnected: the peer closed the connection (" + why + ")", CloseMode::Quiet);
+        }
         return;
     case MsgKind::Release:
         releaseExport(msg.object, msg.link);
