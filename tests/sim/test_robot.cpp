@@ -99,9 +99,9 @@ TEST_F(SimRobot, OffersEveryServiceABindingLooksFor)
     EXPECT_EQ(battery.call<int>("getBatteryCharge"), 87);
 
     // A service nobody has filled in yet answers as an older robot would.
-    const wz::Object motion = client->service("VXMotion").value(10000);
-    EXPECT_EQ(callError(motion, "getAngles", {AnyValue("Body"), AnyValue(true)}),
-              wz::methodNotFoundText("getAngles", 2, "VXMotion"));
+    const wz::Object dcm = client->service("DCM").value(10000);
+    EXPECT_EQ(callError(dcm, "notInThisRelease", {AnyValue("Body"), AnyValue(true)}),
+              wz::methodNotFoundText("notInThisRelease", 2, "DCM"));
     EXPECT_EQ(client->service("VXNoSuch").error(10000), wz::serviceNotFoundText("VXNoSuch"));
 }
 
@@ -244,11 +244,11 @@ TEST_F(SimRobot, InjectedMethodFaults)
     EXPECT_EQ(back.call<int>("getBatteryCharge"), 87);
 
     // A method the service lacks can be added for a test.
-    s.addMethod("VXMotion", "getAngles", 2, [](const sim::Args &a) {
+    s.addMethod("VXBattery", "getCellVoltages", 2, [](const sim::Args &a) {
         return AnyValue(AnyValue::List {AnyValue(a.at(0).toStr().size() * 0.5)});
     });
-    const wz::Object motion = client->service("VXMotion").value(10000);
-    EXPECT_EQ(motion.call<std::vector<double>>("getAngles", "Head", true),
+    const wz::Object withCells = client->service("VXBattery").value(10000);
+    EXPECT_EQ(withCells.call<std::vector<double>>("getCellVoltages", "Head", true),
               std::vector<double> {2.0});
 }
 

@@ -13,6 +13,18 @@ using wz::AnyValue;
 
 namespace {
 
+// A robot of its own services only, so that these tests do not follow the catalogue.
+sim::RobotOptions smallRobot()
+{
+    sim::RobotOptions o;
+    o.services = {
+        {"VXMemory", [] { return std::make_unique<sim::MemoryService>(); }},
+        {"VXBattery", [] { return std::make_unique<sim::BatteryService>(); }},
+        {"VXEmpty", [] { return std::make_unique<sim::PlaceholderService>("VXEmpty"); }},
+    };
+    return o;
+}
+
 std::string errorOf(const std::function<void()> &f)
 {
     try {
@@ -45,7 +57,7 @@ TEST(ScenarioJson, ValuesKeepTheirShape)
 
 TEST(ScenarioFile, AppliesEveryKindOfEntry)
 {
-    sim::Robot robot;
+    sim::Robot robot(smallRobot());
     robot.scenario().applyJson(R"({
         "version": "2.2.0.1",
         "readiness": {"hold": true},
@@ -67,7 +79,7 @@ TEST(ScenarioFile, AppliesEveryKindOfEntry)
 
 TEST(ScenarioFile, RejectsMistakesAndChangesNothing)
 {
-    sim::Robot robot;
+    sim::Robot robot(smallRobot());
     struct Case
     {
         const char *json;
@@ -101,13 +113,13 @@ TEST(ScenarioFile, RejectsMistakesAndChangesNothing)
 
 TEST(ScenarioFile, ServiceSettingsAreChecked)
 {
-    sim::Robot robot;
+    sim::Robot robot(smallRobot());
     EXPECT_NE(errorOf([&] {
                   robot.scenario().applyJson(R"({"services": {"VXBattery": {"charge": 300}}})");
               }).find("0 to 100"),
               std::string::npos);
     EXPECT_NE(errorOf([&] {
-                  robot.scenario().applyJson(R"({"services": {"VXMotion": {"x": 1}}})");
+                  robot.scenario().applyJson(R"({"services": {"VXEmpty": {"x": 1}}})");
               }).find("takes no settings"),
               std::string::npos);
     EXPECT_EQ(robot.serviceAs<sim::BatteryService>("VXBattery")->charge(), 87);
@@ -121,7 +133,7 @@ TEST(ScenarioFile, LoadsFromDiskAndNamesTheFileInErrors)
     const std::string bad = dir.filePath("bad.json").toStdString();
     std::ofstream(good) << R"({"keys": {"From/File": true}})";
     std::ofstream(bad) << R"({"keys": )";
-    sim::Robot robot;
+    sim::Robot robot(smallRobot());
     robot.scenario().loadFile(good);
     EXPECT_TRUE(robot.memory().getData("From/File").toBool());
     EXPECT_NE(errorOf([&] { robot.scenario().loadFile(bad); }).find(bad), std::string::npos);
@@ -132,21 +144,21 @@ TEST(ScenarioFile, LoadsFromDiskAndNamesTheFileInErrors)
 
 TEST(ScenarioControl, RulesNeedARealServiceAndMethod)
 {
-    sim::Robot robot;
+    sim::Robot robot(smallRobot());
     sim::Scenario &s = robot.scenario();
     EXPECT_THROW(s.failMethod("VXMemory", "getDta", "x"), std::invalid_argument);
     EXPECT_THROW(s.omitService("VXMemmory"), std::invalid_argument);
-    s.addMethod("VXMotion", "getAngles", 1, [](const sim::Args &) { return AnyValue(1.5); });
-    EXPECT_TRUE(robot.offersMethod("VXMotion", "getAngles"));
-    s.failMethod("VXMotion", "getAngles", "motors off");
-    s.restoreMethod("VXMotion", "getAngles");
-    EXPECT_FALSE(robot.offersMethod("VXMotion", "getAngles"));
-    EXPECT_FALSE(s.ruleFor("VXMotion", "getAngles"));
+    s.addMethod("VXEmpty", "getAngles", 1, [](const sim::Args &) { return AnyValue(1.5); });
+    EXPECT_TRUE(robot.offersMethod("VXEmpty", "getAngles"));
+    s.failMethod("VXEmpty", "getAngles", "motors off");
+    s.restoreMethod("VXEmpty", "getAngles");
+    EXPECT_FALSE(robot.offersMethod("VXEmpty", "getAngles"));
+    EXPECT_FALSE(s.ruleFor("VXEmpty", "getAngles"));
 }
 
 TEST(CallLog, KeepsTheLatestCallsAndCountsThemAll)
 {
-    sim::Robot robot;
+    sim::Robot robot(smallRobot());
     sim::Scenario &s = robot.scenario();
     for (int i = 0; i < static_cast<int>(sim::Scenario::kCallLogDepth) + 5; ++i)
         s.recordCall("VXMemory", "getData", {AnyValue(i)});
