@@ -1,5 +1,8 @@
 #pragma once
 
+// First, so that the types it declares are declared before any signal uses them.
+#include <connection/meta_types.h>
+
 #include <QObject>
 #include <QString>
 #include <QStringList>
