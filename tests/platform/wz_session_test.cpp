@@ -39,6 +39,7 @@ TEST_F(WzSession, CallsCarryEveryValueKind)
         AnyValue(),
         AnyValue(true),
         AnyValue(-123456789012LL),
+        AnyValue(1.0),
         AnyValue(3.25),
         AnyValue(std::string("utf-8 \xc3\xa9\0 and nul", 17)),
         AnyValue(wz::Buffer(std::string(300000, '\x7f'))), // written by reference

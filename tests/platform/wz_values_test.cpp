@@ -333,6 +333,7 @@ TEST(WzCodec, EveryKindRoundTrips)
 {
     const AnyValue v(AnyValue::List {
         AnyValue(), AnyValue(false), AnyValue(-5), AnyValue(int64_t(1) << 40), AnyValue(0.25),
+        AnyValue(2.0), AnyValue(-3.0f), AnyValue(1e300), // integral floats stay floats
         AnyValue(std::string("h\0llo", 5)), AnyValue(wz::Buffer(std::string(100000, '\x01'))),
         AnyValue(AnyValue::Map {{"nested", AnyValue(AnyValue::List {AnyValue(1)})}})});
     const std::string bytes = wz::detail::encodeValueForTest(v);

@@ -184,8 +184,22 @@ void checkLength(size_t size)
         throw std::length_error("value of " + std::to_string(size) + " bytes is too large to send");
 }
 
+// Always a float64: the library's pack_double writes integral doubles as
+// integers, which would turn a Float into an Int on the other side.
 template<typename Stream>
-void packValue(msgpack::packer<Stream> &pk, const AnyValue &v, ObjectCodec *codec,
+void packFloat64(Stream &out, double d)
+{
+    uint64_t bits;
+    std::memcpy(&bits, &d, sizeof bits);
+    char buf[9];
+    buf[0] = static_cast<char>(0xcbu);
+    for (int i = 0; i < 8; ++i)
+        buf[1 + i] = static_cast<char>(bits >> (56 - 8 * i));
+    out.write(buf, sizeof buf);
+}
+
+template<typename Stream>
+void packValue(msgpack::packer<Stream> &pk, Stream &out, const AnyValue &v, ObjectCodec *codec,
                FrameBuffer *frame)
 {
     switch (v.kind()) {
@@ -202,7 +216,7 @@ void packValue(msgpack::packer<Stream> &pk, const AnyValue &v, ObjectCodec *code
         pk.pack_int64(v.toInt());
         break;
     case AnyValue::Kind::Float:
-        pk.pack_double(v.toDouble());
+        packFloat64(out, v.toDouble());
         break;
     case AnyValue::Kind::String: {
         const std::string &s = v.toStr();
@@ -226,7 +240,7 @@ void packValue(msgpack::packer<Stream> &pk, const AnyValue &v, ObjectCodec *code
         checkLength(l.size());
         pk.pack_array(static_cast<uint32_t>(l.size()));
         for (const AnyValue &e : l)
-            packValue(pk, e, codec, frame);
+            packValue(pk, out, e, codec, frame);
         break;
     }
     case AnyValue::Kind::Map: {
@@ -237,7 +251,7 @@ void packValue(msgpack::packer<Stream> &pk, const AnyValue &v, ObjectCodec *code
             checkLength(e.first.size());
             pk.pack_str(static_cast<uint32_t>(e.first.size()));
             pk.pack_str_body(e.first.data(), static_cast<uint32_t>(e.first.size()));
-            packValue(pk, e.second, codec, frame);
+            packValue(pk, out, e.second, codec, frame);
         }
         break;
     }
@@ -266,12 +280,13 @@ void packValue(msgpack::packer<Stream> &pk, const AnyValue &v, ObjectCodec *code
     }
 }
 
-void packArgs(Packer &pk, const std::vector<AnyValue> &args, ObjectCodec *codec, FrameBuffer *frame)
+void packArgs(Packer &pk, FrameBuffer &out, const std::vector<AnyValue> &args, ObjectCodec *codec,
+              FrameBuffer *frame)
 {
     checkLength(args.size());
     pk.pack_array(static_cast<uint32_t>(args.size()));
     for (const AnyValue &a : args)
-        packValue(pk, a, codec, frame);
+        packValue(pk, out, a, codec, frame);
 }
 
 } // namespace
@@ -290,11 +305,11 @@ void encodeMessage(const Message &msg, ObjectCodec *codec, FrameBuffer &out)
         head(5);
         pk.pack_uint64(msg.object);
         pk.pack(msg.name);
-        packArgs(pk, msg.args, codec, &out);
+        packArgs(pk, out, msg.args, codec, &out);
         break;
     case MsgKind::Reply:
         head(3);
-        packValue(pk, msg.value, codec, &out);
+        packValue(pk, out, msg.value, codec, &out);
         break;
     case MsgKind::Error:
     case MsgKind::ServiceLookup:
@@ -322,7 +337,7 @@ void encodeMessage(const Message &msg, ObjectCodec *codec, FrameBuffer &out)
     case MsgKind::Emit:
         head(4);
         pk.pack_uint64(msg.link);
-        packArgs(pk, msg.args, codec, &out);
+        packArgs(pk, out, msg.args, codec, &out);
         break;
     case MsgKind::PropertyGet:
         head(4);
@@ -333,7 +348,7 @@ void encodeMessage(const Message &msg, ObjectCodec *codec, FrameBuffer &out)
         head(5);
         pk.pack_uint64(msg.object);
         pk.pack(msg.name);
-        packValue(pk, msg.value, codec, &out);
+        packValue(pk, out, msg.value, codec, &out);
         break;
     case MsgKind::MetaObject:
         head(3);
@@ -342,7 +357,7 @@ void encodeMessage(const Message &msg, ObjectCodec *codec, FrameBuffer &out)
     case MsgKind::Register:
         head(4);
         pk.pack(msg.name);
-        packValue(pk, msg.value, codec, &out);
+        packValue(pk, out, msg.value, codec, &out);
         break;
     case MsgKind::Unregister:
         head(3);
@@ -801,7 +816,7 @@ std::string encodeValueForTest(const AnyValue &value)
     FrameBuffer fb;
     msgpack::packer<FrameBuffer> pk(fb);
     PlaceholderCodec codec;
-    packValue(pk, value, &codec, nullptr);
+    packValue(pk, fb, value, &codec, nullptr);
     return fb.copyFrom(kHeaderSize);
 }
 

@@ -1,0 +1,248 @@
+// Messaging costs against plain loopback TCP measured in the same run:
+//  - small call round trip vs a raw ping-pong of the same bytes (median, p99);
+//  - posted calls per second, one way;
+//  - a 2.5 MB binary round trip vs the same bytes echoed over a plain socket.
+
+#include <wz/detail/decode.h>
+#include <wz/wz.h>
+
+#include <benchmark/benchmark.h>
+#include <boost/make_shared.hpp>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double micros(Clock::duration d)
+{
+    return std::chrono::duration<double, std::micro>(d).count();
+}
+
+double percentile(std::vector<double> v, double p)
+{
+    std::sort(v.begin(), v.end());
+    const size_t i = std::min(v.size() - 1, static_cast<size_t>(p * (v.size() - 1) + 0.5));
+    return v[i];
+}
+
+// ---- plain sockets (the baseline) ------------------------------------------------
+
+void check(bool ok, const char *what)
+{
+    if (!ok)
+        throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
+
+void writeAll(int fd, const char *p, size_t n)
+{
+    while (n > 0) {
+        const ssize_t w = ::send(fd, p, n, MSG_NOSIGNAL);
+        check(w > 0, "send");
+        p += w;
+        n -= static_cast<size_t>(w);
+    }
+}
+
+void readAll(int fd, char *p, size_t n)
+{
+    while (n > 0) {
+        const ssize_t r = ::recv(fd, p, n, 0);
+        check(r > 0, "recv");
+        p += r;
+        n -= static_cast<size_t>(r);
+    }
+}
+
+// A connected loopback pair with an echo-like server thread: it reads
+// `request` bytes and answers `reply` bytes, `rounds` times.
+struct RawPair
+{
+    int client = -1;
+    std::thread server;
+
+    RawPair(size_t request, size_t reply, int rounds)
+    {
+        const int lfd = ::socket(AF_INET, SOCK_STREAM, 0);
+        check(lfd >= 0, "socket");
+        sockaddr_in addr {};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        check(::bind(lfd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0, "bind");
+        check(::listen(lfd, 1) == 0, "listen");
+        socklen_t len = sizeof addr;
+        check(::getsockname(lfd, reinterpret_cast<sockaddr *>(&addr), &len) == 0, "getsockname");
+        client = ::socket(AF_INET, SOCK_STREAM, 0);
+        check(::connect(client, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0, "connect");
+        const int sfd = ::accept(lfd, nullptr, nullptr);
+        check(sfd >= 0, "accept");
+        ::close(lfd);
+        const int one = 1;
+        ::setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        ::setsockopt(sfd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        server = std::thread([sfd, request, reply, rounds] {
+            std::vector<char> in(request), out(reply, 'r');
+            for (int i = 0; i < rounds; ++i) {
+                readAll(sfd, in.data(), in.size());
+                writeAll(sfd, out.data(), out.size());
+            }
+            ::close(sfd);
+        });
+    }
+    ~RawPair()
+    {
+        server.join();
+        ::close(client);
+    }
+};
+
+std::vector<double> rawRoundTrips(size_t request, size_t reply, int rounds)
+{
+    RawPair pair(request, reply, rounds);
+    std::vector<char> out(request, 'q'), in(reply);
+    std::vector<double> samples;
+    samples.reserve(rounds);
+    for (int i = 0; i < rounds; ++i) {
+        const auto t0 = Clock::now();
+        writeAll(pair.client, out.data(), out.size());
+        readAll(pair.client, in.data(), in.size());
+        samples.push_back(micros(Clock::now() - t0));
+    }
+    return samples;
+}
+
+// ---- the framework ------------------------------------------------------------------
+
+struct Robot
+{
+    boost::shared_ptr<wz::Session> directory = boost::make_shared<wz::Session>();
+    boost::shared_ptr<wz::Session> client = boost::make_shared<wz::Session>();
+    std::atomic<int64_t> posted {0};
+    wz::Object service;
+
+    Robot()
+    {
+        wz::DynamicObjectBuilder b("Bench");
+        b.advertiseMethod("add", [](int a, int b) { return a + b; });
+        b.advertiseMethod("echo", [](const wz::Buffer &bytes) { return bytes; });
+        b.advertiseMethod("count", [this](int) { ++posted; });
+        directory->listen(wz::Url("tcp://127.0.0.1:0")).value();
+        directory->registerService("Bench", b.object()).value();
+        client->connect(directory->endpoints()[0]).value();
+        service = client->service("Bench").value();
+    }
+};
+
+// Frame sizes of a call and its reply, so that the baseline moves the same bytes.
+size_t callFrameSize(int64_t requestId, int64_t objectId, const std::string &method,
+                     const wz::AnyValue::List &args)
+{
+    using wz::AnyValue;
+    return wz::detail::frameForTest(wz::detail::encodeValueForTest(AnyValue(AnyValue::List {
+                                        AnyValue(1), AnyValue(requestId), AnyValue(objectId),
+                                        AnyValue(method), AnyValue(args)})))
+        .size();
+}
+
+size_t replyFrameSize(int64_t requestId, const wz::AnyValue &value)
+{
+    using wz::AnyValue;
+    return wz::detail::frameForTest(wz::detail::encodeValueForTest(AnyValue(
+                                        AnyValue::List {AnyValue(3), AnyValue(requestId), value})))
+        .size();
+}
+
+void BM_SmallCallRoundTrip(benchmark::State &state)
+{
+    const int rounds = static_cast<int>(state.range(0));
+    Robot robot;
+    for (int i = 0; i < 200; ++i) // warm up the pool and the caches
+        robot.service.call<int>("add", i, 1);
+    const size_t request = callFrameSize(1000, static_cast<int64_t>(robot.service->objectUid()),
+                                         "add", {wz::AnyValue(1000), wz::AnyValue(1)});
+    const size_t reply = replyFrameSize(1000, wz::AnyValue(1001));
+    std::vector<double> raw, call;
+    for (auto _ : state) {
+        raw = rawRoundTrips(request, reply, rounds);
+        call.clear();
+        for (int i = 0; i < rounds; ++i) {
+            const auto t0 = Clock::now();
+            benchmark::DoNotOptimize(robot.service.call<int>("add", 1000, 1));
+            call.push_back(micros(Clock::now() - t0));
+        }
+    }
+    const double rawMedian = percentile(raw, 0.5), callMedian = percentile(call, 0.5);
+    const double rawP99 = percentile(raw, 0.99), callP99 = percentile(call, 0.99);
+    state.counters["raw_median_us"] = rawMedian;
+    state.counters["call_median_us"] = callMedian;
+    state.counters["median_ratio"] = callMedian / rawMedian;
+    state.counters["raw_p99_us"] = rawP99;
+    state.counters["call_p99_us"] = callP99;
+    state.counters["p99_ratio"] = callP99 / rawP99;
+    state.counters["frame_bytes"] = static_cast<double>(request);
+}
+
+void BM_PostsOneWay(benchmark::State &state)
+{
+    const int64_t count = state.range(0);
+    Robot robot;
+    double perSecond = 0;
+    for (auto _ : state) {
+        robot.posted = 0;
+        const auto t0 = Clock::now();
+        for (int64_t i = 0; i < count; ++i)
+            robot.service.post("count", static_cast<int>(i));
+        while (robot.posted.load() < count)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        perSecond
+            = static_cast<double>(count) / std::chrono::duration<double>(Clock::now() - t0).count();
+    }
+    state.counters["posts_per_s"] = perSecond;
+}
+
+void BM_BinaryRoundTrip(benchmark::State &state)
+{
+    const size_t bytes = static_cast<size_t>(state.range(0));
+    const int rounds = 40;
+    Robot robot;
+    const wz::Buffer frame(std::string(bytes, '\x5a'));
+    robot.service.call<wz::Buffer>("echo", frame); // warm up
+    std::vector<double> raw, call;
+    for (auto _ : state) {
+        raw = rawRoundTrips(bytes, bytes, rounds);
+        call.clear();
+        for (int i = 0; i < rounds; ++i) {
+            const auto t0 = Clock::now();
+            wz::Buffer back = robot.service.call<wz::Buffer>("echo", frame);
+            call.push_back(micros(Clock::now() - t0));
+            if (back.size() != bytes)
+                state.SkipWithError("echo returned the wrong size");
+        }
+    }
+    const double rawMedian = percentile(raw, 0.5), callMedian = percentile(call, 0.5);
+    state.counters["raw_median_ms"] = rawMedian / 1000;
+    state.counters["call_median_ms"] = callMedian / 1000;
+    state.counters["binary_ratio"] = callMedian / rawMedian;
+}
+
+} // namespace
+
+BENCHMARK(BM_SmallCallRoundTrip)->Arg(5000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PostsOneWay)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BinaryRoundTrip)->Arg(2500000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();
