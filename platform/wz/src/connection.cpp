@@ -748,6 +748,10 @@ void Connection::handleFrame(const std::shared_ptr<const void> &owner, const cha
     } catch (const ProtocolError &e) {
         protocolError(e.what());
         return;
+    } catch (const std::exception &e) {
+        // Out of memory and the like while decoding: still this peer's doing.
+        protocolError(std::string("undecodable frame: ") + e.what());
+        return;
     }
     try {
         dispatch(msg);
