@@ -211,7 +211,13 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
     const long rssAfter = residentKiB();
     std::printf("200 clients: threads %d -> %d, resident %ld KiB -> %ld KiB\n", threadsBefore,
                 threadCount(), rssBefore, rssAfter);
-    EXPECT_LT(rssAfter - rssBefore, 8 * 1024)
+#if defined(__SANITIZE_ADDRESS__)
+    // Freed memory sits in the sanitizer's quarantine; its leak check covers this.
+    const long allowedKiB = 1024 * 1024;
+#else
+    const long allowedKiB = 8 * 1024;
+#endif
+    EXPECT_LT(rssAfter - rssBefore, allowedKiB)
         << rssBefore << " KiB before, " << rssAfter << " KiB after";
     EXPECT_EQ(robot->memory().subscriberModuleCount(), 0u);
     EXPECT_TRUE(robot->memory().subscribers("Churn/Event").empty());
