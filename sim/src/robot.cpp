@@ -263,7 +263,10 @@ void Robot::start()
         throw std::runtime_error("cannot listen on " + url.str() + ": " + e.what());
     }
     const std::vector<wz::Url> endpoints = m_session->endpoints();
-    d->url = endpoints.empty() ? url : endpoints.front();
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        d->url = endpoints.empty() ? url : endpoints.front();
+    }
     d->scheduler.start();
     for (const std::string &name : d->order)
         d->slots.at(name).service->start();

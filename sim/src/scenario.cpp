@@ -319,6 +319,16 @@ void Scenario::sendRaw(const std::string &peer, const std::string &bytes)
     m_robot.session().sendRaw(peer, bytes);
 }
 
+std::string Scenario::peerOf(const std::string &service) const
+{
+    const std::vector<wz::ServiceInfo> services = m_robot.session().services().value(10000);
+    for (const wz::ServiceInfo &info : services) {
+        if (info.name == service && info.endpoint != "local")
+            return info.endpoint;
+    }
+    return "";
+}
+
 std::vector<Args> Scenario::calls(const std::string &service, const std::string &method) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);

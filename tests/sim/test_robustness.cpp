@@ -99,13 +99,7 @@ TEST_F(SimRobustness, AFrozenSubscriberDelaysNobody)
     mem.call<void>("subscribeToMicroEvent", "Busy", "Frozen", "", "onEvent");
     mem.call<void>("subscribeToMicroEvent", "Busy", "Lively", "", "onEvent");
 
-    // The peer that hosts "Frozen" is the endpoint of that service.
-    std::string frozenPeer;
-    const std::vector<wz::ServiceInfo> services = lively->services().value(10000);
-    for (const wz::ServiceInfo &info : services) {
-        if (info.name == "Frozen")
-            frozenPeer = info.endpoint;
-    }
+    const std::string frozenPeer = robot->scenario().peerOf("Frozen");
     ASSERT_FALSE(frozenPeer.empty());
     robot->scenario().stallClient(frozenPeer);
 

@@ -74,6 +74,8 @@ public:
     void dropClient(const std::string &peer);
     void stallClient(const std::string &peer, bool stalled = true);
     void sendRaw(const std::string &peer, const std::string &bytes);
+    // The peer that registered `service` ("" when no client did).
+    std::string peerOf(const std::string &service) const;
 
     // Calls that reached each method (failed and delayed ones included; calls
     // to a removed method never reach it). The log keeps the last
