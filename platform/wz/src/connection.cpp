@@ -4,6 +4,7 @@
 
 #include <wz/log.h>
 
+#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/make_shared.hpp>
@@ -53,23 +54,22 @@ IoRuntime::IoRuntime()
     : m_work(std::make_unique<asio::executor_work_guard<asio::io_context::executor_type>>(
         asio::make_work_guard(m_io)))
 {
-    std::thread([this]() {
-        m_threadId = std::this_thread::get_id();
-        for (;;) {
-            try {
-                m_io.run();
-                return;
-            } catch (const std::exception &e) {
-                log::LogStream(LogLevel_Error, kTransport, "IoRuntime")
-                    << "an I/O handler threw: " << e.what();
+    // Two threads, so that one connection's large write and another's large
+    // read (both ends in one process, or two peers) proceed side by side;
+    // each connection's own handlers are serialised by its strand.
+    for (int i = 0; i < kIoThreads; ++i) {
+        std::thread([this]() {
+            for (;;) {
+                try {
+                    m_io.run();
+                    return;
+                } catch (const std::exception &e) {
+                    log::LogStream(LogLevel_Error, kTransport, "IoRuntime")
+                        << "an I/O handler threw: " << e.what();
+                }
             }
-        }
-    }).detach();
-}
-
-bool IoRuntime::onIoThread() const
-{
-    return m_threadId.load() == std::this_thread::get_id();
+        }).detach();
+    }
 }
 
 CallerScope::CallerScope(const std::string &peer) : m_previous(std::move(t_caller))
@@ -255,6 +255,7 @@ Connection::Connection(std::weak_ptr<SessionImpl> session, tcp::socket socket, s
       m_socket(std::move(socket)),
       m_fd(m_socket.native_handle()),
       m_peerId(std::move(peerId)),
+      m_strand(asio::make_strand(IoRuntime::instance().context())),
       m_timer(IoRuntime::instance().context()),
       m_lastReceived(nowMs()),
       m_lastSent(nowMs()),
@@ -267,8 +268,11 @@ Connection::~Connection() = default;
 
 void Connection::start()
 {
-    readSome();
-    armHeartbeat();
+    auto self = shared_from_this();
+    asio::post(m_strand, [self]() {
+        self->readSome();
+        self->armHeartbeat();
+    });
 }
 
 std::string Connection::closeReason() const
@@ -390,10 +394,12 @@ bool Connection::flushLocked(std::string &error)
 void Connection::scheduleFlush()
 {
     auto self = shared_from_this();
-    asio::post(IoRuntime::instance().context(), [self]() {
+    asio::post(m_strand, [self]() {
         self->m_socket.async_wait(
             tcp::socket::wait_write,
-            [self](const boost::system::error_code &ec) { self->onWritable(ec); });
+            asio::bind_executor(self->m_strand, [self](const boost::system::error_code &ec) {
+                self->onWritable(ec);
+            }));
     });
 }
 
@@ -423,8 +429,10 @@ void Connection::onWritable(const boost::system::error_code &ec)
     }
     if (again) {
         auto self = shared_from_this();
-        m_socket.async_wait(tcp::socket::wait_write,
-                            [self](const boost::system::error_code &e) { self->onWritable(e); });
+        m_socket.async_wait(
+            tcp::socket::wait_write,
+            asio::bind_executor(
+                m_strand, [self](const boost::system::error_code &e) { self->onWritable(e); }));
     }
 }
 
@@ -568,7 +576,7 @@ void Connection::close(const std::string &reason, CloseMode mode)
     }
 
     auto self = shared_from_this();
-    asio::post(IoRuntime::instance().context(), [self, mode]() {
+    asio::post(m_strand, [self, mode]() {
         boost::system::error_code ec;
         if (mode == CloseMode::Reset)
             self->m_socket.set_option(asio::socket_base::linger(true, 0), ec);
@@ -611,7 +619,7 @@ void Connection::setStalled(bool stalled)
     if (schedule)
         scheduleFlush();
     auto self = shared_from_this();
-    asio::post(IoRuntime::instance().context(), [self]() {
+    asio::post(m_strand, [self]() {
         self->m_lastReceived = nowMs();
         self->processInput();
     });
@@ -634,7 +642,9 @@ void Connection::readSome()
     auto self = shared_from_this();
     m_socket.async_read_some(
         asio::buffer(m_rx.get() + m_rxEnd, kRxCapacity - m_rxEnd),
-        [self](const boost::system::error_code &ec, size_t n) { self->onRead(ec, n); });
+        asio::bind_executor(m_strand, [self](const boost::system::error_code &ec, size_t n) {
+            self->onRead(ec, n);
+        }));
 }
 
 void Connection::failRead(const boost::system::error_code &ec)
@@ -719,22 +729,24 @@ void Connection::readLargeFrame(size_t body)
         auto next = weakStep.lock();
         self->m_socket.async_read_some(
             asio::buffer(frame.get() + *filled, body - *filled),
-            [self, frame, body, filled, next](const boost::system::error_code &ec, size_t n) {
-                if (ec) {
+            asio::bind_executor(
+                self->m_strand,
+                [self, frame, body, filled, next](const boost::system::error_code &ec, size_t n) {
+                    if (ec) {
+                        self->m_reading = false;
+                        self->failRead(ec);
+                        return;
+                    }
+                    self->m_lastReceived = nowMs();
+                    *filled += n;
+                    if (*filled < body) {
+                        (*next)();
+                        return;
+                    }
                     self->m_reading = false;
-                    self->failRead(ec);
-                    return;
-                }
-                self->m_lastReceived = nowMs();
-                *filled += n;
-                if (*filled < body) {
-                    (*next)();
-                    return;
-                }
-                self->m_reading = false;
-                self->handleFrame(frame, frame.get(), body);
-                self->processInput();
-            });
+                    self->handleFrame(frame, frame.get(), body);
+                    self->processInput();
+                }));
     };
     (*step)();
 }
@@ -772,12 +784,12 @@ void Connection::armHeartbeat()
     const int64_t tick = std::max<int64_t>(10, std::min(interval, m_timeoutMs.load() / 2));
     m_timer.expires_after(std::chrono::milliseconds(tick));
     std::weak_ptr<Connection> weak = shared_from_this();
-    m_timer.async_wait([weak](const boost::system::error_code &ec) {
+    m_timer.async_wait(asio::bind_executor(m_strand, [weak](const boost::system::error_code &ec) {
         if (ec)
             return;
         if (auto self = weak.lock())
             self->onHeartbeat();
-    });
+    }));
 }
 
 void Connection::onHeartbeat()

@@ -11,6 +11,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
 #include <boost/weak_ptr.hpp>
 
 #include <atomic>
@@ -26,21 +27,21 @@
 namespace wz {
 namespace detail {
 
-// The process-wide I/O thread. It reads, decodes, writes and completes
-// futures; it never runs user code.
+// The process-wide I/O threads. They read, decode, write and complete
+// futures; they never run user code.
 class IoRuntime
 {
 public:
     static IoRuntime &instance();
     boost::asio::io_context &context() { return m_io; }
-    bool onIoThread() const;
+
+    static constexpr int kIoThreads = 2;
 
 private:
     IoRuntime();
-    boost::asio::io_context m_io;
+    boost::asio::io_context m_io {kIoThreads};
     std::unique_ptr<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>>
         m_work;
-    std::atomic<std::thread::id> m_threadId;
 };
 
 class Connection;
@@ -173,6 +174,8 @@ private:
     boost::asio::ip::tcp::socket m_socket;
     const int m_fd;
     const std::string m_peerId;
+    // Every socket operation and handler of this connection runs in it.
+    boost::asio::strand<boost::asio::io_context::executor_type> m_strand;
     boost::asio::steady_timer m_timer;
 
     std::atomic<bool> m_open {true};

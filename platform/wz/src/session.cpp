@@ -2,6 +2,7 @@
 
 #include <wz/log.h>
 
+#include <boost/asio/bind_executor.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/post.hpp>
 
@@ -33,6 +34,17 @@ bool parseAddress(const std::string &host, asio::ip::address &out, std::string &
     return true;
 }
 
+// Small calls go out at once; buffers large enough that a camera frame goes
+// through in one write rather than in many wake-ups of the I/O threads (the
+// kernel only charges what is actually queued).
+void tuneSocket(tcp::socket &socket)
+{
+    boost::system::error_code ec;
+    socket.set_option(tcp::no_delay(true), ec);
+    socket.set_option(asio::socket_base::send_buffer_size(4 << 20), ec);
+    socket.set_option(asio::socket_base::receive_buffer_size(4 << 20), ec);
+}
+
 std::string peerIdOf(const tcp::socket &socket)
 {
     boost::system::error_code ec;
@@ -45,7 +57,9 @@ std::string peerIdOf(const tcp::socket &socket)
 } // namespace
 
 SessionImpl::SessionImpl(Session *owner)
-    : m_owner(owner), m_signals(std::make_shared<SerialQueue>())
+    : m_owner(owner),
+      m_signals(std::make_shared<SerialQueue>()),
+      m_strand(asio::make_strand(IoRuntime::instance().context()))
 { }
 
 SessionImpl::~SessionImpl() = default;
@@ -99,8 +113,7 @@ Future<void> SessionImpl::listen(const Url &url)
     log::LogStream(LogLevel_Info, kSession, __FUNCTION__)
         << "listening on " << Url(url.host(), "tcp", port).str();
     auto self = shared_from_this();
-    asio::post(IoRuntime::instance().context(),
-               [self, acceptor]() { self->startAccept(acceptor); });
+    asio::post(m_strand, [self, acceptor]() { self->startAccept(acceptor); });
     return makeReadyFuture();
 }
 
@@ -109,8 +122,8 @@ void SessionImpl::startAccept(std::shared_ptr<tcp::acceptor> acceptor)
     if (!acceptor->is_open())
         return;
     auto self = shared_from_this();
-    acceptor->async_accept(
-        [self, acceptor](const boost::system::error_code &ec, tcp::socket socket) {
+    acceptor->async_accept(asio::bind_executor(
+        m_strand, [self, acceptor](const boost::system::error_code &ec, tcp::socket socket) {
             if (ec == asio::error::operation_aborted || !acceptor->is_open())
                 return;
             if (ec) {
@@ -119,20 +132,20 @@ void SessionImpl::startAccept(std::shared_ptr<tcp::acceptor> acceptor)
                 // Out of descriptors and the like: wait a little instead of spinning.
                 auto timer = std::make_shared<asio::steady_timer>(IoRuntime::instance().context());
                 timer->expires_after(std::chrono::milliseconds(100));
-                timer->async_wait([self, acceptor, timer](const boost::system::error_code &) {
-                    self->startAccept(acceptor);
-                });
+                timer->async_wait(asio::bind_executor(
+                    self->m_strand, [self, acceptor, timer](const boost::system::error_code &) {
+                        self->startAccept(acceptor);
+                    }));
                 return;
             }
             self->onAccepted(std::move(socket));
             self->startAccept(acceptor);
-        });
+        }));
 }
 
 void SessionImpl::onAccepted(tcp::socket socket)
 {
-    boost::system::error_code ec;
-    socket.set_option(tcp::no_delay(true), ec);
+    tuneSocket(socket);
     const std::string peer = peerIdOf(socket);
     std::shared_ptr<Connection> conn;
     {
@@ -168,8 +181,7 @@ Future<void> SessionImpl::connect(const Url &url)
                     promise.setError("cannot connect to " + url.str() + ": " + ec.message());
                     return;
                 }
-                boost::system::error_code ignored;
-                socket->set_option(tcp::no_delay(true), ignored);
+                tuneSocket(*socket);
                 const std::string peer = peerIdOf(*socket);
                 std::shared_ptr<Connection> conn;
                 std::shared_ptr<Connection> old;
@@ -208,7 +220,7 @@ void SessionImpl::close(const std::string &reason)
         m_registeredRemotely.clear();
     }
     for (auto &a : acceptors) {
-        asio::post(IoRuntime::instance().context(), [a]() {
+        asio::post(m_strand, [a]() {
             boost::system::error_code ec;
             a->close(ec);
         });

@@ -5,6 +5,7 @@
 #include <wz/session.h>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/strand.hpp>
 
 #include <map>
 #include <memory>
@@ -71,6 +72,8 @@ private:
     Session *m_owner;
     std::shared_ptr<SerialQueue> m_signals;
 
+    // The acceptors' operations run in it.
+    boost::asio::strand<boost::asio::io_context::executor_type> m_strand;
     std::vector<std::shared_ptr<boost::asio::ip::tcp::acceptor>> m_acceptors;
     std::vector<Url> m_endpoints;
     std::shared_ptr<Connection> m_directory;
