@@ -1,4 +1,5 @@
 #include <connection/connection.h>
+#include <connection/memory_interface.h>
 #include <connection/platform.h>
 
 #include <QCoreApplication>
@@ -262,7 +263,7 @@ void Connection::buildInterfaces()
     (void)self;
 
     // [1 MemoryInterface] always:
-    //   m_memoryInterface = boost::make_shared<MemoryInterface>(self);
+    m_memoryInterface = boost::make_shared<MemoryInterface>(self);
 
     // [2 SartelModuleInterface] always:
     //   m_sartelModuleInterface = boost::make_shared<SartelModuleInterface>(self);

@@ -1,5 +1,6 @@
 #include <sim/device_services.h>
 #include <sim/memory_service.h>
+#include <sim/memory_watcher_service.h>
 #include <sim/service.h>
 
 namespace sim {
@@ -36,7 +37,7 @@ std::vector<ServiceEntry> defaultServices()
         placeholder("VXVideoDevice"),
         placeholder("VXVisionRecognition"),
         placeholder("VXRobotPosture"),
-        placeholder("VXMemoryWatcher"),
+        entry<MemoryWatcherService>("VXMemoryWatcher"),
         placeholder("VXAudioDevice"),
         placeholder("VXTextToSpeech"),
         entry<BatteryService>("VXBattery"),

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <string>
+
+class QTimer;
+
+namespace VX {
+class VXValue;
+class VXMemoryProxy;
+} // namespace VX
+
+namespace RK {
+
+class Connection;
+
+// Follows keys of the robot's memory over time and answers what keys exist.
+//
+// Watching runs on the executer's thread (its slots and two timers) from one
+// of two sources, chosen afresh at every operation by the proxies the
+// connection offers at that moment: the robot's "VXMemoryWatcher", which
+// samples on the robot and hands over its history at each gather tick, or,
+// without it, "VXMemory" polled by the sample timer and stamped with this
+// machine's clock. Either way every gather tick emits one dataGathered batch:
+// key, then time stamp in seconds, then value.
+//
+// The catalogue (getKeyType, the lists, micro-event subscription) runs on
+// pool threads and touches only the connection and its proxies.
+class MemoryExecuter : public QObject
+{
+    Q_OBJECT
+
+public:
+    using History = QMap<double, QVariant>;
+    using Batch = QMap<QString, QMap<double, QVariant>>;
+
+    explicit MemoryExecuter(boost::shared_ptr<Connection> connection);
+    // Stops watching, on the robot as well.
+    ~MemoryExecuter() override;
+
+    // Catalogue of "VXMemory". Without a connection or the proxy, or when the
+    // call fails (logged), the result is empty.
+    QString getKeyType(QString key);
+    QStringList getDataList();
+    QStringList getEventList();
+    QStringList getMicroEventList();
+
+    // Micro events delivered to the desktop module's "dataChanged".
+    void subscribeToMicroEvent(const QString &key);
+    void unsubscribeToMicroEvent(const QString &key);
+    void subscribeToMicroEvent(boost::shared_ptr<VX::VXMemoryProxy> memory,
+                               const std::string &module, const std::string &key);
+
+    // Reads a "VXMemoryWatcher" history into a batch. Throws
+    // std::runtime_error with the text of the first rule the value breaks,
+    // and whatever the value throws for a stamp that is not a number.
+    static Batch parseHistory(const VX::VXValue &data);
+
+    // What the executer holds locally, for diagnostics (executer's thread).
+    QMap<QString, int> localWatchedKeys() const { return m_watchedKeys; }
+    int gatherInterval() const;
+    int sampleInterval() const;
+    bool isGathering() const;
+    bool isSampling() const;
+
+public slots:
+    void watchKey(QString key, int period);
+    void watchKeys(QStringList keys, int period);
+    void unwatchKey(QString key);
+    void unwatchKeys(QStringList keys);
+    void unwatchAll();
+    void startWatcher(int gatherPeriod, int samplingPeriod);
+    void startWatcher(int gatherPeriod);
+    void stopWatcher();
+    void setGatherPeriod(int gatherPeriod);
+    void setSamplingPeriod(int samplingPeriod);
+    void setSamplingPeriod();
+    // Answers by invoking `boolSlot` (a method name) on `returnTarget` with
+    // one bool: whether the robot samples itself. Nothing is invoked once
+    // the connection has gone. Both pointers must outlive the call.
+    void isRealTimeSupported(QObject *returnTarget, const char *boolSlot);
+    void onGatherTimeout();
+    void onSampleTimeout();
+
+signals:
+    void dataGathered(const QMap<QString, QMap<double, QVariant>> &);
+
+private:
+    void stopTimers();
+
+    boost::weak_ptr<Connection> m_connection;
+    QTimer *m_gatherTimer;
+    QTimer *m_sampleTimer;
+    // Polling fallback: the keys (with the period given, which is kept but
+    // not used: one sampling period serves all) and what the sample ticks
+    // gathered since the last gather tick.
+    QMap<QString, int> m_watchedKeys;
+    Batch m_accumulated;
+    // A failing getData is reported once, not at every tick.
+    bool m_getDataFailing = false;
+};
+
+} // namespace RK

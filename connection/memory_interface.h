@@ -1,0 +1,62 @@
+#pragma once
+
+#include <connection/executer_thread.h>
+#include <connection/memory_executer.h>
+#include <connection/morvane_interface.h>
+
+#include <QFuture>
+#include <QMap>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+
+#include <boost/shared_ptr.hpp>
+
+namespace RK {
+
+class Connection;
+
+// The application's door to the robot's memory: following keys over time
+// (dataGathered batches) and the catalogue of keys, events and micro events.
+// Every method returns at once. Watching requests are queued to the
+// executer's thread; catalogue requests run on the thread pool and answer by
+// future.
+class MemoryInterface : public QObject, public MorvaneInterface<MemoryExecuter, ExecuterThread>
+{
+    Q_OBJECT
+
+public:
+    explicit MemoryInterface(boost::shared_ptr<Connection> connection);
+    // Ends the executer's thread, which stops watching on the robot as well.
+    ~MemoryInterface() override;
+
+    void watchKey(const QString &key, int period);
+    void watchKeys(const QStringList &keys, int period);
+    void unwatchKey(const QString &key);
+    void unwatchAll();
+    // Gather and sampling periods in milliseconds; sampling 0 when left out.
+    void startWatcher(int gatherPeriod, int samplingPeriod);
+    void startWatcher(int gatherPeriod);
+    void stopWatcher();
+    void setGatherPeriod(int gatherPeriod);
+    void setSamplingPeriod(int samplingPeriod);
+    void setSamplingPeriod();
+    // The answer comes as a call of `boolSlot` (a slot's name, without its
+    // signature) on `returnTarget`, with true when the robot samples itself;
+    // never when the connection has gone. The string is not copied: it and
+    // the object must outlive the call.
+    void isRealTimeSupported(QObject *returnTarget, const char *boolSlot);
+
+    // Empty results when the connection or "VXMemory" is missing or the call fails.
+    QFuture<QString> getKeyType(const QString &key);
+    QFuture<QStringList> getDataList();
+    QFuture<QStringList> getEventList();
+    QFuture<QStringList> getMicroEventList();
+
+signals:
+    // Key, then time stamp in seconds (ascending), then value.
+    void dataGathered(const QMap<QString, QMap<double, QVariant>> &);
+};
+
+} // namespace RK
