@@ -447,6 +447,15 @@ void MemoryService::unsubscribe(const std::string &name, const std::string &modu
     retire(retired);
 }
 
+void MemoryService::setDeliveryBlocked(const std::string &module, bool blocked)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (blocked)
+        m_blocked.insert(module);
+    else
+        m_blocked.erase(module);
+}
+
 std::vector<std::string> MemoryService::subscribers(const std::string &name) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -483,6 +492,8 @@ void MemoryService::deliver(const std::string &key, const wz::AnyValue &value)
     if (subs == m_subscriptions.end())
         return;
     for (const auto &s : subs->second) {
+        if (m_blocked.count(s.first))
+            continue;
         auto sub = m_subscribers.find(s.first);
         if (sub == m_subscribers.end() || sub->second->gone())
             continue;

@@ -240,6 +240,7 @@ void Scenario::restoreMethod(const std::string &service, const std::string &meth
 void Scenario::reset()
 {
     std::set<std::string> touched;
+    std::set<std::string> blocked;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (const auto &r : m_rules) {
@@ -253,7 +254,10 @@ void Scenario::reset()
         m_added.clear();
         m_omitted.clear();
         m_calls.clear();
+        blocked.swap(m_blocked);
     }
+    for (const std::string &module : blocked)
+        m_robot.memory().setDeliveryBlocked(module, false);
     for (const std::string &service : touched)
         m_robot.refreshService(service);
 }
@@ -291,6 +295,18 @@ void Scenario::raiseEvent(const std::string &name, const wz::AnyValue &value)
 void Scenario::raiseMicroEvent(const std::string &name, const wz::AnyValue &value)
 {
     m_robot.memory().raiseMicroEvent(name, value);
+}
+
+void Scenario::blockCallbacks(const std::string &module, bool blocked)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (blocked)
+            m_blocked.insert(module);
+        else
+            m_blocked.erase(module);
+    }
+    m_robot.memory().setDeliveryBlocked(module, blocked);
 }
 
 std::vector<std::string> Scenario::clients() const
@@ -430,7 +446,8 @@ void Scenario::applyJson(const std::string &json)
         throw std::runtime_error("a scenario is a JSON object");
     const QJsonObject root = doc.object();
     onlyKeys(root,
-             {"version", "readiness", "omitServices", "keys", "methods", "events", "services"},
+             {"version", "readiness", "omitServices", "blockCallbacks", "keys", "methods", "events",
+              "services"},
              "scenario");
 
     // Everything is checked before anything is applied, so that a bad file
@@ -460,6 +477,14 @@ void Scenario::applyJson(const std::string &json)
             if (!m_robot.service(name))
                 throw std::runtime_error("omitServices: the robot has no service \"" + name + "\"");
             changes.push_back([this, name]() { omitService(name); });
+        }
+    }
+    if (root.contains("blockCallbacks")) {
+        if (!root.value("blockCallbacks").isArray())
+            throw std::runtime_error("blockCallbacks: needs a list of module names");
+        for (const QJsonValue &v : root.value("blockCallbacks").toArray()) {
+            const std::string module = text(v, "blockCallbacks");
+            changes.push_back([this, module]() { blockCallbacks(module); });
         }
     }
     if (root.contains("keys")) {

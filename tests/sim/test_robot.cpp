@@ -194,6 +194,20 @@ TEST_F(SimRobot, MicroEventsReachTheClientsOwnModule)
     EXPECT_EQ(robot->memory().subscriberModuleCount(), 0u);
 }
 
+TEST_F(SimRobot, BlockedCallbacksAreLostSilently)
+{
+    auto inbox = std::make_shared<Inbox>();
+    client->registerService("Firewalled", makeModule(inbox)).value(10000);
+    memory.call<void>("subscribeToMicroEvent", "Test/Blocked", "Firewalled", "", "onEvent");
+    robot->scenario().blockCallbacks("Firewalled");
+    memory.call<void>("raiseMicroEvent", "Test/Blocked", 1);
+    robot->scenario().blockCallbacks("Firewalled", false);
+    memory.call<void>("raiseMicroEvent", "Test/Blocked", 2);
+    ASSERT_TRUE(inbox->waitFor(1));
+    EXPECT_EQ(inbox->got().at(0).at(1), AnyValue(2));
+    memory.call<void>("removeMicroEvent", "Test/Blocked");
+}
+
 TEST_F(SimRobot, ReadinessCanBeDelayedOrHeld)
 {
     robot->scenario().holdReadinessFor(std::chrono::milliseconds(400));

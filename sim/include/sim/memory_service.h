@@ -53,6 +53,9 @@ public:
     // Events and micro events share one name space: either form ends the
     // module's subscription to `name`.
     void unsubscribe(const std::string &name, const std::string &module);
+    // Events for a blocked module are dropped without a word, as when the
+    // robot cannot reach the subscriber (a firewall on its side).
+    void setDeliveryBlocked(const std::string &module, bool blocked);
     // Modules subscribed to `name`.
     std::vector<std::string> subscribers(const std::string &name) const;
     // Modules with a delivery thread.
@@ -92,6 +95,7 @@ private:
     // event name -> module -> subscription
     std::map<std::string, std::map<std::string, Subscription>> m_subscriptions;
     std::map<std::string, std::shared_ptr<Subscriber>> m_subscribers;
+    std::set<std::string> m_blocked;
     uint64_t m_clientLink = 0;
     bool m_stopped = false;
 };

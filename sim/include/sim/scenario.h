@@ -54,7 +54,7 @@ public:
                    MethodFn fn);
     // Back to the service's own behaviour (undoes all of the above).
     void restoreMethod(const std::string &service, const std::string &method);
-    // Every method and service rule undone; calls forgotten.
+    // Every method, service and callback rule undone; calls forgotten.
     void reset();
 
     // Readiness key "MorvaneReady".
@@ -67,6 +67,8 @@ public:
     void removeKey(const std::string &key);
     void raiseEvent(const std::string &name, const wz::AnyValue &value);
     void raiseMicroEvent(const std::string &name, const wz::AnyValue &value);
+    // The robot-to-client path of one module broken: its events are lost.
+    void blockCallbacks(const std::string &module, bool blocked = true);
 
     // Connections, by peer id (see clients()).
     std::vector<std::string> clients() const;
@@ -115,6 +117,7 @@ private:
     std::map<Key, MethodRule> m_rules;
     std::map<Key, MethodDef> m_added;
     std::set<std::string> m_omitted;
+    std::set<std::string> m_blocked;
     std::map<Key, CallLog> m_calls;
 };
 
