@@ -1,6 +1,8 @@
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
+#include <connection/sartel_almodule.h>
+#include <connection/sartel_module.h>
 
 #include <QCoreApplication>
 #include <QEventLoop>
@@ -266,7 +268,7 @@ void Connection::buildInterfaces()
     m_memoryInterface = boost::make_shared<MemoryInterface>(self);
 
     // [2 SartelModuleInterface] always:
-    //   m_sartelModuleInterface = boost::make_shared<SartelModuleInterface>(self);
+    m_sartelModuleInterface = boost::make_shared<SartelModuleInterface>(self);
 
     // [3 VXSartelRecorder] always, then registered under its object name; a
     // failure of the registration fails the connection:
@@ -350,6 +352,12 @@ void Connection::buildInterfaces()
 void Connection::connectInterfaceSignals()
 {
     // [SartelModuleInterface] displayErrorRequested and connectionTested(bool).
+    if (m_sartelModuleInterface) {
+        connect(m_sartelModuleInterface.get(), &SartelModuleInterface::displayErrorRequested, this,
+                &Connection::displayErrorRequested);
+        connect(m_sartelModuleInterface.get(), &SartelModuleInterface::connectionTested, this,
+                &Connection::connectionTested);
+    }
     // [VXSartelRecorder] displayErrorRequested.
     // [BehaviorManagerInterface] displayErrorRequested.
     // [RobotPostureInterface] displayErrorRequested.
@@ -376,7 +384,7 @@ void Connection::testConnection()
         emit connectionTested(false);
         return;
     }
-    // [SartelModuleInterface] module->testConnection();
+    module->testConnection();
 }
 
 bool Connection::checkMorvaneCompatibility(QString &clientVersion, QString &robotVersion) const
@@ -402,8 +410,7 @@ boost::shared_ptr<VXSartel> Connection::sartelModule() const
     const boost::shared_ptr<SartelModuleInterface> module = sartelModuleInterface();
     if (!module)
         return boost::shared_ptr<VXSartel>();
-    // [SartelModuleInterface] return module->sartelModule();
-    return boost::shared_ptr<VXSartel>();
+    return module->sartelModule();
 }
 
 void Connection::destroyInterfaces()

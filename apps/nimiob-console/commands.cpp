@@ -7,7 +7,10 @@ namespace console {
 #define NIMIOB_CONSOLE_COMMANDS(X) \
     X(status, "", \
       "connect, print the robot's version, the compatibility verdict, the bound and missing " \
-      "services and the two-way test, then disconnect")
+      "services and the two-way test, then disconnect") \
+    X(watch, "KEY... [--sampling MS] [--gather MS] [--for SECONDS]", \
+      "follow memory keys and print each gathered batch (time stamp, key, value), saying " \
+      "whether the robot samples them or this desktop polls them")
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);

@@ -1,6 +1,8 @@
 #include <sim/device_services.h>
+#include <sim/frame_manager_service.h>
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
+#include <sim/motion_service.h>
 #include <sim/service.h>
 
 namespace sim {
@@ -26,10 +28,10 @@ std::vector<ServiceEntry> defaultServices()
 {
     return {
         entry<MemoryService>("VXMemory"),
-        placeholder("VXFrameManager"),
+        entry<FrameManagerService>("VXFrameManager"),
         placeholder("VXBehaviorManager"),
         placeholder("VXRobotModel"),
-        placeholder("VXMotion"),
+        entry<MotionService>("VXMotion"),
         placeholder("VXPreferences"),
         entry<LogManagerService>("LogManager"),
         placeholder("VXResourceManager"),

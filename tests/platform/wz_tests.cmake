@@ -6,3 +6,6 @@ nimiob_add_test(NAME wz_session_test
   SOURCES ${CMAKE_CURRENT_LIST_DIR}/wz_session_test.cpp
           ${CMAKE_CURRENT_LIST_DIR}/wz_robustness_test.cpp
   LIBS wz LABELS integration TIMEOUT 120)
+if(NIMIOB_SANITIZE STREQUAL "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_compile_options(wz_session_test PRIVATE -Wno-error=tsan)
+endif()

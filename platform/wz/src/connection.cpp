@@ -1165,6 +1165,8 @@ uint64_t Connection::exportObject(const boost::shared_ptr<GenericObject> &obj)
 {
     const uint64_t id = obj->objectUid();
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_open)
+        return id; // the frame will not be sent; hold nothing
     Export &e = m_exports[id];
     e.object = obj;
     ++e.count;

@@ -150,6 +150,8 @@ void SessionImpl::onAccepted(tcp::socket socket)
     std::shared_ptr<Connection> conn;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_acceptors.empty())
+            return; // closed meanwhile: the socket closes with this scope
         conn = std::make_shared<Connection>(weak_from_this(), std::move(socket), peer, m_heartbeat);
         m_peers[peer] = conn;
     }
@@ -174,33 +176,46 @@ Future<void> SessionImpl::connect(const Url &url)
     Promise<void> promise;
     auto self = shared_from_this();
     const tcp::endpoint ep(address, url.port());
-    asio::post(IoRuntime::instance().context(), [self, socket, promise, url, ep]() mutable {
-        socket->async_connect(
-            ep, [self, socket, promise, url](const boost::system::error_code &ec) mutable {
-                if (ec) {
-                    promise.setError("cannot connect to " + url.str() + ": " + ec.message());
-                    return;
-                }
-                tuneSocket(*socket);
-                const std::string peer = peerIdOf(*socket);
-                std::shared_ptr<Connection> conn;
-                std::shared_ptr<Connection> old;
-                {
-                    std::lock_guard<std::mutex> lock(self->m_mutex);
-                    conn = std::make_shared<Connection>(self, std::move(*socket), peer,
-                                                        self->m_heartbeat);
-                    old = std::move(self->m_directory);
-                    self->m_directory = conn;
-                    self->m_directoryUrl = url;
-                    self->m_registeredRemotely.clear();
-                }
-                if (old)
-                    old->close("disconnected: replaced by a new connection");
-                conn->start();
-                log::LogStream(LogLevel_Info, kSession, "connect") << "connected to " << url.str();
-                promise.setValue();
-            });
-    });
+    uint64_t generation;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        generation = m_generation;
+    }
+    asio::post(
+        IoRuntime::instance().context(), [self, socket, promise, url, ep, generation]() mutable {
+            socket->async_connect(
+                ep,
+                [self, socket, promise, url,
+                 generation](const boost::system::error_code &ec) mutable {
+                    if (ec) {
+                        promise.setError("cannot connect to " + url.str() + ": " + ec.message());
+                        return;
+                    }
+                    tuneSocket(*socket);
+                    const std::string peer = peerIdOf(*socket);
+                    std::shared_ptr<Connection> conn;
+                    std::shared_ptr<Connection> old;
+                    {
+                        std::lock_guard<std::mutex> lock(self->m_mutex);
+                        if (self->m_generation != generation) {
+                            promise.setError("disconnected: session closed");
+                            return;
+                        }
+                        conn = std::make_shared<Connection>(self, std::move(*socket), peer,
+                                                            self->m_heartbeat);
+                        old = std::move(self->m_directory);
+                        self->m_directory = conn;
+                        self->m_directoryUrl = url;
+                        self->m_registeredRemotely.clear();
+                    }
+                    if (old)
+                        old->close("disconnected: replaced by a new connection");
+                    conn->start();
+                    log::LogStream(LogLevel_Info, kSession, "connect")
+                        << "connected to " << url.str();
+                    promise.setValue();
+                });
+        });
     return promise.future();
 }
 
@@ -212,6 +227,7 @@ void SessionImpl::close(const std::string &reason)
     std::shared_ptr<Connection> directory;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        ++m_generation;
         acceptors.swap(m_acceptors);
         m_endpoints.clear();
         peers.swap(m_peers);

@@ -83,6 +83,7 @@ private:
     unsigned m_nextServiceId = 1;
     std::set<unsigned> m_registeredRemotely;
     Connection::Heartbeat m_heartbeat;
+    uint64_t m_generation = 0; // bumped by close(), so that late connects are dropped
 };
 
 } // namespace detail
