@@ -30,20 +30,6 @@ public:
         }
     }
 
-    // Batches holding at least one sample.
-    std::vector<Batch> withSamples() const
-    {
-        std::vector<Batch> out;
-        for (const Batch &b : batches) {
-            for (const auto &history : b) {
-                if (!history.isEmpty()) {
-                    out.push_back(b);
-                    break;
-                }
-            }
-        }
-        return out;
-    }
     // Every sample of `key` received so far, by time stamp.
     QMap<double, QVariant> samplesOf(const QString &key) const
     {

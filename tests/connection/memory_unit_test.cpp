@@ -1,14 +1,7 @@
-// The memory executer without a robot: the history format's failure texts,
-// and an executer whose connection has gone.
-
-#include "memory_test_support.h"
+// The history format of the robot's memory watcher, without a robot.
 
 #include <connection/memory_executer.h>
 #include <connection/platform.h>
-
-#include <QCoreApplication>
-
-#include <wz/log.h>
 
 #include <gtest/gtest.h>
 
@@ -92,8 +85,16 @@ TEST(MemoryHistoryFormat, WellFormedHistoriesBecomeTheBatch)
             {VXValue("Temp/\xc3\xa9t\xc3\xa9"),
              array({sample(10, 250000, 1.5f), sample(9, 999999, true), sample(10, 250000, 2.5f)})}),
         array({VXValue("Other"), array({sample(-1, 0, VXValue())})}),
+        array({VXValue("Twice"), array({sample(1, 0, 1)})}),
+        array({VXValue("Twice"), array({sample(2, 0, array({1, "a"}))})}),
+        array({VXValue("Empty"), array({})}),
     }));
-    ASSERT_EQ(batch.size(), 2);
+    ASSERT_EQ(batch.size(), 4);
+    // A key given twice keeps its later history; nested values become text.
+    EXPECT_EQ(batch.value(QStringLiteral("Twice")),
+              (QMap<double, QVariant> {{2.0, QVariant(QStringLiteral("[1, \"a\"]"))}}));
+    EXPECT_TRUE(batch.contains(QStringLiteral("Empty")));
+    EXPECT_TRUE(batch.value(QStringLiteral("Empty")).isEmpty());
     const QMap<double, QVariant> temp = batch.value(QStringLiteral("Temp/\u00e9t\u00e9"));
     const double early = 9 + 999999 / 1e6;
     EXPECT_EQ(temp.keys(), (QList<double> {early, 10.25}));
@@ -101,45 +102,6 @@ TEST(MemoryHistoryFormat, WellFormedHistoriesBecomeTheBatch)
     EXPECT_EQ(temp.value(10.25), QVariant(2.5f)); // the later of two equal stamps
     EXPECT_EQ(batch.value(QStringLiteral("Other")).value(-1.0),
               QVariant(QStringLiteral("<invalid>")));
-}
-
-// An executer whose connection has gone does nothing, answers nothing, and
-// gives empty catalogue results, all without a word.
-TEST(MemoryExecuterWithoutConnection, EveryOperationEndsQuietly)
-{
-    wz::log::LogCapture log;
-    test::AnswerReceiver receiver;
-    {
-        RK::MemoryExecuter executer {boost::shared_ptr<RK::Connection>()};
-        test::BatchCollector collector;
-        QObject::connect(&executer, &RK::MemoryExecuter::dataGathered, &collector,
-                         [&collector](const test::Batch &b) { collector.batches.push_back(b); });
-        executer.watchKey(QStringLiteral("k"), 10);
-        executer.watchKeys({QStringLiteral("k")}, 10);
-        executer.startWatcher(10, 10);
-        executer.setSamplingPeriod(5);
-        executer.isRealTimeSupported(&receiver, "onRealTimeSupported");
-        executer.onGatherTimeout();
-        executer.onSampleTimeout();
-        executer.unwatchAll();
-        QCoreApplication::processEvents();
-
-        EXPECT_FALSE(executer.isGathering());
-        EXPECT_TRUE(executer.localWatchedKeys().isEmpty());
-        EXPECT_TRUE(collector.batches.empty());
-        EXPECT_TRUE(receiver.answers.empty());
-        EXPECT_TRUE(executer.getKeyType(QStringLiteral("k")).isNull());
-        EXPECT_TRUE(executer.getDataList().isEmpty());
-        EXPECT_TRUE(executer.getEventList().isEmpty());
-        EXPECT_TRUE(executer.getMicroEventList().isEmpty());
-        executer.subscribeToMicroEvent(QStringLiteral("k"));
-        executer.unsubscribeToMicroEvent(QStringLiteral("k"));
-
-        // The gather period is the timer's own, set without the connection.
-        executer.setGatherPeriod(123);
-        EXPECT_EQ(executer.gatherInterval(), 123);
-    }
-    EXPECT_TRUE(log.find("desktop.memory", "").empty());
 }
 
 } // namespace
