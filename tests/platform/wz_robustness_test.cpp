@@ -140,6 +140,9 @@ TEST_F(WzRobustness, WritesToAStalledPeerNeverBlockAndAreCapped)
     }
     EXPECT_TRUE(eventually([&] { return directory->clients().empty(); }));
     EXPECT_TRUE(directory->service("Desktop").hasError());
+    auto rf = reason.get_future();
+    ASSERT_EQ(rf.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(rf.get().rfind("disconnected", 0), 0u);
 }
 
 // A raw TCP peer that writes what it is told and reports how the directory
