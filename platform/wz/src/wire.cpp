@@ -415,6 +415,7 @@ public:
     }
 
     const std::string &error() const { return m_error; }
+    uint64_t elements() const { return m_elements; }
 
 private:
     bool fail(const std::string &why)
@@ -652,17 +653,22 @@ AnyValue decodeValue(const std::shared_ptr<const void> &owner, const char *data,
     if (off != size)
         throw ProtocolError(std::to_string(size - off) + " byte(s) after the value");
 
-    msgpack::object_handle handle;
+    // The first pass counted the elements: one zone chunk holds them all, so
+    // a large value costs one allocation instead of one per container.
+    msgpack::zone zone(std::max<size_t>(MSGPACK_ZONE_CHUNK_SIZE,
+                                        (limits.elements() + 1) * sizeof(msgpack::object) + 256));
+    msgpack::object root;
     try {
         const msgpack::unpack_limit limit(size, size, size, size, size, depth + 1);
         off = 0;
         bool referenced = false;
-        handle = msgpack::unpack(data, size, off, referenced, referenceEverything, nullptr, limit);
+        root = msgpack::unpack(zone, data, size, off, referenced, referenceEverything, nullptr,
+                               limit);
     } catch (const std::exception &e) {
         throw ProtocolError(std::string("MessagePack refused: ") + e.what());
     }
     const DecodeContext ctx {owner, codec, depth};
-    return convert(handle.get(), ctx, 0);
+    return convert(root, ctx, 0);
 }
 
 Message decodeMessage(const std::shared_ptr<const void> &owner, const char *body, size_t size,
