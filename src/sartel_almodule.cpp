@@ -1,0 +1,138 @@
+#include <connection/platform.h>
+#include <connection/sartel_almodule.h>
+
+#include <QThread>
+#include <QTimer>
+
+#include <boost/make_shared.hpp>
+
+#include <wz/log.h>
+
+#include <stdexcept>
+
+namespace RK {
+
+namespace {
+
+const char *const k_category = "con.connection";
+const char *const a_testEventName = "SartelConnectionTest";
+const char *const a_testCallbackName = "_connectionTestCallback";
+const int a_testTimeoutMs = 15000;
+
+// A fresh proxy for each use: the module keeps nothing of the robot's.
+boost::shared_ptr<VX::VXMemoryProxy> memoryProxy(wz::Session *session)
+{
+    if (!session)
+        throw std::runtime_error("no wz::Session object provided");
+    wz::Object object = session->service("VXMemory", "").value(wz::FutureTimeout_Infinite);
+    return boost::make_shared<VX::VXMemoryProxy>(
+        boost::make_shared<VX::VXProxy>(object, "VXMemory"));
+}
+
+// A test timer dies on its own thread: a module released elsewhere (the
+// framework may hold it last) must not stop a timer across threads.
+boost::shared_ptr<QTimer> makeTestTimer()
+{
+    return boost::shared_ptr<QTimer>(new QTimer, [](QTimer *timer) {
+        QObject::disconnect(timer, nullptr, nullptr, nullptr);
+        if (timer->thread() == QThread::currentThread())
+            timer->stop();
+        timer->deleteLater();
+    });
+}
+
+// The remote surface, described once when the library is loaded.
+struct ModuleType
+{
+    ModuleType()
+    {
+        wz::ObjectTypeBuilder<VXSartel> builder("RK::VXSartel");
+        builder.advertiseMethod("dataChanged", &VXSartel::dataChanged);
+        builder.advertiseMethod("_connectionTestCallback", &VXSartel::_connectionTestCallback);
+        builder.registerType();
+        wz::registerObjectFactory("RK::VXSartel", [](const std::vector<wz::AnyValue> &) {
+            return wz::makeObject(boost::make_shared<VXSartel>(nullptr, nullptr));
+        });
+    }
+};
+
+const ModuleType s_moduleType;
+
+} // namespace
+
+const QString VXSartel::a_sartelModuleName = QStringLiteral("VXSartel");
+
+VXSartel::VXSartel(wz::Session *session, QObject *parent)
+    : QObject(parent), m_session(session), m_answered(false)
+{
+    setObjectName(a_sartelModuleName);
+}
+
+VXSartel::~VXSartel() = default;
+
+void VXSartel::dataChanged(const std::string &key, const VX::VXValue &value,
+                           const std::string & /*subscriberIdentifier*/)
+{
+    if (key == "ClientDisconnected" && value.isString() && value.toStdString() == "Sartel") {
+        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
+            << "DisconnectRequested by Morvane. Connection is lost.";
+        emit disconnectRequested();
+    }
+    emit dataSubscribedChanged(QString::fromUtf8(key.data(), static_cast<int>(key.size())), value);
+}
+
+void VXSartel::_connectionTestCallback(const std::string & /*key*/, const VX::VXValue & /*value*/,
+                                       const std::string & /*subscriberIdentifier*/)
+{
+    m_answered = true;
+    try {
+        memoryProxy(m_session)->removeMicroEvent(a_testEventName);
+    } catch (const std::exception &e) {
+        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
+            << "Error removing connection test VXMemory entry: " << e.what();
+    }
+    // The timer keeps running: its time-out only cleans up now.
+    emit connectionTested(true);
+}
+
+void VXSartel::triggerConnectionTest()
+{
+    try {
+        const boost::shared_ptr<VX::VXMemoryProxy> memory = memoryProxy(m_session);
+        memory->subscribeToMicroEvent(a_testEventName, a_sartelModuleName.toUtf8().toStdString(),
+                                      "", a_testCallbackName);
+        // A timer left from an earlier test goes with this assignment, and
+        // with it that test's time-out.
+        m_testTimer = makeTestTimer();
+        m_testTimer->setSingleShot(true);
+        connect(m_testTimer.get(), &QTimer::timeout, this, &VXSartel::onTimeout);
+        m_testTimer->start(a_testTimeoutMs);
+        // The robot now calls this module back over the network.
+        memory->raiseMicroEvent(a_testEventName, VX::VXValue(0));
+    } catch (const std::exception &e) {
+        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
+            << "Two-way connectivity test failed: " << e.what();
+        if (m_testTimer) {
+            m_testTimer->stop();
+            m_testTimer.reset();
+        }
+        emit connectionTested(false);
+    }
+}
+
+void VXSartel::onTimeout()
+{
+    // A module that has been answered once never reports a failure again.
+    if (!m_answered) {
+        try {
+            memoryProxy(m_session)->removeMicroEvent(a_testEventName);
+        } catch (...) { }
+        emit connectionTested(false);
+    }
+    if (m_testTimer) {
+        m_testTimer->stop();
+        m_testTimer.reset();
+    }
+}
+
+} // namespace RK

@@ -1,0 +1,153 @@
+#pragma once
+
+// A connection made by the manager to the shared robot, its desktop module
+// interface, and a robot-side box: a module with an enable flag and an input
+// method of one to six values, so that calls by name have something to reach.
+
+#include "robot_fixture.h"
+
+#include <connection/sartel_almodule.h>
+#include <connection/sartel_executer.h>
+#include <connection/sartel_module.h>
+
+#include <QMetaObject>
+#include <QObject>
+
+#include <wz/log.h>
+
+#pragma push_macro("signals")
+#undef signals
+#include <sim/desktop_hooks.h>
+#include <sim/frame_manager_service.h>
+#include <sim/memory_service.h>
+#include <sim/motion_service.h>
+#pragma pop_macro("signals")
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace test {
+
+class BoxService : public sim::Service
+{
+public:
+    static constexpr const char *kName = "TestBox";
+    BoxService() : sim::Service(kName) { }
+    void describe(sim::ServiceBuilder &b) override
+    {
+        b.method("_isEnabled", [this]() { return enabled.load(); });
+        b.method("isEnabled", [this]() { return enabled.load(); });
+        b.method("onInput_go", [](const wz::AnyValue &) {});
+        b.method("onInput_go", [](const wz::AnyValue &, const wz::AnyValue &) {});
+        b.method("onInput_go",
+                 [](const wz::AnyValue &, const wz::AnyValue &, const wz::AnyValue &) {});
+        b.method("onInput_go",
+                 [](const wz::AnyValue &, const wz::AnyValue &, const wz::AnyValue &,
+                    const wz::AnyValue &) {});
+        b.method("onInput_go",
+                 [](const wz::AnyValue &, const wz::AnyValue &, const wz::AnyValue &,
+                    const wz::AnyValue &, const wz::AnyValue &) {});
+        b.method("onInput_go",
+                 [](const wz::AnyValue &, const wz::AnyValue &, const wz::AnyValue &,
+                    const wz::AnyValue &, const wz::AnyValue &, const wz::AnyValue &) {});
+    }
+    std::atomic<bool> enabled {true};
+};
+
+class SartelTest : public RobotTest
+{
+public:
+    // The shared robot, with the box beside the robot's own services.
+    static void SetUpTestSuite()
+    {
+        sim::RobotOptions options;
+        options.services = sim::defaultServices();
+        options.services.push_back(
+            sim::ServiceEntry {BoxService::kName, []() -> std::unique_ptr<sim::Service> {
+                                   return std::make_unique<BoxService>();
+                               }});
+        s_robot = new sim::Robot(options);
+        s_robot->start();
+    }
+
+protected:
+    void SetUp() override
+    {
+        RobotTest::SetUp();
+        box().enabled = true;
+        motion().resetPose();
+    }
+
+    void TearDown() override
+    {
+        module.reset();
+        connection.reset();
+        recorder.reset();
+        RobotTest::TearDown();
+    }
+
+    // Connects with the manager and takes the module interface of the
+    // connection; the two-way test is left to run.
+    void connect()
+    {
+        recorder = std::make_unique<Recorder>();
+        recorder->connectTo(robot());
+        const QString established = QStringLiteral("connectionEstablished");
+        ASSERT_TRUE(processUntil([this, &established] {
+            return recorder->count(established) > 0
+                || recorder->count(QStringLiteral("disconnected")) > 0;
+        }));
+        ASSERT_EQ(recorder->count(established), 1) << recorder->events.join(", ").toStdString();
+        connection = recorder->manager->currentConnection();
+        ASSERT_TRUE(connection);
+        module = recorder->manager->sartelModuleInterface();
+        ASSERT_TRUE(module);
+    }
+
+    // Returns once every request emitted so far has run on the executer and
+    // what it sent back has reached this thread's queue, then delivers it.
+    void drain()
+    {
+        QMetaObject::invokeMethod(
+            module->executer(), [] {}, Qt::BlockingQueuedConnection);
+        QMetaObject::invokeMethod(
+            module.get(), [] {}, Qt::BlockingQueuedConnection);
+        QCoreApplication::processEvents();
+    }
+
+    static BoxService &box() { return *robot().serviceAs<BoxService>(BoxService::kName); }
+    static sim::MotionService &motion()
+    {
+        return *robot().serviceAs<sim::MotionService>(sim::MotionService::kName);
+    }
+    static sim::FrameManagerService &frames()
+    {
+        return *robot().serviceAs<sim::FrameManagerService>(sim::FrameManagerService::kName);
+    }
+    // Whether the robot's directory lists the service.
+    static bool listed(const std::string &name)
+    {
+        const std::vector<wz::ServiceInfo> services = robot().session().services().value(5000);
+        for (const wz::ServiceInfo &s : services) {
+            if (s.name == name)
+                return true;
+        }
+        return false;
+    }
+    static std::vector<sim::Args> calls(const char *service, const char *method)
+    {
+        return robot().scenario().calls(service, method);
+    }
+    static uint64_t callCount(const char *service, const char *method)
+    {
+        return robot().scenario().callCount(service, method);
+    }
+
+    std::unique_ptr<Recorder> recorder;
+    boost::shared_ptr<RK::Connection> connection;
+    boost::shared_ptr<RK::SartelModuleInterface> module;
+};
+
+} // namespace test

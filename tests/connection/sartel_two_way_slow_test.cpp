@@ -1,0 +1,109 @@
+// The two-way test when the robot cannot reach the desktop, or reaches it
+// late: each case waits out the 15 s of the test.
+
+#include "sartel_fixture.h"
+
+#include <connection/doc_link.h>
+
+#include <chrono>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class TestOutcomes : public QObject
+{
+public:
+    explicit TestOutcomes(RK::SartelModuleInterface &module)
+    {
+        connect(&module, &RK::SartelModuleInterface::connectionTested, this,
+                [this](bool ok) { results.push_back(ok); });
+        connect(&module, &RK::SartelModuleInterface::displayErrorRequested, this,
+                [this](const QString &t, const QString &c, const QString &d, bool) {
+                    dialogs.push_back({t, c, d});
+                });
+    }
+    std::vector<bool> results;
+    std::vector<QStringList> dialogs;
+};
+
+class TwoWayTestSlowTest : public test::SartelTest
+{
+};
+
+const QString k_details = QStringLiteral(
+    "The Morvane software running on the robot is not able to connect to Sartel through the "
+    "network. Your firewall rules may be preventing that incoming connection, or you may have "
+    "bad network conditions.");
+
+TEST_F(TwoWayTestSlowTest, ARobotThatCannotCallBackFailsTheTestWithTheDialog)
+{
+    robot().scenario().blockCallbacks("VXSartel");
+    wz::log::LogCapture logs;
+    connect();
+    TestOutcomes outcomes(*module);
+    ASSERT_TRUE(test::processUntil([&] { return !outcomes.results.empty(); }, 20000));
+    EXPECT_EQ(outcomes.results, std::vector<bool> {false});
+    ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(false)"), 2000));
+    EXPECT_EQ(recorder->count(QStringLiteral("connectionTested(true)")), 0);
+
+    ASSERT_EQ(outcomes.dialogs.size(), 1u);
+    EXPECT_EQ(outcomes.dialogs[0].at(0), QStringLiteral("Connection error"));
+    EXPECT_EQ(outcomes.dialogs[0].at(1),
+              QStringLiteral("The robot cannot connect to Sartel.<br>For more details, see <a "
+                             "href=\"%1\">connection</a> troubleshooting.")
+                  .arg(RK::DocLink::connectionDoc()));
+    EXPECT_EQ(outcomes.dialogs[0].at(2), k_details);
+    // The manager does not pass dialogs on; the connection's signal ends there.
+    EXPECT_TRUE(recorder->errors.empty());
+    // The time-out cleans up on the robot, and nothing of it is logged.
+    EXPECT_EQ(calls("VXMemory", "removeMicroEvent"),
+              (std::vector<sim::Args> {{wz::AnyValue("SartelConnectionTest")}}));
+    EXPECT_FALSE(logs.contains("con.connection", "Two-way connectivity test failed"));
+    EXPECT_FALSE(connection->sartelModule()->answered());
+}
+
+TEST_F(TwoWayTestSlowTest, ACallbackAfterTheTimeOutFailsThenSucceeds)
+{
+    sim::delayMicroEvent(robot(), "SartelConnectionTest", 17s);
+    wz::log::LogCapture logs;
+    connect();
+    TestOutcomes outcomes(*module);
+    ASSERT_TRUE(test::processUntil([&] { return outcomes.results.size() == 2; }, 25000));
+    EXPECT_EQ(outcomes.results, (std::vector<bool> {false, true}));
+    // The user has seen the dialog by then.
+    EXPECT_EQ(outcomes.dialogs.size(), 1u);
+    EXPECT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(true)"), 2000));
+    EXPECT_LT(recorder->events.indexOf(QStringLiteral("connectionTested(false)")),
+              recorder->events.indexOf(QStringLiteral("connectionTested(true)")));
+    // The time-out removed the event already: the late callback cannot, and
+    // succeeds all the same.
+    EXPECT_TRUE(logs.contains(wz::LogLevel_Error, "con.connection",
+                              "Error removing connection test VXMemory entry: "));
+}
+
+TEST_F(TwoWayTestSlowTest, AnAnsweredModuleNeverReportsAFailureAgain)
+{
+    connect();
+    TestOutcomes outcomes(*module);
+    ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(true)")));
+    ASSERT_TRUE(test::processUntil([&] { return !outcomes.results.empty(); }));
+    outcomes.results.clear();
+
+    // The robot can no longer call back; a second test and a third, the
+    // latter replacing the former's timer, end without a word.
+    robot().scenario().blockCallbacks("VXSartel");
+    const uint64_t subscriptions = callCount("VXMemory", "subscribeToMicroEvent");
+    module->testConnection();
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "raiseMicroEvent", 2, 5s));
+    test::settle(3000);
+    module->testConnection();
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "raiseMicroEvent", 3, 5s));
+    EXPECT_EQ(callCount("VXMemory", "subscribeToMicroEvent"), subscriptions + 2);
+    test::settle(17000);
+    EXPECT_TRUE(outcomes.results.empty());
+    EXPECT_TRUE(outcomes.dialogs.empty());
+    EXPECT_EQ(recorder->count(QStringLiteral("connectionTested(false)")), 0);
+}
+
+} // namespace

@@ -1,0 +1,231 @@
+#include "sartel_fixture.h"
+
+#include <chrono>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class TimelineListener : public QObject
+{
+public:
+    explicit TimelineListener(RK::SartelModuleInterface &module)
+    {
+        using I = RK::SartelModuleInterface;
+        connect(&module, &I::currentFrameChanged, this, [this](int f) { frames.push_back(f); });
+        connect(&module, &I::currentTimelineStopped, this, [this] { ++stops; });
+        connect(
+            &module, &I::displayErrorRequested, this,
+            [this](const QString &title, const QString &contents, const QString &details, bool) {
+                errors.push_back({title, contents, details});
+            });
+    }
+
+    int last() const { return frames.empty() ? -2 : frames.back(); }
+
+    std::vector<int> frames;
+    int stops = 0;
+    std::vector<QStringList> errors;
+};
+
+class TimelineTest : public test::SartelTest
+{
+protected:
+    void SetUp() override
+    {
+        SartelTest::SetUp();
+        for (const std::string &id : frames().timelines())
+            frames().deleteBehavior(id);
+        connect();
+        listener = std::make_unique<TimelineListener>(*module);
+    }
+    void TearDown() override
+    {
+        listener.reset();
+        SartelTest::TearDown();
+    }
+
+    // Creates and waits until the robot has it; returns its identifier.
+    std::string create(const QString &text)
+    {
+        const uint64_t before = callCount("VXFrameManager", "createTimeline");
+        emit module->createTimelineRequested(text);
+        drain();
+        EXPECT_EQ(callCount("VXFrameManager", "createTimeline"), before + 1);
+        const std::vector<std::string> ids = frames().timelines();
+        return ids.empty() ? std::string() : ids.back();
+    }
+
+    static uint64_t reads(const std::string &key)
+    {
+        uint64_t n = 0;
+        for (const sim::Args &a : calls("VXMemory", "getData"))
+            n += a.at(0) == wz::AnyValue(key);
+        return n;
+    }
+
+    std::unique_ptr<TimelineListener> listener;
+};
+
+TEST_F(TimelineTest, PlayPauseGotoAndStop)
+{
+    const std::string id = create(QStringLiteral("# a short wave\nfps 50\nframes 400\n"));
+    ASSERT_FALSE(id.empty());
+    // Creating clears the former timeline first, even when there is none.
+    ASSERT_TRUE(test::processUntil([&] { return listener->last() == 0; }));
+    EXPECT_EQ(listener->frames, (std::vector<int> {-1, 0}));
+    EXPECT_FALSE(frames().isPlaying(id));
+
+    emit module->playCurrentTimelineRequested();
+    ASSERT_TRUE(test::processUntil([&] { return listener->last() >= 10; }));
+    EXPECT_TRUE(frames().isPlaying(id));
+    // Frames are told once each, rising, whatever the two routes deliver.
+    for (size_t i = 2; i < listener->frames.size(); ++i)
+        EXPECT_GT(listener->frames[i], listener->frames[i - 1]);
+
+    emit module->pauseCurrentTimelineRequested();
+    drain();
+    EXPECT_FALSE(frames().isPlaying(id));
+    EXPECT_EQ(calls("VXFrameManager", "stopTimeline").back(), (sim::Args {wz::AnyValue(id)}));
+    test::settle(150);
+    const size_t told = listener->frames.size();
+    test::settle(200);
+    EXPECT_EQ(listener->frames.size(), told);
+
+    emit module->gotoFrameCurrentTimelineRequested(7);
+    ASSERT_TRUE(test::processUntil([&] { return listener->last() == 7; }));
+    EXPECT_EQ(frames().currentFrame(id), 7);
+    // Going to the frame already shown tells nothing new.
+    emit module->gotoFrameCurrentTimelineRequested(7);
+    drain();
+    test::settle(150);
+    EXPECT_EQ(std::count(listener->frames.begin(), listener->frames.end(), 7), 1);
+
+    emit module->stopCurrentTimelineRequested();
+    ASSERT_TRUE(test::processUntil([&] { return listener->last() == -1; }));
+    drain();
+    EXPECT_EQ(calls("VXFrameManager", "deleteBehavior"),
+              (std::vector<sim::Args> {{wz::AnyValue(id)}}));
+    EXPECT_TRUE(frames().timelines().empty());
+    EXPECT_FALSE(robot().memory().hasKey(id));
+    // The key has left the watch.
+    const uint64_t readsAfter = reads(id);
+    test::settle(300);
+    EXPECT_EQ(reads(id), readsAfter);
+    EXPECT_TRUE(listener->errors.empty());
+    // Deleting is not the end of a played timeline.
+    EXPECT_EQ(listener->stops, 0);
+}
+
+TEST_F(TimelineTest, TheEndOfATimelineIsTold)
+{
+    const std::string id
+        = create(QStringLiteral("fps 100\nframes 30\nkey 0 NeckYaw 0\nkey 29 NeckYaw 1.0\n"));
+    ASSERT_FALSE(id.empty());
+    emit module->playCurrentTimelineRequested();
+    ASSERT_TRUE(test::processUntil([&] { return listener->stops > 0; }));
+    // By both routes of the removal event.
+    ASSERT_TRUE(test::processUntil([&] { return listener->stops == 2; }));
+    EXPECT_FALSE(robot().memory().hasKey(id));
+    EXPECT_GT(listener->last(), 0);
+    // The timeline moved the joint it has keys for.
+    EXPECT_FLOAT_EQ(motion().getAngles(wz::AnyValue("NeckYaw"), false).at(0), 1.0f);
+
+    // The end does not unload it: playing again starts over.
+    emit module->playCurrentTimelineRequested();
+    ASSERT_TRUE(test::processUntil([&] { return listener->stops == 4; }));
+    EXPECT_EQ(frames().timelines(), std::vector<std::string> {id});
+}
+
+TEST_F(TimelineTest, ASecondTimelineDeletesTheFirst)
+{
+    const std::string first = create(QStringLiteral("frames 100"));
+    ASSERT_FALSE(first.empty());
+    const std::string second = create(QStringLiteral("frames 100"));
+    ASSERT_NE(second, first);
+    EXPECT_EQ(frames().timelines(), std::vector<std::string> {second});
+    EXPECT_EQ(calls("VXFrameManager", "deleteBehavior"),
+              (std::vector<sim::Args> {{wz::AnyValue(first)}}));
+
+    // Only the new one is played.
+    emit module->playCurrentTimelineRequested();
+    drain();
+    EXPECT_EQ(calls("VXFrameManager", "playTimeline"),
+              (std::vector<sim::Args> {{wz::AnyValue(second)}}));
+
+    // The executer's end deletes the timeline it leaves behind.
+    listener.reset();
+    module.reset();
+    connection.reset();
+    recorder->disconnectAndWait();
+    EXPECT_EQ(calls("VXFrameManager", "deleteBehavior").size(), 2u);
+    EXPECT_TRUE(frames().timelines().empty());
+}
+
+TEST_F(TimelineTest, CommandsWithoutATimeline)
+{
+    emit module->playCurrentTimelineRequested();
+    emit module->pauseCurrentTimelineRequested();
+    emit module->stopCurrentTimelineRequested();
+    drain();
+    EXPECT_EQ(callCount("VXFrameManager", "playTimeline"), 0u);
+    EXPECT_EQ(callCount("VXFrameManager", "stopTimeline"), 0u);
+    EXPECT_EQ(callCount("VXFrameManager", "deleteBehavior"), 0u);
+    // Stopping still says there is no frame.
+    ASSERT_TRUE(test::processUntil([&] { return listener->last() == -1; }));
+    EXPECT_TRUE(listener->errors.empty());
+
+    // Going to a frame is asked all the same, and the robot refuses it.
+    emit module->gotoFrameCurrentTimelineRequested(3);
+    drain();
+    EXPECT_EQ(calls("VXFrameManager", "gotoAndStop"),
+              (std::vector<sim::Args> {{wz::AnyValue(""), wz::AnyValue(3)}}));
+    ASSERT_EQ(listener->errors.size(), 1u);
+    EXPECT_EQ(
+        listener->errors[0],
+        (QStringList {"Error", "Failed to do a goto in timeline", listener->errors[0].at(2)}));
+    EXPECT_TRUE(listener->errors[0].at(2).contains(QStringLiteral("timeline \"\" not found")))
+        << listener->errors[0].at(2).toStdString();
+}
+
+TEST_F(TimelineTest, FailuresAreShownAndLeaveNoTimeline)
+{
+    emit module->createTimelineRequested(QStringLiteral("fps 25\nframes many\n"));
+    drain();
+    ASSERT_EQ(listener->errors.size(), 1u);
+    EXPECT_EQ(listener->errors[0].at(0), QStringLiteral("Error"));
+    EXPECT_EQ(listener->errors[0].at(1), QStringLiteral("Failed to create timeline"));
+    EXPECT_TRUE(listener->errors[0].at(2).contains(QStringLiteral("timeline line 2")))
+        << listener->errors[0].at(2).toStdString();
+    EXPECT_TRUE(frames().timelines().empty());
+    // The empty name joined the watch and left it at its first poll.
+    EXPECT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", 1, 5s));
+    const uint64_t emptyReads = reads("");
+    test::settle(300);
+    EXPECT_LE(reads(""), std::max<uint64_t>(emptyReads, 1));
+    EXPECT_EQ(listener->last(), -1);
+
+    // A play the robot refuses: shown, and the timeline stays.
+    const std::string id = create(QStringLiteral("frames 10"));
+    robot().scenario().failMethod("VXFrameManager", "playTimeline", "motors too hot");
+    robot().scenario().failMethod("VXFrameManager", "stopTimeline", "motors too hot");
+    emit module->playCurrentTimelineRequested();
+    emit module->pauseCurrentTimelineRequested();
+    drain();
+    ASSERT_EQ(listener->errors.size(), 3u);
+    EXPECT_EQ(listener->errors[1].at(1), QStringLiteral("Failed to play timeline"));
+    EXPECT_EQ(listener->errors[2].at(1), QStringLiteral("Failed to pause in timeline"));
+    EXPECT_TRUE(listener->errors[1].at(2).contains(QStringLiteral("motors too hot")));
+    EXPECT_EQ(frames().timelines(), std::vector<std::string> {id});
+
+    // Deleting fails silently, and the desktop forgets the timeline anyway.
+    robot().scenario().failMethod("VXFrameManager", "deleteBehavior", "busy");
+    emit module->stopCurrentTimelineRequested();
+    drain();
+    EXPECT_EQ(listener->errors.size(), 3u);
+    emit module->playCurrentTimelineRequested();
+    drain();
+    EXPECT_EQ(callCount("VXFrameManager", "playTimeline"), 1u);
+}
+
+} // namespace
