@@ -10,7 +10,15 @@ namespace console {
       "services and the two-way test, then disconnect") \
     X(watch, "KEY... [--sampling MS] [--gather MS] [--for SECONDS]", \
       "follow memory keys and print each gathered batch (time stamp, key, value), saying " \
-      "whether the robot samples them or this desktop polls them")
+      "whether the robot samples them or this desktop polls them") \
+    X(pose, "[--for SECONDS] [--wake]", \
+      "show joint angles, stiffness and the awake state as they are polled, redrawn in place " \
+      "(5 s by default; --wake wakes the robot up first)") \
+    X(events, "NAME... [--for SECONDS]", \
+      "subscribe micro events and print each one as it arrives, until Ctrl-C or --for") \
+    X(call, "MODULE METHOD [VALUE...] [--check]", \
+      "post a call by name with up to 6 values (true/false, numbers, text); --check asks the " \
+      "box whether it is enabled first; failures are shown as their dialog texts")
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);
