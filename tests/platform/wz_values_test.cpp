@@ -291,15 +291,20 @@ TEST(WzObject, DynamicBuilderOverloadsAndFactories)
     EXPECT_EQ(o.property<std::string>("color").value(), "red");
     EXPECT_NE(b.object(), o) << "each object() is a new object";
 
-    ASSERT_TRUE(wz::registerObjectFactory("wz_test.Shape", [](const std::vector<AnyValue> &) {
+    // The registry is process-wide: a fresh name per run keeps --gtest_repeat honest.
+    static int run = 0;
+    const std::string name = "wz_test.Shape" + std::to_string(run++);
+    ASSERT_TRUE(wz::registerObjectFactory(name, [](const std::vector<AnyValue> &args) {
         wz::DynamicObjectBuilder sb("Shape");
-        sb.advertiseMethod("sides", []() { return 4; });
+        const int sides = args.empty() ? 4 : static_cast<int>(args[0].toInt());
+        sb.advertiseMethod("sides", [sides]() { return sides; });
         return sb.object();
     }));
-    EXPECT_FALSE(wz::registerObjectFactory("wz_test.Shape", nullptr));
+    EXPECT_FALSE(wz::registerObjectFactory(name, nullptr));
     const auto names = wz::listObjectFactories();
-    EXPECT_NE(std::find(names.begin(), names.end(), "wz_test.Shape"), names.end());
-    EXPECT_EQ(wz::createObject("wz_test.Shape").call<int>("sides"), 4);
+    EXPECT_NE(std::find(names.begin(), names.end(), name), names.end());
+    EXPECT_EQ(wz::createObject(name).call<int>("sides"), 4);
+    EXPECT_EQ(wz::createObject(name, {AnyValue(6)}).call<int>("sides"), 6);
     EXPECT_THROW(wz::createObject("wz_test.Nothing"), std::runtime_error);
 }
 

@@ -35,7 +35,7 @@ public:
     static IoRuntime &instance();
     boost::asio::io_context &context() { return m_io; }
 
-    static constexpr int kIoThreads = 2;
+    static constexpr int kIoThreads = 1;
 
 private:
     IoRuntime();

@@ -1,4 +1,8 @@
+#include "runtime.h"
+
 #include <wz/future.h>
+
+#include <algorithm>
 
 #include <chrono>
 
@@ -27,12 +31,27 @@ FutureState FutureStateBase::wait(int msecs) const
     std::unique_lock<std::mutex> lock(m_mutex);
     if (m_state != FutureState_Running || msecs <= 0)
         return m_state;
-    if (msecs == FutureTimeout_Infinite) {
-        m_cond.wait(lock, [this] { return m_state != FutureState_Running; });
-    } else {
-        m_cond.wait_for(lock, std::chrono::milliseconds(msecs),
-                        [this] { return m_state != FutureState_Running; });
+    const bool forever = msecs == FutureTimeout_Infinite;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(msecs);
+    std::shared_ptr<Waker> waker = Waker::forThisThread();
+    waker->drain();
+    m_waiters.push_back(waker);
+    while (m_state == FutureState_Running) {
+        int64_t left = -1;
+        if (!forever) {
+            left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                       deadline - std::chrono::steady_clock::now())
+                       .count();
+            if (left <= 0)
+                break;
+        }
+        lock.unlock();
+        waker->wait(left);
+        lock.lock();
     }
+    auto it = std::find(m_waiters.begin(), m_waiters.end(), waker);
+    if (it != m_waiters.end())
+        m_waiters.erase(it);
     return m_state;
 }
 
@@ -82,8 +101,11 @@ void FutureStateBase::endFinish(std::unique_lock<std::mutex> &lock, FutureState 
     direct.swap(m_directCallbacks);
     std::function<void()> handler = std::move(m_cancelHandler);
     m_cancelHandler = nullptr;
+    std::vector<std::shared_ptr<Waker>> waiters;
+    waiters.swap(m_waiters);
     lock.unlock();
-    m_cond.notify_all();
+    for (auto &w : waiters)
+        w->wake();
     for (auto &cb : direct)
         cb();
     for (auto &cb : callbacks)

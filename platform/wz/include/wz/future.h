@@ -3,7 +3,6 @@
 #include <wz/api.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -39,6 +38,8 @@ template<typename T>
 class Promise;
 
 namespace detail {
+
+class Waker;
 
 // Runs `task` on a framework thread (the process-wide pool).
 WZ_API void runOnFrameworkThread(std::function<void()> task);
@@ -78,7 +79,8 @@ protected:
     mutable std::mutex m_mutex;
 
 private:
-    mutable std::condition_variable m_cond;
+    // Threads blocked in wait(), each woken through its own Waker.
+    mutable std::vector<std::shared_ptr<Waker>> m_waiters;
     FutureState m_state = FutureState_Running;
     std::string m_error;
     std::vector<std::function<void()>> m_callbacks;
