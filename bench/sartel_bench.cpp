@@ -1,0 +1,272 @@
+// The road of robot events and the watched-key poll of the desktop module,
+// against the in-process simulated robot over loopback TCP. Each figure comes
+// with a baseline measured in the same run:
+//   events  micro events raised on the robot, through the module's
+//           dataChanged, its dataSubscribedChanged and the interface, to a
+//           slot on this (the application's) thread; against the same events
+//           delivered by the robot to a plain module of the framework that
+//           only counts them. Goal: 50 000 events/s sustained, none lost.
+//   poll    one polling tick with 100 watched keys (one getData each) on the
+//           executer's thread; against 100 getData calls made on that same
+//           thread through the same proxy, with nothing emitted. Goal: within
+//           the 60 ms period.
+
+#include <connection/connection.h>
+#include <connection/connection_manager.h>
+#include <connection/connection_threads_manager.h>
+#include <connection/platform.h>
+#include <connection/sartel_module.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QMetaObject>
+#include <QTimer>
+
+#include <benchmark/benchmark.h>
+
+#pragma push_macro("signals")
+#undef signals
+#include <sim/memory_service.h>
+#include <sim/robot.h>
+#pragma pop_macro("signals")
+
+#include <wz/log.h>
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Events raised and not yet received, at most: the robot keeps 10 000 for a
+// subscriber before it drops the oldest, and none may be lost here.
+const int k_window = 4000;
+const int k_keys = 100;
+
+double seconds(Clock::duration d)
+{
+    return std::chrono::duration<double>(d).count();
+}
+
+double millis(Clock::duration d)
+{
+    return std::chrono::duration<double, std::milli>(d).count();
+}
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+bool processUntil(const std::function<bool()> &done, int ms)
+{
+    QDeadlineTimer deadline(ms);
+    QTimer wake;
+    wake.start(1);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return true;
+}
+
+// A connection made by the manager, torn down at the end.
+class Desktop
+{
+public:
+    explicit Desktop(const sim::Robot &robot)
+    {
+        QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
+                         [this] { established = true; });
+        manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
+        processUntil([this] { return established; }, 30000);
+        module = manager.sartelModuleInterface();
+    }
+    ~Desktop()
+    {
+        module.reset();
+        manager.disconnectBroker();
+        const RK::ConnectionThreadsManager *workers
+            = manager.findChild<RK::ConnectionThreadsManager *>();
+        processUntil([workers] { return workers->threads().isEmpty(); }, 30000);
+    }
+
+    RK::ConnectionManager manager;
+    bool established = false;
+    boost::shared_ptr<RK::SartelModuleInterface> module;
+};
+
+// Raises `count` events numbered from 0 on the robot, never more than the
+// window ahead of what has been received.
+std::thread raiser(sim::MemoryService &memory, const std::string &name, int count,
+                   const std::atomic<int> &received, const std::atomic<bool> &stop)
+{
+    return std::thread([&memory, name, count, &received, &stop] {
+        for (int i = 0; i < count && !stop; ++i) {
+            while (i - received.load() >= k_window && !stop)
+                std::this_thread::yield();
+            memory.raiseMicroEvent(name, wz::AnyValue(i));
+        }
+    });
+}
+
+void BM_MicroEventsToApplication(benchmark::State &state)
+{
+    const int count = int(state.range(0));
+    sim::Robot robot;
+    robot.start();
+    sim::MemoryService &memory = robot.memory();
+    Desktop desktop(robot);
+    if (!desktop.module) {
+        state.SkipWithError("no connection to the simulated robot");
+        return;
+    }
+
+    // Baseline: a plain module of another client, counting what reaches it.
+    auto baselineSession = boost::make_shared<wz::Session>();
+    baselineSession->connect(robot.url()).value(10000);
+    std::atomic<int> baselineReceived {0};
+    std::atomic<bool> baselineInOrder {true};
+    wz::DynamicObjectBuilder builder("BenchModule");
+    builder.advertiseMethod(
+        "dataChanged", [&](const std::string &, const wz::AnyValue &value, const std::string &) {
+            if (value.toInt() != baselineReceived.load())
+                baselineInOrder = false;
+            ++baselineReceived;
+        });
+    baselineSession->registerService("BenchModule", builder.object()).value(10000);
+    memory.subscribe("Bench/Baseline", "BenchModule", "", "dataChanged", true);
+
+    // The library's road, ending in a slot on this thread.
+    std::atomic<int> received {0};
+    bool inOrder = true;
+    QObject receiver;
+    QObject::connect(desktop.module.get(), &RK::SartelModuleInterface::dataSubscribedChanged,
+                     &receiver, [&](const QString &name, const VX::VXValue &value) {
+                         if (name != QLatin1String("Bench/Event"))
+                             return;
+                         if (value.toInt() != received.load())
+                             inOrder = false;
+                         ++received;
+                     });
+    emit desktop.module->subscribeToMicroEventRequested(QStringLiteral("Bench/Event"));
+    processUntil([&] { return !memory.subscribers("Bench/Event").empty(); }, 10000);
+
+    std::vector<double> rates;
+    std::vector<double> baselineRates;
+    for (auto _ : state) {
+        std::atomic<bool> stop {false};
+        baselineReceived = 0;
+        Clock::time_point t0 = Clock::now();
+        std::thread b = raiser(memory, "Bench/Baseline", count, baselineReceived, stop);
+        while (baselineReceived < count && seconds(Clock::now() - t0) < 120)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        baselineRates.push_back(baselineReceived / seconds(Clock::now() - t0));
+        stop = baselineReceived < count;
+        b.join();
+
+        received = 0;
+        t0 = Clock::now();
+        std::thread r = raiser(memory, "Bench/Event", count, received, stop);
+        processUntil([&] { return received == count; }, 120000);
+        rates.push_back(received / seconds(Clock::now() - t0));
+        stop = true;
+        r.join();
+        if (received != count || baselineReceived != count || !inOrder || !baselineInOrder)
+            state.SkipWithError("events were lost or reordered");
+    }
+    const double rate = median(rates);
+    const double baseline = median(baselineRates);
+    state.counters["events_per_s"] = rate;
+    state.counters["framework_events_per_s"] = baseline;
+    state.counters["ratio"] = rate / baseline;
+    state.counters["lost"] = double(count - received);
+    state.counters["goal_50k_met"] = rate >= 50000 ? 1 : 0;
+    baselineSession->close().wait(10000);
+}
+
+void BM_PollTick100Keys(benchmark::State &state)
+{
+    sim::Robot robot;
+    robot.start();
+    for (int i = 0; i < k_keys; ++i)
+        robot.scenario().setKey("Bench/Key" + std::to_string(i), wz::AnyValue(i));
+    Desktop desktop(robot);
+    if (!desktop.module) {
+        state.SkipWithError("no connection to the simulated robot");
+        return;
+    }
+    RK::VXSartelExecuter *executer = desktop.module->executer();
+    const boost::shared_ptr<VX::VXMemoryProxy> memory
+        = desktop.manager.currentConnection()->memory();
+    std::vector<std::string> keys;
+    for (int i = 0; i < k_keys; ++i) {
+        keys.push_back("Bench/Key" + std::to_string(i));
+        emit desktop.module->addWatchedDataRequested(QString::fromStdString(keys.back()));
+    }
+    // Counted on the executer's thread, as each key is emitted.
+    int emitted = 0;
+    QObject::connect(
+        executer, &RK::VXSartelExecuter::dataSubscribedChanged, executer,
+        [&emitted](const QString &, const VX::VXValue &) { ++emitted; }, Qt::DirectConnection);
+
+    std::vector<double> ticks;
+    std::vector<double> baselines;
+    bool complete = true;
+    for (auto _ : state) {
+        for (int round = 0; round < state.range(0); ++round) {
+            QMetaObject::invokeMethod(
+                executer,
+                [&] {
+                    Clock::time_point t0 = Clock::now();
+                    for (const std::string &key : keys)
+                        benchmark::DoNotOptimize(memory->getData(key));
+                    baselines.push_back(millis(Clock::now() - t0));
+                    emitted = 0;
+                    t0 = Clock::now();
+                    executer->updateDataPolled();
+                    ticks.push_back(millis(Clock::now() - t0));
+                    complete = complete && emitted == k_keys;
+                },
+                Qt::BlockingQueuedConnection);
+        }
+    }
+    if (!complete)
+        state.SkipWithError("a tick did not read every key");
+    const double tickMs = median(ticks);
+    const double baselineMs = median(baselines);
+    state.counters["tick_ms"] = tickMs;
+    state.counters["per_key_us"] = tickMs * 1000 / k_keys;
+    state.counters["getData_x100_ms"] = baselineMs;
+    state.counters["ratio"] = tickMs / baselineMs;
+    state.counters["period_share"] = tickMs / 60.0;
+    state.counters["goal_60ms_met"] = *std::max_element(ticks.begin(), ticks.end()) < 60 ? 1 : 0;
+}
+
+} // namespace
+
+BENCHMARK(BM_MicroEventsToApplication)->Arg(200000)->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PollTick100Keys)->Arg(30)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    wz::log::setLogLevel(wz::LogLevel_Error);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
