@@ -1,6 +1,7 @@
 #include <connection/connection.h>
 #include <connection/memory_executer.h>
 #include <connection/platform.h>
+#include <connection/sartel_almodule.h>
 #include <connection/value_conversion.h>
 
 #include <QMetaObject>
@@ -446,12 +447,31 @@ QStringList MemoryExecuter::getMicroEventList()
 
 void MemoryExecuter::subscribeToMicroEvent(const QString &key)
 {
-    (void)key;
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection)
+        return;
+    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
+    const boost::shared_ptr<VXSartel> module = connection->sartelModule();
+    if (!memory || !module)
+        return;
+    subscribeToMicroEvent(memory, utf8(module->objectName()), utf8(key));
 }
 
 void MemoryExecuter::unsubscribeToMicroEvent(const QString &key)
 {
-    (void)key;
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection)
+        return;
+    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
+    const boost::shared_ptr<VXSartel> module = connection->sartelModule();
+    if (!memory || !module)
+        return;
+    try {
+        memory->unsubscribeToMicroEvent(utf8(key), utf8(module->objectName()));
+    } catch (const std::exception &e) {
+        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
+            << "unsubscribing from micro event \"" << utf8(key) << "\" failed: " << e.what();
+    }
 }
 
 void MemoryExecuter::subscribeToMicroEvent(boost::shared_ptr<VX::VXMemoryProxy> memory,

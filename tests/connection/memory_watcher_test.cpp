@@ -6,6 +6,7 @@
 
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
+#include <connection/sartel_almodule.h>
 
 #include <QDateTime>
 #include <QFuture>
@@ -14,6 +15,7 @@
 
 #pragma push_macro("signals")
 #undef signals
+#include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
 #include <wz/log.h>
 #pragma pop_macro("signals")
@@ -475,6 +477,37 @@ TEST_F(MemoryWatcherTest, CatalogueAnswersAndItsEmptyResults)
     EXPECT_TRUE(list.result().isEmpty());
     EXPECT_TRUE(memory->getKeyType(QStringLiteral("Cat/Int")).result().isNull());
     EXPECT_TRUE(log.find("desktop.memory", "").empty());
+}
+
+TEST_F(MemoryWatcherTest, MicroEventsReachTheDesktopModule)
+{
+    connectRobot(true);
+    const boost::shared_ptr<RK::VXSartel> module = connection->sartelModule();
+    ASSERT_TRUE(module);
+    QStringList delivered;
+    QObject context;
+    QObject::connect(module.get(), &RK::VXSartel::dataSubscribedChanged, &context,
+                     [&delivered](const QString &name, const VX::VXValue &value) {
+                         delivered << name + QLatin1Char('=') + QString::number(value.toInt());
+                     });
+
+    memory->executer()->subscribeToMicroEvent(QStringLiteral("Mem/Micro"));
+    EXPECT_EQ(robot().memory().subscribers("Mem/Micro"),
+              std::vector<std::string> {module->objectName().toStdString()});
+    robot().scenario().raiseMicroEvent("Mem/Micro", 5);
+    EXPECT_TRUE(waitFor([&] { return delivered.contains(QStringLiteral("Mem/Micro=5")); }));
+    memory->executer()->unsubscribeToMicroEvent(QStringLiteral("Mem/Micro"));
+    EXPECT_TRUE(robot().memory().subscribers("Mem/Micro").empty());
+
+    // Failures are errors in the log, and nothing more.
+    wz::log::LogCapture log;
+    memory->executer()->unsubscribeToMicroEvent(QStringLiteral("Mem/Micro"));
+    EXPECT_TRUE(log.contains(wz::LogLevel_Error, "desktop.memory",
+                             "unsubscribing from micro event \"Mem/Micro\" failed: "));
+    robot().scenario().failMethod("VXMemory", "subscribeToMicroEvent", "no room");
+    memory->executer()->subscribeToMicroEvent(QStringLiteral("Mem/Micro"));
+    EXPECT_TRUE(log.contains(wz::LogLevel_Error, "desktop.memory",
+                             "subscribing to micro event \"Mem/Micro\" failed: "));
 }
 
 } // namespace
