@@ -49,12 +49,12 @@ float number(const std::string &word, int line, const char *what)
 
 } // namespace
 
-TimelineSpec TimelineSpec::parse(const std::string &text)
+TimelineScript TimelineScript::parse(const std::string &text)
 {
     if (text.size() > kMaxTextSize)
         throw std::runtime_error("a timeline text is at most " + std::to_string(kMaxTextSize)
                                  + " bytes, not " + std::to_string(text.size()));
-    TimelineSpec spec;
+    TimelineScript script;
     bool haveFps = false;
     bool haveFrames = false;
     std::istringstream lines(text);
@@ -78,20 +78,20 @@ TimelineSpec TimelineSpec::parse(const std::string &text)
                 throw std::runtime_error(lineError(lineNo, keyword + " given twice"));
             seen = true;
             if (keyword == "fps")
-                spec.fps = integer(w[1], 1, kMaxFps, lineNo, "fps");
+                script.fps = integer(w[1], 1, kMaxFps, lineNo, "fps");
             else
-                spec.frames = integer(w[1], 1, kMaxFrames, lineNo, "frames");
+                script.frames = integer(w[1], 1, kMaxFrames, lineNo, "frames");
         } else if (keyword == "key") {
             if (w.size() != 4)
                 throw std::runtime_error(lineError(lineNo, "key takes FRAME JOINT ANGLE"));
-            if (spec.keys.size() >= kMaxKeys)
+            if (script.keys.size() >= kMaxKeys)
                 throw std::runtime_error(
                     lineError(lineNo, "more than " + std::to_string(kMaxKeys) + " keys"));
             const std::vector<std::string> &joints = MotionService::jointNames();
             if (std::find(joints.begin(), joints.end(), w[2]) == joints.end())
                 throw std::runtime_error(lineError(lineNo, "unknown joint \"" + w[2] + "\""));
-            spec.keys.push_back(Key {integer(w[1], 0, kMaxFrames - 1, lineNo, "a key's frame"),
-                                     w[2], number(w[3], lineNo, "a key's angle")});
+            script.keys.push_back(Key {integer(w[1], 0, kMaxFrames - 1, lineNo, "a key's frame"),
+                                       w[2], number(w[3], lineNo, "a key's angle")});
         } else {
             throw std::runtime_error(
                 lineError(lineNo, "unknown entry \"" + keyword + "\" (fps, frames or key)"));
@@ -99,15 +99,15 @@ TimelineSpec TimelineSpec::parse(const std::string &text)
     }
     if (!haveFrames)
         throw std::runtime_error("a timeline needs its length: frames N");
-    for (const Key &k : spec.keys) {
-        if (k.frame >= spec.frames)
+    for (const Key &k : script.keys) {
+        if (k.frame >= script.frames)
             throw std::runtime_error("a key at frame " + std::to_string(k.frame)
                                      + " is beyond the last frame, "
-                                     + std::to_string(spec.frames - 1));
+                                     + std::to_string(script.frames - 1));
     }
-    std::stable_sort(spec.keys.begin(), spec.keys.end(),
+    std::stable_sort(script.keys.begin(), script.keys.end(),
                      [](const Key &a, const Key &b) { return a.frame < b.frame; });
-    return spec;
+    return script;
 }
 
 FrameManagerService::FrameManagerService() : Service(kName) { }
@@ -165,7 +165,7 @@ const FrameManagerService::Timeline &FrameManagerService::find(const std::string
 
 std::string FrameManagerService::createTimeline(const std::string &text)
 {
-    TimelineSpec spec = TimelineSpec::parse(text);
+    TimelineScript script = TimelineScript::parse(text);
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_running)
         throw std::runtime_error("VXFrameManager is not running");
@@ -174,10 +174,10 @@ std::string FrameManagerService::createTimeline(const std::string &text)
                                  + "); delete one first");
     const std::string id = "VXFrameManager/timeline_" + std::to_string(m_next++);
     Timeline &t = m_timelines[id];
-    t.spec = std::move(spec);
+    t.script = std::move(script);
     showLocked(id, t, 0);
     wz::log::LogStream(wz::LogLevel_Debug, kCategory, __FUNCTION__)
-        << id << ": " << t.spec.frames << " frame(s) at " << t.spec.fps << " fps";
+        << id << ": " << t.script.frames << " frame(s) at " << t.script.fps << " fps";
     return id;
 }
 
@@ -209,9 +209,9 @@ void FrameManagerService::gotoAndStop(const std::string &id, int frame)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     Timeline &t = find(id);
-    if (frame < 0 || frame >= t.spec.frames)
+    if (frame < 0 || frame >= t.script.frames)
         throw std::runtime_error("frame " + std::to_string(frame) + " is outside timeline \"" + id
-                                 + "\" (0 to " + std::to_string(t.spec.frames - 1) + ")");
+                                 + "\" (0 to " + std::to_string(t.script.frames - 1) + ")");
     t.playing = false;
     t.ended = false;
     showLocked(id, t, frame);
@@ -259,15 +259,16 @@ void FrameManagerService::showLocked(const std::string &id, Timeline &t, int fra
 {
     t.frame = frame;
     robot().memory().insertData(id, wz::AnyValue(frame));
-    if (t.spec.keys.empty())
+    if (t.script.keys.empty())
         return;
     MotionService *motion = robot().serviceAs<MotionService>(MotionService::kName);
     if (!motion || robot().scenario().isOmitted(MotionService::kName))
         return;
     // Each joint with keys goes to the value between its keys around the
     // frame; before its first key it is left alone.
-    std::map<std::string, std::pair<const TimelineSpec::Key *, const TimelineSpec::Key *>> around;
-    for (const TimelineSpec::Key &k : t.spec.keys) {
+    std::map<std::string, std::pair<const TimelineScript::Key *, const TimelineScript::Key *>>
+        around;
+    for (const TimelineScript::Key &k : t.script.keys) {
         auto &pair = around[k.joint];
         if (k.frame <= frame)
             pair.first = &k;
@@ -275,8 +276,8 @@ void FrameManagerService::showLocked(const std::string &id, Timeline &t, int fra
             pair.second = &k;
     }
     for (const auto &j : around) {
-        const TimelineSpec::Key *before = j.second.first;
-        const TimelineSpec::Key *after = j.second.second;
+        const TimelineScript::Key *before = j.second.first;
+        const TimelineScript::Key *after = j.second.second;
         if (!before)
             continue;
         float angle = before->angle;
@@ -315,12 +316,12 @@ void FrameManagerService::run()
             const double elapsed = std::chrono::duration<double>(now - t.startedAt).count();
             // Late ticks skip frames rather than slow the timeline down.
             const long long due
-                = t.startFrame + static_cast<long long>(std::floor(elapsed * t.spec.fps));
+                = t.startFrame + static_cast<long long>(std::floor(elapsed * t.script.fps));
             try {
-                if (due >= t.spec.frames) {
+                if (due >= t.script.frames) {
                     // A late tick still shows the last frame before the end.
-                    if (t.frame != t.spec.frames - 1)
-                        showLocked(entry.first, t, t.spec.frames - 1);
+                    if (t.frame != t.script.frames - 1)
+                        showLocked(entry.first, t, t.script.frames - 1);
                     endLocked(entry.first, t);
                     continue;
                 }
@@ -334,7 +335,7 @@ void FrameManagerService::run()
             }
             const auto step
                 = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
-                    static_cast<double>(t.frame + 1 - t.startFrame) / t.spec.fps));
+                    static_cast<double>(t.frame + 1 - t.startFrame) / t.script.fps));
             next = std::min(next, t.startedAt + step);
         }
         if (next == Clock::time_point::max())

@@ -14,7 +14,7 @@ namespace {
 
 const char *const kCategory = "sim.motion";
 
-struct JointSpec
+struct JointDef
 {
     const char *name;
     const char *chain;
@@ -25,7 +25,7 @@ struct JointSpec
 };
 
 // Body order: head, left arm, right arm, pelvis, left leg, right leg.
-const JointSpec kJoints[] = {
+const JointDef kJoints[] = {
     {"NeckYaw", "Head", -2.0f, 2.0f, 0.0f, 0.0f},
     {"NeckPitch", "Head", -0.6f, 0.5f, 0.0f, 0.2f},
     {"LArmShoulderPitch", "LArm", -2.0f, 2.0f, 1.4f, 0.9f},
@@ -114,12 +114,12 @@ void MotionService::Track::moveTo(Clock::time_point now, Clock::time_point end, 
 MotionService::MotionService() : Service(kName)
 {
     const Clock::time_point now = Clock::now();
-    for (const JointSpec &spec : kJoints) {
+    for (const JointDef &def : kJoints) {
         Joint j;
-        j.name = spec.name;
-        j.min = spec.min;
-        j.max = spec.max;
-        j.angle.set(now, spec.rest);
+        j.name = def.name;
+        j.min = def.min;
+        j.max = def.max;
+        j.angle.set(now, def.rest);
         j.stiffness.set(now, 0.0f);
         m_joints.push_back(std::move(j));
     }
@@ -134,8 +134,8 @@ const std::vector<std::string> &MotionService::jointNames()
 {
     static const std::vector<std::string> names = [] {
         std::vector<std::string> out;
-        for (const JointSpec &spec : kJoints)
-            out.push_back(spec.name);
+        for (const JointDef &def : kJoints)
+            out.push_back(def.name);
         return out;
     }();
     return names;
@@ -148,15 +148,15 @@ std::vector<std::string> MotionService::bodyNames(const std::string &name)
     std::vector<std::string> out;
     for (const char *chain : kChains) {
         if (name == chain) {
-            for (const JointSpec &spec : kJoints) {
-                if (name == spec.chain)
-                    out.push_back(spec.name);
+            for (const JointDef &def : kJoints) {
+                if (name == def.chain)
+                    out.push_back(def.name);
             }
             return out;
         }
     }
-    for (const JointSpec &spec : kJoints) {
-        if (name == spec.name)
+    for (const JointDef &def : kJoints) {
+        if (name == def.name)
             return {name};
     }
     throw std::runtime_error("unknown joint or chain \"" + name + "\"");

@@ -15,7 +15,7 @@
 namespace sim {
 
 // A timeline parsed from its text (format in sim/README.md).
-struct SIM_API TimelineSpec
+struct SIM_API TimelineScript
 {
     int fps = 25;
     int frames = 0;
@@ -33,7 +33,7 @@ struct SIM_API TimelineSpec
     static constexpr size_t kMaxKeys = 100000;
     static constexpr size_t kMaxTextSize = 1 << 20;
     // Throws std::runtime_error naming the line and what is wrong with it.
-    static TimelineSpec parse(const std::string &text);
+    static TimelineScript parse(const std::string &text);
 };
 
 // "VXFrameManager": turns timeline texts into behaviours that play frame by
@@ -78,7 +78,7 @@ private:
     using Clock = std::chrono::steady_clock;
     struct Timeline
     {
-        TimelineSpec spec;
+        TimelineScript script;
         int frame = 0;
         bool playing = false;
         bool ended = false;
