@@ -1,6 +1,7 @@
 // Messaging costs against plain loopback TCP measured in the same run:
 //  - small call round trip vs a raw ping-pong of the same bytes (median, p99);
-//  - posted calls per second, one way;
+//  - posted calls per second, one way, and signal emissions per second to a
+//    subscriber, each against raw one-way messages of the same size;
 //  - a 2.5 MB binary round trip vs the same bytes echoed over a plain socket.
 
 #include <wz/detail/decode.h>
@@ -119,6 +120,46 @@ double rawRoundTrip(RawPair &pair, const std::vector<char> &out, std::vector<cha
     return micros(Clock::now() - t0);
 }
 
+// Messages per second, one way: `count` writes of `frame` bytes each (one
+// send per message, as the framework does), drained by a reader thread.
+double rawOneWay(size_t frame, int64_t count)
+{
+    const int lfd = ::socket(AF_INET, SOCK_STREAM, 0);
+    check(lfd >= 0, "socket");
+    sockaddr_in addr {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    check(::bind(lfd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0, "bind");
+    check(::listen(lfd, 1) == 0, "listen");
+    socklen_t len = sizeof addr;
+    check(::getsockname(lfd, reinterpret_cast<sockaddr *>(&addr), &len) == 0, "getsockname");
+    const int out = ::socket(AF_INET, SOCK_STREAM, 0);
+    check(::connect(out, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0, "connect");
+    const int in = ::accept(lfd, nullptr, nullptr);
+    ::close(lfd);
+    const int one = 1;
+    ::setsockopt(out, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    const size_t total = frame * static_cast<size_t>(count);
+    const auto t0 = Clock::now();
+    std::thread reader([in, total] {
+        std::vector<char> buf(1 << 16);
+        size_t got = 0;
+        while (got < total) {
+            const ssize_t r = ::recv(in, buf.data(), buf.size(), 0);
+            check(r > 0, "recv");
+            got += static_cast<size_t>(r);
+        }
+    });
+    std::vector<char> msg(frame, 'p');
+    for (int64_t i = 0; i < count; ++i)
+        writeAll(out, msg.data(), msg.size());
+    reader.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - t0).count();
+    ::close(in);
+    ::close(out);
+    return static_cast<double>(count) / seconds;
+}
+
 // ---- the framework ------------------------------------------------------------------
 
 struct Robot
@@ -198,8 +239,11 @@ void BM_PostsOneWay(benchmark::State &state)
 {
     const int64_t count = state.range(0);
     Robot robot;
-    double perSecond = 0;
+    const size_t frame = callFrameSize(0, static_cast<int64_t>(robot.service->objectUid()), "count",
+                                       {wz::AnyValue(100000)});
+    double perSecond = 0, rawPerSecond = 0;
     for (auto _ : state) {
+        rawPerSecond = rawOneWay(frame, count);
         robot.posted = 0;
         const auto t0 = Clock::now();
         for (int64_t i = 0; i < count; ++i)
@@ -210,6 +254,37 @@ void BM_PostsOneWay(benchmark::State &state)
             = static_cast<double>(count) / std::chrono::duration<double>(Clock::now() - t0).count();
     }
     state.counters["posts_per_s"] = perSecond;
+    state.counters["raw_msgs_per_s"] = rawPerSecond;
+    state.counters["post_ratio"] = rawPerSecond / perSecond;
+}
+
+// Signal emissions from the directory side to a client subscriber.
+void BM_EventsToSubscriber(benchmark::State &state)
+{
+    const int64_t count = state.range(0);
+    Robot robot;
+    wz::DynamicObjectBuilder b("Events");
+    b.advertiseSignal("tick", 1);
+    wz::Object events = b.object();
+    robot.directory->registerService("Events", events).value();
+    std::atomic<int64_t> received {0};
+    robot.client->service("Events").value().connect("tick", [&](int) { ++received; }).value();
+    const size_t frame = callFrameSize(0, 1, "", {}) + 4; // an emit: [8, 0, link, [value]]
+    double perSecond = 0, rawPerSecond = 0;
+    for (auto _ : state) {
+        rawPerSecond = rawOneWay(frame, count);
+        received = 0;
+        const auto t0 = Clock::now();
+        for (int64_t i = 0; i < count; ++i)
+            events->emitSignal("tick", {wz::AnyValue(static_cast<int>(i))});
+        while (received.load() < count)
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        perSecond
+            = static_cast<double>(count) / std::chrono::duration<double>(Clock::now() - t0).count();
+    }
+    state.counters["events_per_s"] = perSecond;
+    state.counters["raw_msgs_per_s"] = rawPerSecond;
+    state.counters["event_ratio"] = rawPerSecond / perSecond;
 }
 
 void BM_BinaryRoundTrip(benchmark::State &state)
@@ -244,6 +319,7 @@ void BM_BinaryRoundTrip(benchmark::State &state)
 
 BENCHMARK(BM_SmallCallRoundTrip)->Arg(5000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PostsOneWay)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_EventsToSubscriber)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BinaryRoundTrip)->Arg(2500000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

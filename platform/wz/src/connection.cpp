@@ -39,6 +39,68 @@ thread_local std::string t_caller;
 
 std::atomic<uint64_t> g_nextRemoteLink {uint64_t(1) << 48};
 
+// Large frames reuse a few buffers: a fresh multi-megabyte allocation is
+// mapped anew by the allocator and costs a page fault per 4 KiB written, which
+// on a camera stream is more than the copy from the socket itself.
+class LargeBufferPool
+{
+public:
+    static LargeBufferPool &instance()
+    {
+        static LargeBufferPool *pool = new LargeBufferPool; // leaked: buffers may outlive statics
+        return *pool;
+    }
+
+    std::shared_ptr<char[]> get(size_t size)
+    {
+        std::unique_ptr<char[]> buf;
+        size_t capacity = size;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            // The smallest kept buffer that fits without wasting more than half.
+            auto best = m_free.end();
+            for (auto it = m_free.begin(); it != m_free.end(); ++it) {
+                if (it->first >= size && it->first <= size * 2
+                    && (best == m_free.end() || it->first < best->first))
+                    best = it;
+            }
+            if (best != m_free.end()) {
+                capacity = best->first;
+                buf = std::move(best->second);
+                m_keptBytes -= capacity;
+                m_free.erase(best);
+            }
+        }
+        if (!buf)
+            buf.reset(new char[size]);
+        char *raw = buf.release();
+        return std::shared_ptr<char[]>(raw, [capacity](char *p) {
+            LargeBufferPool::instance().put(std::unique_ptr<char[]>(p), capacity);
+        });
+    }
+
+private:
+    void put(std::unique_ptr<char[]> buf, size_t capacity)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_free.size() >= kMaxKept || m_keptBytes + capacity > kMaxKeptBytes)
+            return; // freed here
+        m_keptBytes += capacity;
+        m_free.emplace_back(capacity, std::move(buf));
+    }
+
+    static constexpr size_t kMaxKept = 8;
+    static constexpr size_t kMaxKeptBytes = size_t(96) << 20;
+    std::mutex m_mutex;
+    std::vector<std::pair<size_t, std::unique_ptr<char[]>>> m_free;
+    size_t m_keptBytes = 0;
+};
+
+std::shared_ptr<char[]> largeFrameBuffer(size_t size)
+{
+    return LargeBufferPool::instance().get(size);
+}
+
 } // namespace
 
 // ---- I/O runtime -----------------------------------------------------------------
@@ -716,7 +778,7 @@ void Connection::readLargeFrame(size_t body)
 {
     // Read straight into the frame's own buffer: a large binary value is
     // then handed to the caller without another copy.
-    std::shared_ptr<char[]> frame(new char[body]);
+    std::shared_ptr<char[]> frame = largeFrameBuffer(body);
     const size_t have = m_rxEnd - m_rxBegin - kHeaderSize;
     std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, have);
     m_rxBegin = m_rxEnd = 0;
