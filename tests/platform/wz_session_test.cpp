@@ -48,6 +48,13 @@ TEST_F(WzSession, CallsCarryEveryValueKind)
     for (const AnyValue &v : values)
         EXPECT_EQ(echo.call<AnyValue>("echo", v), v) << v.repr();
 
+    // The other way: the directory calls into an object the client registered.
+    client->registerService("ClientEcho", makeEcho("ClientEcho")).value();
+    wz::Object back = directory->service("ClientEcho").value();
+    ASSERT_TRUE(back->isRemote());
+    for (const AnyValue &v : values)
+        EXPECT_EQ(back.call<AnyValue>("echo", v), v) << v.repr();
+
     // Typed conversions on both ends.
     const std::vector<std::pair<std::string, float>> pairs {{"a", 1.5f}, {"b", -2.0f}};
     EXPECT_EQ((echo.call<std::vector<std::pair<std::string, float>>>("echo", pairs)), pairs);
@@ -316,6 +323,9 @@ TEST_F(WzSession, SessionSignalsReportPeers)
         left.push_back(p);
     });
     auto second = connectClient();
+    EXPECT_EQ(second->url(), directory->endpoints()[0]);
+    EXPECT_EQ(directory->url(), directory->endpoints()[0]);
+    EXPECT_TRUE(second->isConnected());
     ASSERT_TRUE(eventually([&] { return directory->clients().size() == 2; }));
     const std::string id = directory->clients().back();
     EXPECT_NE(id.find("127.0.0.1:"), std::string::npos);
