@@ -11,6 +11,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include <exception>
+#include <utility>
 
 namespace wz {
 class Session;
@@ -55,6 +56,22 @@ class AutonomousLifeInterface;
 class PeoplePerceptionInterface;
 class BasicAwarenessInterface;
 
+// Destroys a QObject on the thread it lives on: at once when called there,
+// else by deleteLater(), which that thread runs before it ends. When that
+// thread has ended already, on a thread of its own.
+void destroyOnOwnThread(QObject *object);
+
+// Interface objects are made with this rather than boost::make_shared. An
+// executer may hold the last copy of one for the length of a call, and the
+// object's destructor waits for that executer's thread: so whichever thread
+// lets go last, the object goes on its own thread, never on its executer's.
+template<typename T, typename... Args>
+boost::shared_ptr<T> makeInterface(Args &&...args)
+{
+    return boost::shared_ptr<T>(new T(std::forward<Args>(args)...),
+                                [](T *object) { destroyOnOwnThread(object); });
+}
+
 // One connected robot: a proxy for each remote service it offers and an
 // interface object for each service the application can use. Built on a
 // connection worker by create(); any proxy and any interface may be null.
@@ -77,6 +94,11 @@ public:
     // Reads host and port from the session's URL, builds the object under a
     // shared pointer and runs init(). Whatever init() throws reaches the caller.
     static boost::shared_ptr<Connection> create(wz::Session *session, const QString &name);
+    // The same, and the session is kept until the connection is gone, so
+    // that the connection never outlives the session it points to. The
+    // connection is destroyed on its own thread, whoever lets go of it last.
+    static boost::shared_ptr<Connection> create(const boost::shared_ptr<wz::Session> &session,
+                                                const QString &name);
 
     void init();
     // Asks the robot for "MorvaneReady". The first call only binds the memory
@@ -170,11 +192,18 @@ signals:
                                bool checkWarningEnable = false);
 
 private:
+    static boost::shared_ptr<Connection>
+    create(wz::Session *session, const boost::shared_ptr<wz::Session> &keep, const QString &name);
     void waitForReadiness();
     void initProxiesConnections();
     void buildInterfaces();
     void connectInterfaceSignals();
     void readVersion();
+
+    // Declared first so that it goes last: keeps the session of a connection
+    // made by create() alive for as long as the connection (it is closed by
+    // its owners, not here).
+    boost::shared_ptr<wz::Session> m_sessionOwner;
 
     // Proxies, in the order of the service table.
     boost::shared_ptr<VX::VXMemoryProxy> m_memory;

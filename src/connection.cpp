@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QRegularExpression>
+#include <QThread>
 #include <QTimer>
 
 #include <boost/make_shared.hpp>
@@ -14,6 +15,7 @@
 #include <wz/log.h>
 
 #include <stdexcept>
+#include <thread>
 
 namespace RK {
 
@@ -60,6 +62,20 @@ void releaseField(boost::shared_ptr<T> &field)
 
 } // namespace
 
+void destroyOnOwnThread(QObject *object)
+{
+    QThread *home = object->thread();
+    if (home == QThread::currentThread()) {
+        delete object;
+    } else if (home && home->isRunning()) {
+        object->deleteLater();
+    } else {
+        // Its thread has ended, and this one may be a thread the object
+        // waits for: it goes on a short thread of its own.
+        std::thread([object] { delete object; }).detach();
+    }
+}
+
 const char *Connection::Interrupted::what() const noexcept
 {
     return "the session ended while waiting for the robot";
@@ -83,9 +99,27 @@ Connection::~Connection()
 
 boost::shared_ptr<Connection> Connection::create(wz::Session *session, const QString &name)
 {
+    return create(session, boost::shared_ptr<wz::Session>(), name);
+}
+
+boost::shared_ptr<Connection> Connection::create(const boost::shared_ptr<wz::Session> &session,
+                                                 const QString &name)
+{
+    return create(session.get(), session, name);
+}
+
+boost::shared_ptr<Connection> Connection::create(wz::Session *session,
+                                                 const boost::shared_ptr<wz::Session> &keep,
+                                                 const QString &name)
+{
     const wz::Url url = session->url();
-    boost::shared_ptr<Connection> connection = boost::make_shared<Connection>(
-        session, QString::fromUtf8(url.host().c_str()), static_cast<quint16>(url.port()), name);
+    // The last owner may be an executer of one of its interfaces: the
+    // connection must still go on its own thread.
+    boost::shared_ptr<Connection> connection(new Connection(session,
+                                                            QString::fromUtf8(url.host().c_str()),
+                                                            static_cast<quint16>(url.port()), name),
+                                             [](Connection *c) { destroyOnOwnThread(c); });
+    connection->m_sessionOwner = keep;
     connection->init();
     return connection;
 }
@@ -258,31 +292,32 @@ void Connection::initProxiesConnections()
 }
 
 // Each interface object has its place in this order; a service lands by
-// filling in its own marked spot. Every object receives shared_from_this().
+// filling in its own marked spot. Every object receives shared_from_this()
+// and is made by makeInterface<T>(), never by boost::make_shared.
 void Connection::buildInterfaces()
 {
     const boost::shared_ptr<Connection> self = shared_from_this();
     (void)self;
 
     // [1 MemoryInterface] always:
-    m_memoryInterface = boost::make_shared<MemoryInterface>(self);
+    m_memoryInterface = makeInterface<MemoryInterface>(self);
 
     // [2 SartelModuleInterface] always:
-    m_sartelModuleInterface = boost::make_shared<SartelModuleInterface>(self);
+    m_sartelModuleInterface = makeInterface<SartelModuleInterface>(self);
 
     // [3 VXSartelRecorder] always, then registered under its object name; a
     // failure of the registration fails the connection:
-    //   m_recorderModule = boost::make_shared<VXSartelRecorder>(m_session, self, nullptr);
+    //   m_recorderModule = makeInterface<VXSartelRecorder>(m_session, self, nullptr);
     //   m_recorderServiceId = m_session->registerService(
     //           m_recorderModule->objectName().toUtf8().toStdString(),
     //           wz::makeObject(m_recorderModule)).value();
 
     // [4 RobotStateReceiver] always:
-    //   m_robotStateReceiver = boost::make_shared<RobotStateReceiver>(self);
+    //   m_robotStateReceiver = makeInterface<RobotStateReceiver>(self);
 
     if (m_videoDevice) {
         // [5 VideoDeviceInterface] with the camera proxy:
-        //   m_videoDeviceInterface = boost::make_shared<VideoDeviceInterface>(self);
+        //   m_videoDeviceInterface = makeInterface<VideoDeviceInterface>(self);
     }
 
     // [6 ResourcesInterface] always.
@@ -321,7 +356,7 @@ void Connection::buildInterfaces()
     // "VXAutonomousLife"; any std::exception clears the field without a word:
     //   try {
     //       wz::Object life = m_session->service("VXAutonomousLife", "").value();
-    //       m_autonomousLifeInterface = boost::make_shared<AutonomousLifeInterface>(self, life);
+    //       m_autonomousLifeInterface = makeInterface<AutonomousLifeInterface>(self, life);
     //   } catch (const std::exception &) {
     //       releaseField(m_autonomousLifeInterface);
     //   }

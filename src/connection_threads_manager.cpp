@@ -220,7 +220,7 @@ void InitConnectionTask::execute(boost::shared_ptr<wz::Session> session,
     // The place holder is dropped here: the real connection is always built
     // on this thread, from the session's URL.
     try {
-        connection = Connection::create(session.get(), name);
+        connection = Connection::create(session, name);
     } catch (const Connection::Interrupted &) {
         emit connectionInitFailed(tr("Morvane disconnected unexpectedly. Verify your network and "
                                      "make sure that no other Morvane is running."));
