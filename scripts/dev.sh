@@ -103,7 +103,7 @@ cmd_fuzz() {
   build_dir "$ROOT/build-fuzz" -DCMAKE_CXX_COMPILER=clang++ -DNIMIOB_BUILD_FUZZ=ON -DNIMIOB_SANITIZE=fuzzer \
     -DNIMIOB_BUILD_TESTS=OFF -DNIMIOB_BUILD_BENCH=OFF
   for f in "$ROOT"/build-fuzz/fuzz/fuzz_*; do
-    [ -x "$f" ] || continue
+    [ -f "$f" ] && [ -x "$f" ] || continue
     local name; name="$(basename "$f")"
     local corpus="$ROOT/fuzz/corpus/${name#fuzz_}"
     mkdir -p "$corpus"
