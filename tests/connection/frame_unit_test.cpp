@@ -11,6 +11,7 @@
 #include <QPointer>
 #include <QSignalSpy>
 #include <QThread>
+#include <QTimer>
 #include <QtConcurrentRun>
 
 #include <boost/make_shared.hpp>
@@ -29,6 +30,8 @@ boost::shared_ptr<RK::Connection> placeHolder()
     return boost::make_shared<RK::Connection>(nullptr, QString(), 0, QStringLiteral("frame"));
 }
 
+// Runs an event loop (not bare processEvents(): objects deleted later from
+// another thread are deleted only by a running loop) until `pred` holds.
 template<typename Pred>
 bool processUntil(Pred pred, int ms = 5000)
 {
@@ -36,8 +39,9 @@ bool processUntil(Pred pred, int ms = 5000)
     while (!pred()) {
         if (deadline.hasExpired())
             return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        QThread::msleep(1);
+        QEventLoop loop;
+        QTimer::singleShot(2, &loop, &QEventLoop::quit);
+        loop.exec();
     }
     return true;
 }
@@ -152,6 +156,35 @@ TEST(Frame, WithoutConnectionCallsEndQuietly)
     QCoreApplication::processEvents();
     EXPECT_EQ(knocked.count(), 0);
     EXPECT_EQ(iface.executer()->slotRuns->load(), 0);
+}
+
+// Executers take their interface for one call at a time; if the application
+// lets go meanwhile, the executer's copy is the last one, and the interface
+// must not be destroyed there: its destructor waits for that very thread.
+TEST(Frame, AnInterfaceReleasedLastByItsExecuterGoesOnItsOwnThread)
+{
+    auto connection = placeHolder();
+    boost::shared_ptr<test::GateInterface> iface
+        = RK::makeInterface<test::GateInterface>(connection, QStringLiteral("GateInterface"));
+    QPointer<test::GateInterface> alive(iface.get());
+    QThread *executerThread = iface->executerThread();
+
+    auto inCall = std::make_shared<QSemaphore>();
+    auto endCall = std::make_shared<QSemaphore>();
+    QMetaObject::invokeMethod(
+        iface->executer(),
+        [copy = iface, inCall, endCall]() mutable {
+            inCall->release();
+            endCall->acquire();
+            copy.reset();
+        },
+        Qt::QueuedConnection);
+    inCall->acquire();
+    iface.reset(); // the executer's copy is now the last one
+    endCall->release();
+
+    ASSERT_TRUE(processUntil([&] { return alive.isNull(); }));
+    (void)executerThread;
 }
 
 TEST(FutureListWatcher, FinishedWrappersAreDeletedFromAnyThread)

@@ -28,16 +28,18 @@
 
 namespace test {
 
-// Runs this thread's events until `done` holds; false after `ms`.
+// Runs this thread's event loop until `done` holds; false after `ms`. A real
+// loop, as in an application: objects that other threads delete later on
+// this one are deleted only by a running loop.
 inline bool processUntil(const std::function<bool()> &done, int ms = 10000)
 {
     QDeadlineTimer deadline(ms);
-    QTimer wake;
-    wake.start(5);
     while (!done()) {
         if (deadline.hasExpired())
             return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+        QEventLoop loop;
+        QTimer::singleShot(2, &loop, &QEventLoop::quit);
+        loop.exec();
     }
     return true;
 }
