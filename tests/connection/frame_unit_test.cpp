@@ -16,7 +16,18 @@
 
 #include <boost/make_shared.hpp>
 
+#include <QImage>
+#include <QMap>
+#include <QPair>
+#include <QStringList>
+#include <QVector>
+
 #include <gtest/gtest.h>
+
+#include <vx/vxmath.h>
+#include <vx/vxvalue.h>
+#include <wz/log.h>
+#include <wz/package_info.h>
 
 #include <memory>
 #include <thread>
@@ -185,6 +196,42 @@ TEST(Frame, AnInterfaceReleasedLastByItsExecuterGoesOnItsOwnThread)
 
     ASSERT_TRUE(processUntil([&] { return alive.isNull(); }));
     (void)executerThread;
+}
+
+// A wrapper of each result type that interfaces hand out reports its end.
+template<typename T>
+void expectWrapperReports(const QFuture<T> &future)
+{
+    RK::FutureWatcherInterface<T> wrapper(future);
+    QSignalSpy finished(&wrapper, &RK::FutureBase::finished);
+    wrapper.waitForFinished();
+    EXPECT_FALSE(wrapper.isRunning());
+    EXPECT_TRUE(processUntil([&] { return finished.count() == 1; }));
+    EXPECT_TRUE(wrapper.isFinished());
+}
+
+template<typename T>
+void expectWrapperReports(T value)
+{
+    expectWrapperReports(QtConcurrent::run([value] { return value; }));
+}
+
+TEST(FutureWatcherInterface, EveryResultTypeOfTheInterfaces)
+{
+    expectWrapperReports(QtConcurrent::run([] {}));
+    expectWrapperReports(true);
+    expectWrapperReports(QStringLiteral("text"));
+    expectWrapperReports(QStringList {QStringLiteral("a"), QStringLiteral("b")});
+    expectWrapperReports(wz::LogLevel_Info);
+    expectWrapperReports(wz::PackageInfo());
+    expectWrapperReports(QVector<wz::PackageInfo>(2));
+    expectWrapperReports(QImage(4, 4, QImage::Format_RGB888));
+    expectWrapperReports(qMakePair(QStringLiteral("key"), QStringLiteral("value")));
+    expectWrapperReports(qMakePair(QStringLiteral("head"), VX::Math::Displacement()));
+    QMap<QString, VX::VXValue> values {{QStringLiteral("k"), VX::VXValue(1)}};
+    expectWrapperReports(values);
+    expectWrapperReports(QMap<QString, QMap<QString, VX::VXValue>> {{QStringLiteral("m"), values}});
+    expectWrapperReports(VX::VXValue(std::string("v")));
 }
 
 TEST(FutureListWatcher, FinishedWrappersAreDeletedFromAnyThread)
