@@ -123,7 +123,7 @@ cmd_format() {
 cmd_demo() {
   cmd_deps
   cmd_build
-  local console="$ROOT/build/apps/nimiob-console"
+  local console="$ROOT/build/apps/nimiob-console/nimiob-console"
   [ -x "$console" ] || { log "the console is not built yet"; return 1; }
   "$console" status "$@"
 }
