@@ -53,8 +53,16 @@ public:
     MorvaneInterface(boost::shared_ptr<Connection> connection, const QString &name)
         : m_connection(connection), m_futureListWatcher(new FutureListWatcher)
     {
-        m_executer = boost::make_shared<Executer>(connection);
-        m_thread = boost::make_shared<Thread>(connection, m_executer);
+        // An executer may throw (its module's name taken, the session gone):
+        // no destructor runs then, so what was made so far goes here.
+        try {
+            m_executer = boost::make_shared<Executer>(connection);
+            m_thread = boost::make_shared<Thread>(connection, m_executer);
+        } catch (...) {
+            delete m_futureListWatcher;
+            m_futureListWatcher = nullptr;
+            throw;
+        }
         if (!name.isEmpty())
             m_thread->setObjectName(QStringLiteral("%1 thread").arg(name));
         m_thread->start(QThread::InheritPriority);

@@ -30,6 +30,7 @@
 #include <wz/package_info.h>
 
 #include <memory>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -167,6 +168,34 @@ TEST(Frame, WithoutConnectionCallsEndQuietly)
     QCoreApplication::processEvents();
     EXPECT_EQ(knocked.count(), 0);
     EXPECT_EQ(iface.executer()->slotRuns->load(), 0);
+}
+
+// An executer whose module cannot start (its name taken on the robot, say).
+class RefusingExecuter : public QObject
+{
+public:
+    explicit RefusingExecuter(boost::shared_ptr<RK::Connection>)
+    {
+        throw std::runtime_error("name taken");
+    }
+};
+
+class RefusingInterface : public QObject,
+                          public RK::MorvaneInterface<RefusingExecuter, RK::ExecuterThread>
+{
+public:
+    explicit RefusingInterface(boost::shared_ptr<RK::Connection> connection)
+        : MorvaneInterface(connection, QStringLiteral("RefusingInterface"))
+    { }
+};
+
+// The failure reaches whoever builds the interface, and leaves nothing
+// behind (the sanitizer build checks the memory).
+TEST(Frame, AnExecuterThatThrowsFailsItsInterface)
+{
+    auto connection = placeHolder();
+    EXPECT_THROW(RefusingInterface {connection}, std::runtime_error);
+    EXPECT_EQ(connection.use_count(), 1);
 }
 
 // Executers take their interface for one call at a time; if the application
