@@ -201,14 +201,19 @@ void BM_Cycles(benchmark::State &state)
         total = t.nsecsElapsed() / 1e6;
         state.SetIterationTime(total / 1000);
     }
-    // Threads that end by themselves (idle framework threads) get the time to.
-    processUntil([] { return false; }, 200);
+    // Idle framework threads end by themselves after a while: a thread that
+    // is still there after 10 s has leaked.
+    QElapsedTimer settle;
+    settle.start();
+    processUntil([threadsBefore] { return threadCount() <= threadsBefore; }, 10000);
+    const double settleMs = settle.nsecsElapsed() / 1e6;
     const int threadsAfter = threadCount();
     const long rssAfter = residentKb();
     state.counters["cycles"] = 50;
     state.counters["per_cycle_ms"] = total / 50;
     state.counters["threads_before"] = threadsBefore;
     state.counters["threads_after"] = threadsAfter;
+    state.counters["threads_settle_ms"] = settleMs;
     state.counters["rss_before_kb"] = rssBefore;
     state.counters["rss_after_kb"] = rssAfter;
     state.counters["rss_growth_kb"] = rssAfter - rssBefore;
