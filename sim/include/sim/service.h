@@ -1,5 +1,10 @@
 #pragma once
 
+// Qt defines "signals" as a keyword macro; this header names members so, and
+// must read the same whether or not Qt's headers came first.
+#pragma push_macro("signals")
+#undef signals
+
 #include <sim/api.h>
 
 #include <wz/any_value.h>
@@ -122,3 +127,5 @@ struct ServiceEntry
 SIM_API std::vector<ServiceEntry> defaultServices();
 
 } // namespace sim
+
+#pragma pop_macro("signals")

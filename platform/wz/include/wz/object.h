@@ -1,5 +1,10 @@
 #pragma once
 
+// Qt defines "signals" as a keyword macro; this header names members so, and
+// must read the same whether or not Qt's headers came first.
+#pragma push_macro("signals")
+#undef signals
+
 #include <wz/any_value.h>
 #include <wz/api.h>
 #include <wz/future.h>
@@ -391,3 +396,5 @@ Future<R> convertFuture(const Future<AnyValue> &f)
 } // namespace detail
 
 } // namespace wz
+
+#pragma pop_macro("signals")

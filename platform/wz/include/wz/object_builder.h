@@ -1,5 +1,10 @@
 #pragma once
 
+// Qt defines "signals" as a keyword macro; this header names members so, and
+// must read the same whether or not Qt's headers came first.
+#pragma push_macro("signals")
+#undef signals
+
 #include <wz/any_value.h>
 #include <wz/api.h>
 #include <wz/object.h>
@@ -206,3 +211,5 @@ WZ_API std::vector<std::string> listObjectFactories();
 WZ_API Object createObject(const std::string &name, const std::vector<AnyValue> &args = {});
 
 } // namespace wz
+
+#pragma pop_macro("signals")
