@@ -87,7 +87,9 @@ TEST_F(TwoWayTestSlowTest, AnAnsweredModuleNeverReportsAFailureAgain)
     connect();
     TestOutcomes outcomes(*module);
     ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(true)")));
-    ASSERT_TRUE(test::processUntil([&] { return !outcomes.results.empty(); }));
+    // The module's own report of that first test may have come before this
+    // case listened to it: drain it, whichever way, before the real checks.
+    (void)test::processUntil([&] { return !outcomes.results.empty(); }, 500);
     outcomes.results.clear();
 
     // The robot can no longer call back; a second test and a third, the
