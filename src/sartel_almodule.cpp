@@ -1,6 +1,8 @@
 #include <connection/platform.h>
 #include <connection/sartel_almodule.h>
 
+#include <QMutex>
+#include <QMutexLocker>
 #include <QThread>
 #include <QTimer>
 
@@ -30,11 +32,34 @@ boost::shared_ptr<VX::VXMemoryProxy> memoryProxy(wz::Session *session)
 }
 
 // A test timer dies on its own thread: a module released elsewhere (the
-// framework may hold it last) must not stop a timer across threads.
+// framework may hold it last) must not stop a timer across threads. That
+// thread may end first, and a deleteLater() posted after its last look at
+// its queue would never run: on its way out the thread stops the timer and
+// marks it, and a marked timer is deleted wherever it is let go.
 boost::shared_ptr<QTimer> makeTestTimer()
 {
-    return boost::shared_ptr<QTimer>(new QTimer, [](QTimer *timer) {
+    struct Home
+    {
+        QMutex mutex;
+        bool ended = false;
+    };
+    const boost::shared_ptr<Home> home = boost::make_shared<Home>();
+    QTimer *timer = new QTimer;
+    QObject::connect(
+        QThread::currentThread(), &QThread::finished, timer,
+        [home, timer] {
+            QMutexLocker lock(&home->mutex);
+            home->ended = true;
+            timer->stop();
+        },
+        Qt::DirectConnection);
+    return boost::shared_ptr<QTimer>(timer, [home](QTimer *timer) {
         QObject::disconnect(timer, nullptr, nullptr, nullptr);
+        QMutexLocker lock(&home->mutex);
+        if (home->ended) {
+            delete timer;
+            return;
+        }
         if (timer->thread() == QThread::currentThread())
             timer->stop();
         timer->deleteLater();
