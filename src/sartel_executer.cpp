@@ -4,6 +4,7 @@
 #include <connection/sartel_executer.h>
 #include <connection/sartel_module.h>
 
+#include <QMetaObject>
 #include <QTimer>
 
 #include <wz/log.h>
@@ -99,9 +100,17 @@ void VXSartelExecuter::initPollingTimers()
     m_fastTimer->setInterval(a_fastPeriodMs);
     connect(m_mediumTimer, &QTimer::timeout, this, &VXSartelExecuter::onMediumTimeout);
     connect(m_fastTimer, &QTimer::timeout, this, &VXSartelExecuter::onFastTimeout);
-    m_slowTimer->start();
-    m_mediumTimer->start();
-    m_fastTimer->start();
+    // Started by the executer's own loop: timers started here would move to
+    // that thread still running, and Qt's hand-over of running timers is a
+    // queued call that leaks when the thread ends before its loop turns.
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_slowTimer->start();
+            m_mediumTimer->start();
+            m_fastTimer->start();
+        },
+        Qt::QueuedConnection);
 }
 
 void VXSartelExecuter::stopPolling()
