@@ -45,13 +45,13 @@ namespace {
 struct Sink
 {
     std::mutex mutex;
-    std::atomic<int> level{LogLevel_Warning};
-    std::atomic<int> captureCount{0};
+    std::atomic<int> level {LogLevel_Warning};
+    std::atomic<int> captureCount {0};
     bool stderrEnabled = true;
     uint64_t nextHandler = 1;
     std::map<uint64_t, std::shared_ptr<Handler>> handlers;
     std::set<LogCapture::Impl *> captures;
-    std::atomic<uint64_t> nextId{1};
+    std::atomic<uint64_t> nextId {1};
 };
 
 Sink &sink()
@@ -110,8 +110,8 @@ void log(LogLevel level, const std::string &category, const std::string &functio
     msg.source = function;
     msg.level = level;
     msg.timestampUs = std::chrono::duration_cast<std::chrono::microseconds>(
-                              std::chrono::system_clock::now().time_since_epoch())
-                              .count();
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
     msg.category = category;
     msg.location = "local";
     msg.message = message;
@@ -143,13 +143,11 @@ void log(LogLevel level, const std::string &category, const std::string &functio
 
 LogStream::LogStream(LogLevel level, const char *category, const char *function)
     : m_level(level), m_category(category ? category : ""), m_function(function ? function : "")
-{
-}
+{ }
 
 LogStream::LogStream(LogLevel level, const std::string &category, const char *function)
     : m_level(level), m_category(category), m_function(function ? function : "")
-{
-}
+{ }
 
 LogStream::~LogStream()
 {
