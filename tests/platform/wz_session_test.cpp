@@ -6,6 +6,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <future>
+#include <memory>
 #include <mutex>
 
 using wz::AnyValue;
@@ -312,15 +313,25 @@ TEST_F(WzSession, NestedRemoteCallsFromFrameworkThreads)
 
 TEST_F(WzSession, SessionSignalsReportPeers)
 {
-    std::mutex m;
-    std::vector<std::string> joined, left;
-    directory->clientConnected.connect([&](std::string p) {
-        std::lock_guard<std::mutex> lock(m);
-        joined.push_back(p);
+    // The directory outlives this body and tells of the fixture's client
+    // leaving too, after the body has returned: what it writes to must live
+    // as long as its callbacks.
+    struct Peers
+    {
+        std::mutex m;
+        std::vector<std::string> joined, left;
+    };
+    const auto peers = std::make_shared<Peers>();
+    std::mutex &m = peers->m;
+    std::vector<std::string> &joined = peers->joined;
+    std::vector<std::string> &left = peers->left;
+    directory->clientConnected.connect([peers](std::string p) {
+        std::lock_guard<std::mutex> lock(peers->m);
+        peers->joined.push_back(p);
     });
-    directory->clientDisconnected.connect([&](std::string p) {
-        std::lock_guard<std::mutex> lock(m);
-        left.push_back(p);
+    directory->clientDisconnected.connect([peers](std::string p) {
+        std::lock_guard<std::mutex> lock(peers->m);
+        peers->left.push_back(p);
     });
     auto second = connectClient();
     EXPECT_EQ(second->url(), directory->endpoints()[0]);
