@@ -219,8 +219,14 @@ void MemoryService::describe(ServiceBuilder &b)
 
 void MemoryService::start()
 {
-    m_clientLink = robot().session().clientDisconnected.connect(
-        [this](const std::string &peer) { onClientGone(peer); });
+    m_clientHook = std::make_shared<ClientHook>();
+    m_clientHook->service = this;
+    const std::shared_ptr<ClientHook> hook = m_clientHook;
+    m_clientLink = robot().session().clientDisconnected.connect([hook](const std::string &peer) {
+        std::lock_guard<std::mutex> lock(hook->mutex);
+        if (hook->service)
+            hook->service->onClientGone(peer);
+    });
 }
 
 void MemoryService::stop()
@@ -237,6 +243,10 @@ void MemoryService::stop()
     }
     if (m_clientLink)
         robot().session().clientDisconnected.disconnect(m_clientLink);
+    if (m_clientHook) {
+        std::lock_guard<std::mutex> lock(m_clientHook->mutex);
+        m_clientHook->service = nullptr;
+    }
     retire(retired);
 }
 

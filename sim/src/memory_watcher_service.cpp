@@ -43,8 +43,14 @@ void MemoryWatcherService::describe(ServiceBuilder &b)
 
 void MemoryWatcherService::start()
 {
-    m_clientLink = robot().session().clientDisconnected.connect(
-        [this](const std::string &peer) { onClientGone(peer); });
+    m_clientHook = std::make_shared<ClientHook>();
+    m_clientHook->service = this;
+    const std::shared_ptr<ClientHook> hook = m_clientHook;
+    m_clientLink = robot().session().clientDisconnected.connect([hook](const std::string &peer) {
+        std::lock_guard<std::mutex> lock(hook->mutex);
+        if (hook->service)
+            hook->service->onClientGone(peer);
+    });
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_thread.joinable() && !m_stopping)
         m_thread = std::thread([this]() { run(); });
@@ -62,6 +68,10 @@ void MemoryWatcherService::stop()
     if (m_clientLink) {
         robot().session().clientDisconnected.disconnect(m_clientLink);
         m_clientLink = 0;
+    }
+    if (m_clientHook) {
+        std::lock_guard<std::mutex> lock(m_clientHook->mutex);
+        m_clientHook->service = nullptr;
     }
 }
 

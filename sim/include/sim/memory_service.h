@@ -98,6 +98,15 @@ private:
     std::set<std::string> m_blocked;
     uint64_t m_clientLink = 0;
     bool m_stopped = false;
+    // The session may still be running the client callback when stop()
+    // disconnects it; the callback reaches the service only through this,
+    // which stop() clears once no callback is inside.
+    struct ClientHook
+    {
+        std::mutex mutex;
+        MemoryService *service = nullptr;
+    };
+    std::shared_ptr<ClientHook> m_clientHook;
 };
 
 } // namespace sim

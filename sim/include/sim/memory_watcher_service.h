@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -111,6 +112,15 @@ private:
     bool m_overflowWarned = false;
     std::thread m_thread;
     uint64_t m_clientLink = 0;
+    // The session may still be running the client callback when stop()
+    // disconnects it; the callback reaches the service only through this,
+    // which stop() clears once no callback is inside.
+    struct ClientHook
+    {
+        std::mutex mutex;
+        MemoryWatcherService *service = nullptr;
+    };
+    std::shared_ptr<ClientHook> m_clientHook;
 };
 
 } // namespace sim
