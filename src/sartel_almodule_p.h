@@ -50,6 +50,10 @@ public:
     // Whether a test has been answered since this module was made.
     bool answered() const { return m_answered; }
 
+    // How long a test waits for the robot's call (15 s unless set); for the
+    // tests started after the call.
+    void setTestLimit(int ms) { m_testLimitMs = ms; }
+
 public slots:
     void onTimeout();
     void triggerConnectionTest();
@@ -64,6 +68,7 @@ signals:
 private:
     wz::Session *m_session;
     boost::shared_ptr<QTimer> m_testTimer;
+    int m_testLimitMs;
     // One writer (the callback, on a framework thread) and one later reader
     // (the time-out): atomic only so that the hand-over is well defined.
     std::atomic<bool> m_answered;
