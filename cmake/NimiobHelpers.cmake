@@ -9,7 +9,7 @@ function(nimiob_optional_subdirectory dir)
   endif()
 endfunction()
 
-# nimiob_add_test(NAME name SOURCES a.cpp... LIBS libs... LABELS unit|integration|slow...
+# nimiob_add_test(NAME name SOURCES a.cpp... LIBS libs... LABELS unit|integration...
 #                 [TIMEOUT seconds])
 # One GoogleTest executable, registered with CTest as one test so that a
 # suite can share one simulated robot among its cases.
