@@ -62,8 +62,11 @@ int worldCommand(Console &console, const QStringList &arguments)
         return ExitCommandFailed;
     }
 
+    // Answers are awaited with the loop running, and polls may change `known`
+    // meanwhile: the table is of the first list.
+    const QStringList listed = known;
     const QString root = await(console, world->rootName());
-    out << "World \"" << root << "\": " << known.size() << " object(s), polled every "
+    out << "World \"" << root << "\": " << listed.size() << " object(s), polled every "
         << options.periodMs << " ms" << Qt::endl;
     out << QStringLiteral("%1 %2 %3 %4 %5")
                .arg("Object", -12)
@@ -72,7 +75,7 @@ int worldCommand(Console &console, const QStringList &arguments)
                .arg("Position", -26)
                .arg("Display")
         << Qt::endl;
-    for (const QString &name : known) {
+    for (const QString &name : listed) {
         const QString category = await(console, world->objectCategory(name));
         const auto position = await(console, world->objectPosition(name));
         const auto display = await(console, world->objectDisplayAttributes(name));
