@@ -9,14 +9,14 @@
 //            same signals delivered to a plain framework subscriber that only
 //            counts them; the final list must equal the robot's.
 
+#include "connection_threads_manager_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
-#include <connection/connection_threads_manager.h>
 #include <connection/people_perception_interface.h>
 #include <connection/platform.h>
 #include <connection/world_representation_interface.h>
 
-#include "../src/world_representation_executer_p.h"
+#include "world_representation_executer_p.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/nimiob_export.h>
+
 #include <QObject>
 
 #include <boost/shared_ptr.hpp>
@@ -14,7 +16,7 @@ class Connection;
 // Mirror of the id of the human the robot tracks, -1 for nobody (also until
 // the robot's first answer). Lives on the connection worker's thread;
 // humanTracked() may be called from any thread.
-class BasicAwarenessInterface : public QObject
+class NIMIOB_EXPORT BasicAwarenessInterface : public QObject
 {
     Q_OBJECT
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/nimiob_export.h>
+
 #include <QObject>
 
 #include <boost/shared_ptr.hpp>
@@ -15,7 +17,7 @@ class Connection;
 // angle. The defaults (1.5, 2.5, 45) hold until the robot's first answers;
 // later changes come through the robot's signals. Lives on the connection
 // worker's thread; the getters may be called from any thread.
-class EngagementZonesInterface : public QObject
+class NIMIOB_EXPORT EngagementZonesInterface : public QObject
 {
     Q_OBJECT
 

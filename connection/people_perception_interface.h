@@ -1,6 +1,7 @@
 #pragma once
 
 #include <connection/meta_types.h>
+#include <connection/nimiob_export.h>
 
 #include <QList>
 #include <QMetaType>
@@ -30,7 +31,7 @@ class Connection;
 //
 // The range and the list are ready at once with 3.5 and no one; the robot's
 // values follow. The getters may be called from any thread.
-class PeoplePerceptionInterface : public QObject
+class NIMIOB_EXPORT PeoplePerceptionInterface : public QObject
 {
     Q_OBJECT
 

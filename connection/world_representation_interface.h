@@ -1,7 +1,7 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QFuture>
 #include <QList>
@@ -22,6 +22,7 @@ Q_DECLARE_METATYPE(VX::Math::Displacement)
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class WorldRepresentationExecuter;
 
 // The robot's model of the objects it knows: a tree of named objects under a
@@ -30,7 +31,7 @@ class WorldRepresentationExecuter;
 // object names are polled on the executer's thread and arrive as
 // objectsUpdated; the robot's micro events about displays, attributes and
 // positions arrive as the other three signals.
-class WorldRepresentationInterface
+class NIMIOB_EXPORT WorldRepresentationInterface
     : public QObject,
       public MorvaneInterface<WorldRepresentationExecuter, ExecuterThread>
 {

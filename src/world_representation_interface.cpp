@@ -1,8 +1,10 @@
-#include "world_representation_executer_p.h"
+#include <connection/world_representation_interface.h>
 
 #include <connection/connection.h>
 #include <connection/sartel_module.h>
-#include <connection/world_representation_interface.h>
+
+#include "morvane_interface_p.h"
+#include "world_representation_executer_p.h"
 
 #include <QMetaObject>
 #include <QMetaType>

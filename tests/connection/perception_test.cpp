@@ -9,7 +9,7 @@
 #include <connection/people_perception_interface.h>
 #include <connection/world_representation_interface.h>
 
-#include "../../src/world_representation_executer_p.h"
+#include "world_representation_executer_p.h"
 
 #include <QFuture>
 #include <QMetaObject>
