@@ -401,19 +401,22 @@ TEST_F(PerceptionTest, ZonesAndAwarenessMirrorTheRobot)
     }));
     EXPECT_EQ(zonesIf->limitAngle(), 45.0f); // its reading failed: the default stays
 
-    QStringList events;
+    // Two services, two roads: their orders are each their own.
+    QStringList zoneEvents;
+    QList<int> tracked;
     QObject::connect(zonesIf.get(), &RK::EngagementZonesInterface::firstLimitChanged,
-                     [&](float v) { events << QStringLiteral("first %1").arg(v); });
+                     [&](float v) { zoneEvents << QStringLiteral("first %1").arg(v); });
     QObject::connect(zonesIf.get(), &RK::EngagementZonesInterface::limitAngleChanged,
-                     [&](float v) { events << QStringLiteral("angle %1").arg(v); });
+                     [&](float v) { zoneEvents << QStringLiteral("angle %1").arg(v); });
     QObject::connect(awarenessIf.get(), &RK::BasicAwarenessInterface::humanTrackedChanged,
-                     [&](int id) { events << QStringLiteral("tracked %1").arg(id); });
+                     [&](int id) { tracked << id; });
     zones().setFirstLimit(1.2f); // the same value is announced again
     zones().setLimitAngle(30.0f);
     awareness().track(5); // the same id is not
     awareness().track(-1);
-    ASSERT_TRUE(test::processUntil([&] { return events.size() >= 3; }));
-    EXPECT_EQ(events, QStringList({"first 1.2", "angle 30", "tracked -1"}));
+    ASSERT_TRUE(test::processUntil([&] { return zoneEvents.size() >= 2 && !tracked.isEmpty(); }));
+    EXPECT_EQ(zoneEvents, QStringList({"first 1.2", "angle 30"}));
+    EXPECT_EQ(tracked, QList<int>({-1}));
     EXPECT_EQ(zonesIf->limitAngle(), 30.0f);
     EXPECT_TRUE(log.find("Connection", "").empty());
     EXPECT_TRUE(log.find("con.connection", "EngagementZones").empty());
