@@ -192,6 +192,17 @@ TEST_F(PerceptionTest, PositionsGoThroughTheTreeAndBadOnesGiveTheDefault)
     world().setPose("Book", lost);
     EXPECT_TRUE(result(worldRep->objectPosition("Book")).second.isNear(VX::Math::Displacement()));
     EXPECT_TRUE(log.contains("desktop.worldrep", "invalid position: 1 nan 0"));
+
+    // No root name: the position is asked for in the "" reference.
+    robot().scenario().failMethod("VXWorldRepresentation", "getRootName", "model busy");
+    const auto rootless = result(worldRep->objectAbsolutePosition("Cup"));
+    EXPECT_TRUE(rootless.first.isEmpty());
+    EXPECT_TRUE(rootless.second.isNear(VX::Math::Displacement()));
+    const auto asked = robot().scenario().calls("VXWorldRepresentation", "getPosition");
+    ASSERT_FALSE(asked.empty());
+    EXPECT_EQ(asked.back().at(1).toStr(), "");
+    EXPECT_TRUE(
+        log.contains("desktop.worldrep", "Could not get object Cup position in the reference: "));
 }
 
 TEST_F(PerceptionTest, AttributesAndTheDisplayAttribute)
