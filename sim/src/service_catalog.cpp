@@ -1,3 +1,4 @@
+#include <sim/behavior_manager_service.h>
 #include <sim/device_services.h>
 #include <sim/frame_manager_service.h>
 #include <sim/memory_service.h>
@@ -29,7 +30,7 @@ std::vector<ServiceEntry> defaultServices()
     return {
         entry<MemoryService>("VXMemory"),
         entry<FrameManagerService>("VXFrameManager"),
-        placeholder("VXBehaviorManager"),
+        entry<BehaviorManagerService>("VXBehaviorManager"),
         placeholder("VXRobotModel"),
         entry<MotionService>("VXMotion"),
         placeholder("VXPreferences"),
@@ -50,7 +51,7 @@ std::vector<ServiceEntry> defaultServices()
         placeholder("VXEngagementZones"),
         placeholder("VXPeoplePerception"),
         placeholder("VXBasicAwareness"),
-        placeholder("VXAutonomousLife"),
+        entry<AutonomousLifeService>("VXAutonomousLife"),
         placeholder("DCM"),
     };
 }
