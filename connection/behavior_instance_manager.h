@@ -42,6 +42,8 @@ public:
 
     State state() const { return m_state; }
     QString behaviorName() const { return m_behaviorName; }
+    // The life state the next start goes by.
+    LifeState lifeState() const { return m_lifeState; }
 
     void preloadBehavior();
     void playBehavior();

@@ -51,9 +51,9 @@ AutonomousLifeInterface::AutonomousLifeInterface(boost::shared_ptr<Connection> c
     (void)k_stateMapBuilt;
     qRegisterMetaType<RK::LifeState>("RK::LifeState");
     qRegisterMetaType<VX::VXValue>("VX::VXValue");
-    const boost::shared_ptr<SartelModuleInterface> module
-        = connection ? connection->sartelModuleInterface()
-                     : boost::shared_ptr<SartelModuleInterface>();
+    const boost::shared_ptr<SartelModuleInterface> module = connection
+        ? connection->sartelModuleInterface()
+        : boost::shared_ptr<SartelModuleInterface>();
     if (module) {
         connect(module.get(), &SartelModuleInterface::dataSubscribedChanged, this,
                 &AutonomousLifeInterface::onStateChanged);

@@ -1,6 +1,6 @@
-#include <connection/box_name_standard.h>
 #include <connection/behavior_debugger.h>
 #include <connection/behavior_manager_interface.h>
+#include <connection/box_name_standard.h>
 #include <connection/connection_manager.h>
 #include <connection/sartel_module.h>
 
@@ -192,8 +192,8 @@ void BehaviorDebugger::onBehaviorFrameManagerIdReceived(QString behaviorName, QS
 {
     if (const boost::shared_ptr<BehaviorManagerInterface> behaviors
         = m_manager->behaviorManagerInterface()) {
-        disconnect(behaviors.get(), &BehaviorManagerInterface::behaviorFrameManagerIDReceived,
-                   this, &BehaviorDebugger::onBehaviorFrameManagerIdReceived);
+        disconnect(behaviors.get(), &BehaviorManagerInterface::behaviorFrameManagerIDReceived, this,
+                   &BehaviorDebugger::onBehaviorFrameManagerIdReceived);
     }
     if (!m_instance) {
         logError(__FUNCTION__, "Useless fmId, behavior instance already deleted");
@@ -299,45 +299,41 @@ void BehaviorDebugger::callBox(QString boxName, QString methodName, VX::VXValue 
     if (m_fmId.isEmpty())
         return;
     const QString proxyName = QStringLiteral("%1%2").arg(m_fmId, boxName);
-    if (const boost::shared_ptr<SartelModuleInterface> module
-        = m_manager->sartelModuleInterface())
+    if (const boost::shared_ptr<SartelModuleInterface> module = m_manager->sartelModuleInterface())
         emit module->callProxyRequested(proxyName, methodName, value, checkEnable,
                                         showDialogOnError);
     // The robot does not report a call made from here: the view is told now.
     QString method = methodName;
-    method.remove(QRegularExpression(
-        QStringLiteral("^%1").arg(QRegularExpression::escape(BoxNameStandard::a_inputMethodPrefix))));
+    method.remove(QRegularExpression(QStringLiteral("^%1").arg(
+        QRegularExpression::escape(BoxNameStandard::a_inputMethodPrefix))));
     method.remove(QRegularExpression(
         QStringLiteral("%1$").arg(QRegularExpression::escape(BoxNameStandard::a_pathSeparator))));
-    emit IOActivated(QStringLiteral("%1%2%3").arg(boxName, BoxNameStandard::a_pathSeparator, method),
-                     QString());
+    emit IOActivated(
+        QStringLiteral("%1%2%3").arg(boxName, BoxNameStandard::a_pathSeparator, method), QString());
 }
 
 void BehaviorDebugger::callBox(QString boxName, bool checkEnable, bool showDialogOnError,
-                               QString methodName, VX::VXValue parameter1,
-                               VX::VXValue parameter2, VX::VXValue parameter3,
-                               VX::VXValue parameter4, VX::VXValue parameter5,
-                               VX::VXValue parameter6)
+                               QString methodName, VX::VXValue parameter1, VX::VXValue parameter2,
+                               VX::VXValue parameter3, VX::VXValue parameter4,
+                               VX::VXValue parameter5, VX::VXValue parameter6)
 {
     if (m_fmId.isEmpty())
         return;
     const QString proxyName = QStringLiteral("%1%2").arg(m_fmId, boxName);
-    if (const boost::shared_ptr<SartelModuleInterface> module
-        = m_manager->sartelModuleInterface())
+    if (const boost::shared_ptr<SartelModuleInterface> module = m_manager->sartelModuleInterface())
         emit module->callProxyRequested(proxyName, checkEnable, showDialogOnError, methodName,
-                                        parameter1, parameter2, parameter3, parameter4,
-                                        parameter5, parameter6);
+                                        parameter1, parameter2, parameter3, parameter4, parameter5,
+                                        parameter6);
     QString method = methodName;
-    method.remove(QRegularExpression(
-        QStringLiteral("^%1").arg(QRegularExpression::escape(BoxNameStandard::a_inputMethodPrefix))));
+    method.remove(QRegularExpression(QStringLiteral("^%1").arg(
+        QRegularExpression::escape(BoxNameStandard::a_inputMethodPrefix))));
     method.remove(QRegularExpression(
         QStringLiteral("%1$").arg(QRegularExpression::escape(BoxNameStandard::a_pathSeparator))));
-    emit IOActivated(QStringLiteral("%1%2%3").arg(boxName, BoxNameStandard::a_pathSeparator, method),
-                     QString());
+    emit IOActivated(
+        QStringLiteral("%1%2%3").arg(boxName, BoxNameStandard::a_pathSeparator, method), QString());
 }
 
-void BehaviorDebugger::callBoxOutput(QString boxName, QString outputMethodName,
-                                     VX::VXValue value)
+void BehaviorDebugger::callBoxOutput(QString boxName, QString outputMethodName, VX::VXValue value)
 {
     if (!m_fmId.isEmpty()) {
         const QString proxyName = QStringLiteral("%1%2").arg(m_fmId, boxName);
@@ -354,8 +350,8 @@ void BehaviorDebugger::sendParameterValues(QString boxName, QMap<QString, VX::VX
 {
     for (auto it = paramValues.constBegin(); it != paramValues.constEnd(); ++it)
         callBox(boxName, false, false, QStringLiteral("setParameter"),
-                VX::VXValue(std::string(it.key().toUtf8().constData())), it.value(),
-                VX::VXValue(), VX::VXValue(), VX::VXValue(), VX::VXValue());
+                VX::VXValue(std::string(it.key().toUtf8().constData())), it.value(), VX::VXValue(),
+                VX::VXValue(), VX::VXValue(), VX::VXValue());
 }
 
 // Never deletes the instance inside its own signal: this runs from its

@@ -145,8 +145,8 @@ void BehaviorInstanceManager::onAutonomousLifeStateChanged(LifeState newState)
 void BehaviorInstanceManager::preloadBehavior()
 {
     if (m_state != Stopped) {
-        logError(__FUNCTION__, QStringLiteral("Trying to preload a behavior not stopped: ")
-                                   + m_behaviorName);
+        logError(__FUNCTION__,
+                 QStringLiteral("Trying to preload a behavior not stopped: ") + m_behaviorName);
         return;
     }
     const boost::shared_ptr<BehaviorManagerInterface> behaviors
@@ -185,6 +185,15 @@ void BehaviorInstanceManager::onBehaviorPreloaded()
     auto *watcher = dynamic_cast<QFutureWatcher<void> *>(sender());
     if (!watcher)
         return;
+    watcher->deleteLater();
+    // A preload that ends after the connection went must not bring the
+    // behaviour back from Missing.
+    if (m_state == Missing) {
+        try {
+            waitRethrowingTheCause(watcher);
+        } catch (...) { }
+        return;
+    }
     try {
         waitRethrowingTheCause(watcher);
         setState(Preloaded);
@@ -196,7 +205,6 @@ void BehaviorInstanceManager::onBehaviorPreloaded()
         logError(__FUNCTION__, QStringLiteral("unexpected error during loading"));
         setState(Missing);
     }
-    watcher->deleteLater();
 }
 
 void BehaviorInstanceManager::playBehavior()
@@ -238,11 +246,13 @@ void BehaviorInstanceManager::onBehaviorNatureReceived()
     }
     m_natureWatcher = nullptr;
     watcher->deleteLater();
-    const QString nature
-        = watcher->future().resultCount() > 0 ? watcher->result() : QStringLiteral("getBehaviorNatureError");
+    const QString nature = watcher->future().resultCount() > 0
+        ? watcher->result()
+        : QStringLiteral("getBehaviorNatureError");
     if (nature == QLatin1String("getBehaviorNatureError")) {
-        logError(__FUNCTION__, QStringLiteral("onBehaviorNatureReceived: problem getting behavior '")
-                                   + m_behaviorName + QStringLiteral("' nature"));
+        logError(__FUNCTION__,
+                 QStringLiteral("onBehaviorNatureReceived: problem getting behavior '")
+                     + m_behaviorName + QStringLiteral("' nature"));
         return;
     }
     m_nature = nature;
@@ -284,18 +294,21 @@ void BehaviorInstanceManager::onLifeFocusSwitched()
     watcher->deleteLater();
     try {
         waitRethrowingTheCause(watcher);
-        setState(Running);
+        // Not after a disconnection: the behaviour is Missing then.
+        if (m_state != Missing)
+            setState(Running);
     } catch (const std::exception &e) {
         const QString text = QString::fromUtf8(e.what());
-        logError(__FUNCTION__, QStringLiteral("Failed to switch life's focus to ")
-                                   + m_behaviorName + QStringLiteral(", reason: ") + text);
-        emit errorStartingBehavior(
-            tr("Starting behavior failed"),
-            tr("%1 failed.%2Your behavior %3 will not run.")
-                .arg(QStringLiteral("VXAutonomousLife::switchFocus"), QStringLiteral("\n"),
-                     m_behaviorName),
-            tr("The error was: %1").arg(text));
-        setState(Stopped);
+        logError(__FUNCTION__,
+                 QStringLiteral("Failed to switch life's focus to ") + m_behaviorName
+                     + QStringLiteral(", reason: ") + text);
+        emit errorStartingBehavior(tr("Starting behavior failed"),
+                                   tr("%1 failed.%2Your behavior %3 will not run.")
+                                       .arg(QStringLiteral("VXAutonomousLife::switchFocus"),
+                                            QStringLiteral("\n"), m_behaviorName),
+                                   tr("The error was: %1").arg(text));
+        if (m_state != Missing)
+            setState(Stopped);
     }
 }
 

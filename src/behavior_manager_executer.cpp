@@ -55,8 +55,9 @@ BehaviorManagerExecuter::BehaviorManagerExecuter(boost::shared_ptr<Connection> c
     : m_connection(connection)
 {
     qRegisterMetaType<VX::VXValue>("VX::VXValue");
-    const boost::shared_ptr<SartelModuleInterface> module
-        = connection ? connection->sartelModuleInterface() : boost::shared_ptr<SartelModuleInterface>();
+    const boost::shared_ptr<SartelModuleInterface> module = connection
+        ? connection->sartelModuleInterface()
+        : boost::shared_ptr<SartelModuleInterface>();
     if (!module)
         return;
     connect(module.get(), &SartelModuleInterface::dataSubscribedChanged, this,
@@ -89,8 +90,7 @@ void BehaviorManagerExecuter::onDataChanged(QString name, VX::VXValue value)
             if (!value.isArray() || value.getSize() < 3)
                 throw std::runtime_error("expected [behavior, box, error], got "
                                          + value.toString(1));
-            emit behaviorFailed(fromUtf8(value[0].toStdString()),
-                                fromUtf8(value[1].toStdString()),
+            emit behaviorFailed(fromUtf8(value[0].toStdString()), fromUtf8(value[1].toStdString()),
                                 fromUtf8(value[2].toStdString()));
         } else if (key == "VXBehaviorManager/BehaviorAdded") {
             emit behaviorAdded(eventText(value));
@@ -201,8 +201,7 @@ void BehaviorManagerExecuter::playBehavior(QString behaviorToPlay)
     try {
         proxy->call<void>("startBehavior", utf8(behaviorToPlay));
     } catch (const std::exception &e) {
-        logError(__FUNCTION__,
-                 "Failed to start " + utf8(behaviorToPlay) + ", reason: " + e.what());
+        logError(__FUNCTION__, "Failed to start " + utf8(behaviorToPlay) + ", reason: " + e.what());
     }
 }
 
@@ -244,8 +243,9 @@ void BehaviorManagerExecuter::getBehaviorFrameManagerID(QString name)
         emit behaviorFrameManagerIDReceived(
             name, fromUtf8(proxy->call<std::string>("_getBehaviorFrameManagerId", utf8(name))));
     } catch (const std::exception &e) {
-        logError(__FUNCTION__, std::string("Failed to resolve behavior instance ")
-                                   + "from behavior name, reason: " + e.what());
+        logError(__FUNCTION__,
+                 std::string("Failed to resolve behavior instance ")
+                     + "from behavior name, reason: " + e.what());
     }
 }
 
@@ -337,8 +337,7 @@ QString BehaviorManagerExecuter::getBehaviorNature(QString name)
             return QString();
         return fromUtf8(proxy->call<std::string>("getBehaviorNature", utf8(name)));
     } catch (const std::exception &e) {
-        logError(__FUNCTION__,
-                 "Failed to get " + utf8(name) + "'s nature, reason: " + e.what());
+        logError(__FUNCTION__, "Failed to get " + utf8(name) + "'s nature, reason: " + e.what());
         return a_natureError;
     }
 }

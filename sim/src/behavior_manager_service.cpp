@@ -702,7 +702,7 @@ void BehaviorManagerService::run()
                 if (inst.frame < s.frames - 1)
                     next = std::min(next, at(static_cast<double>(inst.frame + 1) / s.fps));
             }
-            if (failed || (!s.forever () && elapsed >= s.length)) {
+            if (failed || (!s.runsUntilStopped() && elapsed >= s.length)) {
                 ended.push_back(entry.first);
                 continue;
             }
@@ -710,7 +710,7 @@ void BehaviorManagerService::run()
                 next = std::min(next, at(s.outputs[inst.nextOutput].at));
             if (inst.nextFailure < s.failures.size())
                 next = std::min(next, at(s.failures[inst.nextFailure].at));
-            if (!s.forever ())
+            if (!s.runsUntilStopped())
                 next = std::min(next, at(s.length));
         }
         if (!events.empty() || !ended.empty()) {

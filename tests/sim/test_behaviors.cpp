@@ -36,7 +36,7 @@ TEST(BehaviorScript, ParsesTheGrammarAndNamesTheBadLine)
         "preload-error A: missing sound\ntag t1\n");
     EXPECT_EQ(s.name, "User/x");
     EXPECT_EQ(s.nature, "solitary");
-    EXPECT_TRUE(s.forever ());
+    EXPECT_TRUE(s.runsUntilStopped());
     ASSERT_EQ(s.boxes.size(), 2u);
     EXPECT_TRUE(s.boxes[0].disabled);
     EXPECT_EQ(s.boxes[1].inputs, (std::vector<std::string> {"x", "y"}));

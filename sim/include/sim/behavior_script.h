@@ -65,7 +65,7 @@ struct SIM_API BehaviorScript
     static constexpr int kMaxFrames = 1000000;
     static constexpr double kMaxSeconds = 86400;
 
-    bool forever () const { return length < 0; }
+    bool runsUntilStopped() const { return length < 0; }
     const Box *box(const std::string &name) const;
     // Throws std::runtime_error naming the line and what is wrong with it.
     static BehaviorScript parse(const std::string &text);
