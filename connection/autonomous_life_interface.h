@@ -1,6 +1,7 @@
 #pragma once
 
 #include <connection/meta_types.h>
+#include <connection/nimiob_export.h>
 
 #include <QFuture>
 #include <QMetaType>
@@ -30,7 +31,7 @@ enum LifeState {
 // behaviour. No executer: each operation runs on the thread pool with a
 // proxy of its own, and the object waits for them when it goes. The state is
 // not cached; stateChanged follows the robot's "AutonomousLife/State".
-class AutonomousLifeInterface : public QObject
+class NIMIOB_EXPORT AutonomousLifeInterface : public QObject
 {
     Q_OBJECT
 

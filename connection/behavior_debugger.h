@@ -2,6 +2,7 @@
 
 #include <connection/behavior_instance_manager.h>
 #include <connection/meta_types.h>
+#include <connection/nimiob_export.h>
 #include <connection/timeline_player.h>
 
 #include <QMap>
@@ -18,7 +19,7 @@ class ConnectionManager;
 // its timeline's frame, and fires inputs, outputs and box parameters. Lives
 // on the application's thread and works through the behaviour instance, the
 // behaviour manager interface and the desktop module interface.
-class BehaviorDebugger : public TimelinePlayer
+class NIMIOB_EXPORT BehaviorDebugger : public TimelinePlayer
 {
     Q_OBJECT
 

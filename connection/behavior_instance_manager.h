@@ -1,6 +1,7 @@
 #pragma once
 
 #include <connection/autonomous_life_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QFutureWatcher>
 #include <QObject>
@@ -16,7 +17,7 @@ class ConnectionManager;
 // autonomous life when the behaviour has a nature and life is solitary or
 // interactive. Lives on the application's thread and makes no remote call of
 // its own: it talks to the interface objects by signals and futures.
-class BehaviorInstanceManager : public QObject
+class NIMIOB_EXPORT BehaviorInstanceManager : public QObject
 {
     Q_OBJECT
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QFuture>
 #include <QObject>
@@ -14,11 +14,12 @@ namespace RK {
 
 class Connection;
 class BehaviorManagerExecuter;
+class ExecuterThread;
 
 // The application's door to the robot's behaviours: lists, start and stop,
 // defaults, box libraries, and the robot's events about behaviours. Every
 // method returns at once; answers come as signals or futures.
-class BehaviorManagerInterface : public QObject,
+class NIMIOB_EXPORT BehaviorManagerInterface : public QObject,
                                  public MorvaneInterface<BehaviorManagerExecuter, ExecuterThread>
 {
     Q_OBJECT

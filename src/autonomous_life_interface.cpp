@@ -1,11 +1,14 @@
 #include <connection/autonomous_life_interface.h>
 #include <connection/connection.h>
 #include <connection/future_interface.h>
-#include <connection/future_list_watcher.h>
 #include <connection/meta_types.h>
 #include <connection/sartel_module.h>
 
+#include "future_list_watcher_p.h"
+
 #include <QtConcurrentRun>
+
+#include <boost/make_shared.hpp>
 
 #include <vx/vxproxy.h>
 #include <wz/log.h>

@@ -1,6 +1,7 @@
-#include "behavior_manager_executer_p.h"
-
 #include <connection/behavior_manager_interface.h>
+
+#include "behavior_manager_executer_p.h"
+#include "morvane_interface_p.h"
 
 namespace RK {
 
