@@ -222,7 +222,8 @@ void BM_StartToRunning(benchmark::State &state)
             complete = processUntil([&] { return listed; }, 10000);
             const double baseline = seconds(Clock::now() - t0);
             behaviors->stopBehavior("bench");
-            complete = complete && processUntil([&] { return instance.state() == Instance::Stopped; }, 10000);
+            complete = complete
+                && processUntil([&] { return instance.state() == Instance::Stopped; }, 10000);
 
             instance.preloadBehavior();
             complete = complete

@@ -19,8 +19,9 @@ class ExecuterThread;
 // The application's door to the robot's behaviours: lists, start and stop,
 // defaults, box libraries, and the robot's events about behaviours. Every
 // method returns at once; answers come as signals or futures.
-class NIMIOB_EXPORT BehaviorManagerInterface : public QObject,
-                                 public MorvaneInterface<BehaviorManagerExecuter, ExecuterThread>
+class NIMIOB_EXPORT BehaviorManagerInterface
+    : public QObject,
+      public MorvaneInterface<BehaviorManagerExecuter, ExecuterThread>
 {
     Q_OBJECT
 

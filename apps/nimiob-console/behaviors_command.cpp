@@ -39,16 +39,14 @@ int behaviorsCommand(Console &console, const QStringList &arguments)
         installed = l;
         ++answers;
     });
-    QObject::connect(behaviors.get(), &I::runningBehaviorsUpdated, &receiver,
-                     [&](QStringList l) {
-                         running = l;
-                         ++answers;
-                     });
-    QObject::connect(behaviors.get(), &I::defaultBehaviorsReceived, &receiver,
-                     [&](QStringList l) {
-                         defaults = l;
-                         ++answers;
-                     });
+    QObject::connect(behaviors.get(), &I::runningBehaviorsUpdated, &receiver, [&](QStringList l) {
+        running = l;
+        ++answers;
+    });
+    QObject::connect(behaviors.get(), &I::defaultBehaviorsReceived, &receiver, [&](QStringList l) {
+        defaults = l;
+        ++answers;
+    });
     QObject::connect(behaviors.get(), &I::installedBoxLibrariesReceived, &receiver,
                      [&](QStringList l) {
                          libraries = l;

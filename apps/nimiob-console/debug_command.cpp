@@ -61,9 +61,8 @@ int debugCommand(Console &console, const QStringList &arguments)
     QTextStream &out = console.out();
     QElapsedTimer clock;
     clock.start();
-    auto stamp = [&clock] {
-        return QStringLiteral("%1 s").arg(clock.elapsed() / 1000.0, 7, 'f', 3);
-    };
+    auto stamp
+        = [&clock] { return QStringLiteral("%1 s").arg(clock.elapsed() / 1000.0, 7, 'f', 3); };
     RK::BehaviorDebugger debugger(&console.manager());
     // Made after the connection: it hears the robot's events from now on.
     debugger.onConnectionEstablished();
@@ -89,8 +88,8 @@ int debugCommand(Console &console, const QStringList &arguments)
         ended = true;
     });
     QObject::connect(&debugger, &D::IOActivated, [&](QString io, QString value) {
-        out << stamp() << "  " << io << (value.isEmpty() ? QString() : QStringLiteral(" = ") + value)
-            << Qt::endl;
+        out << stamp() << "  " << io
+            << (value.isEmpty() ? QString() : QStringLiteral(" = ") + value) << Qt::endl;
     });
     QObject::connect(&debugger, &D::currentFrameChanged, [&](int frame) {
         // One line every tenth frame keeps the output readable.

@@ -21,8 +21,8 @@ void onRunInterrupt(int)
 
 const char *stateName(RK::BehaviorInstanceManager::State state)
 {
-    static const char *const names[] = {"Missing", "Preloading", "Preloaded", "Starting",
-                                        "Running", "Stopping",   "Stopped"};
+    static const char *const names[]
+        = {"Missing", "Preloading", "Preloaded", "Starting", "Running", "Stopping", "Stopped"};
     const int i = static_cast<int>(state);
     return i >= 0 && i < 7 ? names[i] : "?";
 }
@@ -60,9 +60,8 @@ int runCommand(Console &console, const QStringList &arguments)
     QTextStream &out = console.out();
     QElapsedTimer clock;
     clock.start();
-    auto stamp = [&clock] {
-        return QStringLiteral("%1 s").arg(clock.elapsed() / 1000.0, 7, 'f', 3);
-    };
+    auto stamp
+        = [&clock] { return QStringLiteral("%1 s").arg(clock.elapsed() / 1000.0, 7, 'f', 3); };
     Instance instance(&console.manager(), name, QString(), false);
     bool started = false;
     bool ended = false;

@@ -47,8 +47,8 @@ int stopCommand(Console &console, const QStringList &arguments)
         console.err() << "error: no running list from the robot" << Qt::endl;
         return ExitCommandFailed;
     }
-    console.out() << "Running now: " << (running.isEmpty() ? QStringLiteral("none") : running.join(", "))
-                  << Qt::endl;
+    console.out() << "Running now: "
+                  << (running.isEmpty() ? QStringLiteral("none") : running.join(", ")) << Qt::endl;
     return ExitOk;
 }
 
