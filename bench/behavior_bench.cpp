@@ -80,8 +80,12 @@ public:
     {
         QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
                          [this] { established = true; });
+        // The two-way test holds a pool thread until it ends; measured calls
+        // wait for it, so that they do not queue behind it.
+        QObject::connect(&manager, &RK::ConnectionManager::connectionTested,
+                         [this] { tested = true; });
         manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
-        processUntil([this] { return established; }, 30000);
+        processUntil([this] { return established && tested; }, 30000);
         module = manager.sartelModuleInterface();
     }
     ~Desktop()
@@ -96,6 +100,7 @@ public:
     RK::ConnectionManager manager;
     RK::BehaviorDebugger debugger;
     bool established = false;
+    bool tested = false;
     boost::shared_ptr<RK::SartelModuleInterface> module;
 };
 
@@ -211,6 +216,18 @@ void BM_StartToRunning(benchmark::State &state)
                          if (name == QLatin1String("BehaviorsRun") && value.getSize() > 0)
                              listed = true;
                      });
+    // Empty running lists as the instance receives them: a stop is over for
+    // the instance only once its list has come, whatever its state says.
+    int emptyLists = 0;
+    QObject::connect(desktop.manager.behaviorManagerInterface().get(),
+                     &RK::BehaviorManagerInterface::runningBehaviorsUpdated, &receiver,
+                     [&emptyLists](const QStringList &l) { emptyLists += l.isEmpty() ? 1 : 0; });
+    auto stopAndSettle = [&] {
+        const int before = emptyLists;
+        behaviors->stopBehavior("bench");
+        return processUntil([&] { return emptyLists > before; }, 10000)
+            && instance.state() == Instance::Stopped;
+    };
     std::vector<double> starts;
     std::vector<double> baselines;
     bool complete = true;
@@ -221,9 +238,7 @@ void BM_StartToRunning(benchmark::State &state)
             proxy->call<void>("startBehavior", std::string("bench"));
             complete = processUntil([&] { return listed; }, 10000);
             const double baseline = seconds(Clock::now() - t0);
-            behaviors->stopBehavior("bench");
-            complete = complete
-                && processUntil([&] { return instance.state() == Instance::Stopped; }, 10000);
+            complete = complete && stopAndSettle();
 
             instance.preloadBehavior();
             complete = complete
@@ -233,9 +248,7 @@ void BM_StartToRunning(benchmark::State &state)
             complete = complete
                 && processUntil([&] { return instance.state() == Instance::Running; }, 10000);
             const double start = seconds(Clock::now() - t0);
-            behaviors->stopBehavior("bench");
-            complete = complete
-                && processUntil([&] { return instance.state() == Instance::Stopped; }, 10000);
+            complete = complete && stopAndSettle();
             // The first start also asks for the nature; it is left out.
             if (i > 0) {
                 starts.push_back(start * 1000);
@@ -244,6 +257,8 @@ void BM_StartToRunning(benchmark::State &state)
         }
     }
     if (!complete || starts.empty()) {
+        fprintf(stderr, "stopped after %zu start(s), instance state %d\n", starts.size(),
+                int(instance.state()));
         state.SkipWithError("a start did not reach Running");
         return;
     }

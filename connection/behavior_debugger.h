@@ -7,6 +7,7 @@
 
 #include <QMap>
 #include <QPointer>
+#include <QRegularExpression>
 #include <QString>
 #include <QStringList>
 
@@ -95,8 +96,9 @@ private:
     int m_currentFrame = -1;
     bool m_enabled = true;
     BehaviorInstanceManager::State m_lastState = BehaviorInstanceManager::Missing;
-    // The id with its pattern characters escaped, anchored at the start.
-    QString m_fmIdPattern;
+    // The id with its pattern characters escaped, anchored at the start;
+    // compiled once per load, since every box event is matched against it.
+    QRegularExpression m_fmIdPattern;
 };
 
 } // namespace RK

@@ -45,7 +45,7 @@ void BehaviorDebugger::initialize(QString behaviorName)
         clear();
     m_lastState = BehaviorInstanceManager::Missing;
     m_fmId.clear();
-    m_fmIdPattern.clear();
+    m_fmIdPattern = QRegularExpression();
     m_timelinePath.clear();
     m_frameKey.clear();
     m_currentFrame = -1;
@@ -162,7 +162,7 @@ void BehaviorDebugger::onStateChanged(BehaviorInstanceManager::State state)
         // does not pile up subscriptions and polls.
         releaseWatchedValues();
         m_fmId.clear();
-        m_fmIdPattern.clear();
+        m_fmIdPattern = QRegularExpression();
         m_timelinePath.clear();
         m_frameKey.clear();
         m_currentFrame = -1;
@@ -208,7 +208,8 @@ void BehaviorDebugger::onBehaviorFrameManagerIdReceived(QString behaviorName, QS
         return;
     }
     m_fmId = id;
-    m_fmIdPattern = QStringLiteral("^%1").arg(QRegularExpression::escape(id));
+    m_fmIdPattern = QRegularExpression(QStringLiteral("^%1").arg(QRegularExpression::escape(id)));
+    m_fmIdPattern.optimize();
     updateWatchedValues();
     emit behaviorLoaded();
 }
@@ -285,10 +286,10 @@ void BehaviorDebugger::onDataChanged(QString name, VX::VXValue value)
         }
         return;
     }
-    if (m_fmIdPattern.isEmpty())
+    if (m_fmId.isEmpty())
         return;
     QString rest = name;
-    rest.remove(QRegularExpression(m_fmIdPattern));
+    rest.remove(m_fmIdPattern);
     if (rest != name)
         emit IOActivated(rest, QString::fromUtf8(value.toString(1).c_str()));
 }
