@@ -147,6 +147,48 @@ TEST_F(BehaviorDebuggerTest, NothingIsSentBeforeTheIdAndEndsAreReported)
     EXPECT_TRUE(debugger->subscribedEvents().isEmpty());
 }
 
+TEST_F(BehaviorDebuggerTest, AnUnchangedLevelSendsNothingAndAMissingIdLeavesItPreloaded)
+{
+    QSignalSpy loaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);
+    debugger->initialize("plain");
+    ASSERT_TRUE(processUntil([&] { return loaded.count() == 1; }));
+    auto subscriptions
+        = [] { return robot().scenario().callCount("VXMemory", "subscribeToMicroEvent"); };
+    debugger->setLevel({"Say__said"}, QString());
+    const std::string said = (debugger->frameManagerId() + "Say__said").toStdString();
+    ASSERT_TRUE(processUntil([&] { return robot().memory().subscribers(said).size() == 1; }));
+    const uint64_t before = subscriptions();
+    // The same level again, then a new one: only the new one reaches the robot.
+    debugger->setLevel({"Say__said"}, QString());
+    debugger->setLevel({"Say__said", "Say__onStart"}, QString());
+    ASSERT_TRUE(processUntil([&] { return subscriptions() >= before + 2; }));
+    processUntil([&] {
+        return robot()
+                   .memory()
+                   .subscribers((debugger->frameManagerId() + "Say__onStart").toStdString())
+                   .size()
+            == 1;
+    });
+    EXPECT_EQ(subscriptions(), before + 2);
+
+    // The id cannot be read: the behaviour stays Preloaded, and is not loaded.
+    robot().scenario().failMethod("VXBehaviorManager", "_getBehaviorFrameManagerId", "busy");
+    QSignalSpy loading(debugger.get(), &RK::BehaviorDebugger::behaviorLoading);
+    debugger->initialize("lively");
+    ASSERT_TRUE(processUntil([&] {
+        return robot().scenario().callCount("VXBehaviorManager", "_getBehaviorFrameManagerId") >= 2;
+    }));
+    // A later answer of the same executer thread marks the end of that request.
+    auto b = manager()->behaviorManagerInterface();
+    QSignalSpy running(b.get(), &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
+    b->requestRunningBehaviors();
+    ASSERT_TRUE(processUntil([&] { return running.count() == 1; }));
+    EXPECT_EQ(loading.count(), 1);
+    EXPECT_EQ(loaded.count(), 1);
+    EXPECT_EQ(debugger->instance()->state(), RK::BehaviorInstanceManager::Preloaded);
+    EXPECT_TRUE(debugger->frameManagerId().isEmpty());
+}
+
 TEST_F(BehaviorDebuggerTest, DisconnectionWhileRunning)
 {
     QSignalSpy loaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);
