@@ -19,7 +19,16 @@ namespace console {
     X(call, "MODULE METHOD [VALUE...] [--check]", \
       "post a call by name with up to 6 values (true/false, numbers, text); --check asks the " \
       "box whether it is enabled first; failures are shown as their dialog texts") \
-<<<<<<< HEAD
+    X(world, "[--for SECONDS] [--period MS]", \
+      "list the robot's objects (category, parent, position, Display label), then print " \
+      "changes as they come: added, removed, moved, displayed") \
+    X(object, "NAME", \
+      "show one object: category, position from its parent and from the root, every " \
+      "attribute field") \
+    X(people, "[--for SECONDS]", \
+      "show the detection range and who is present, then arrivals, departures and positions") \
+    X(zones, "[--for SECONDS]", \
+      "show the three engagement zone limits and who is tracked; with --for, the changes too") \
     X(behaviors, "", "list the installed, running and default behaviours and the box libraries") \
     X(run, "NAME [--for SECONDS]", \
       "run a behaviour and print its states with times, box errors and error dialogs; Ctrl-C " \
@@ -31,18 +40,6 @@ namespace console {
     X(life, "[STATE] | --focus NAME", \
       "print the autonomous life state; with STATE set it, with --focus hand the focus to a " \
       "behaviour; then print the change as the robot reports it")
-=======
-    X(world, "[--for SECONDS] [--period MS]", \
-      "list the robot's objects (category, parent, position, Display label), then print " \
-      "changes as they come: added, removed, moved, displayed") \
-    X(object, "NAME", \
-      "show one object: category, position from its parent and from the root, every " \
-      "attribute field") \
-    X(people, "[--for SECONDS]", \
-      "show the detection range and who is present, then arrivals, departures and positions") \
-    X(zones, "[--for SECONDS]", \
-      "show the three engagement zone limits and who is tracked; with --for, the changes too")
->>>>>>> main
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);
