@@ -1,6 +1,14 @@
+#include <connection/animated_speech_interface.h>
+#include <connection/audio_interface.h>
+#include <connection/battery_interface.h>
+#include <connection/config_interface.h>
 #include <connection/connection.h>
+#include <connection/dialog_interface.h>
+#include <connection/launcher_interface.h>
+#include <connection/log_listener_interface.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
+#include <connection/resources_interface.h>
 #include <connection/sartel_almodule.h>
 #include <connection/sartel_module.h>
 
@@ -321,19 +329,27 @@ void Connection::buildInterfaces()
     }
 
     // [6 ResourcesInterface] always.
+    m_resourcesInterface = makeInterface<ResourcesInterface>(self);
     // [7 BehaviorManagerInterface] always.
     // [8 ConfigInterface] always.
+    m_configInterface = makeInterface<ConfigInterface>(self);
     // [9 LogListenerInterface] always.
+    m_logListenerInterface = makeInterface<LogListenerInterface>(self);
     // [10 AudioInterface] always.
+    m_audioInterface = makeInterface<AudioInterface>(self);
     // [11 AnimatedSpeechInterface] always.
+    m_animatedSpeechInterface = makeInterface<AnimatedSpeechInterface>(self);
     // [12 BatteryInterface] always.
+    m_batteryInterface = makeInterface<BatteryInterface>(self);
     // [13 LauncherInterface] always.
+    m_launcherInterface = makeInterface<LauncherInterface>(self);
 
     if (m_robotPosture) {
         // [14 RobotPostureInterface]
     }
     if (m_dialog) {
         // [15 DialogInterface]
+        m_dialogInterface = makeInterface<DialogInterface>(self);
     }
     if (m_worldRepresentation) {
         // [16 WorldRepresentationInterface]

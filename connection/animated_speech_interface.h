@@ -1,0 +1,48 @@
+#pragma once
+
+#include <connection/executer_thread.h>
+#include <connection/morvane_interface.h>
+
+#include <QFuture>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <boost/shared_ptr.hpp>
+
+namespace RK {
+
+class Connection;
+class AnimatedSpeechExecuter;
+
+// Narration with gestures ("VXAnimatedSpeech"), a plain test of a text
+// ("VXTextToSpeech"), and the tags a narration may hold. Speaking holds the
+// executer's thread until the robot has finished, so a stop asked for
+// meanwhile reaches the robot only after the sentence. Failures come out of
+// the executer's error(QString title, QString contents, QString details):
+// connect to executerObject() for them.
+class AnimatedSpeechInterface : public QObject,
+                                public MorvaneInterface<AnimatedSpeechExecuter, ExecuterThread>
+{
+    Q_OBJECT
+
+public:
+    explicit AnimatedSpeechInterface(boost::shared_ptr<Connection> connection);
+    ~AnimatedSpeechInterface() override;
+
+    void interpretText(const QString &narration);
+    void stopAllInterpretation();
+    void startTest(const QString &textToTest);
+    void stopTest();
+    // Empty when the connection has gone or the call fails.
+    QFuture<QStringList> getTagList();
+    QObject *executerObject() const;
+
+signals:
+    void interpretTextRequested(QString narration);
+    void stopAllInterpretationRequested();
+    void startTestRequested(QString textToTest);
+    void stopTestRequested();
+};
+
+} // namespace RK
