@@ -24,6 +24,9 @@ public:
     explicit ConfigInterface(boost::shared_ptr<Connection> connection);
     ~ConfigInterface() override;
 
+    // The executer, for diagnostics and for waiting on its queue.
+    QObject *executerObject() const;
+
     // Emit the request signals.
     void getConfig();
     void getConfigFile();

@@ -22,6 +22,9 @@ public:
     explicit DialogInterface(boost::shared_ptr<Connection> connection);
     ~DialogInterface() override;
 
+    // The executer, for diagnostics and for waiting on its queue.
+    QObject *executerObject() const;
+
     void tell(const QString &sentence);
 
 signals:

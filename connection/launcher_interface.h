@@ -27,6 +27,9 @@ public:
     explicit LauncherInterface(boost::shared_ptr<Connection> connection);
     ~LauncherInterface() override;
 
+    // The executer, for diagnostics and for waiting on its queue.
+    QObject *executerObject() const;
+
     // Emits launchWaitRequested.
     void launchWait(const QString &command, const std::vector<std::string> &args);
 

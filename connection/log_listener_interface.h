@@ -27,6 +27,9 @@ public:
     explicit LogListenerInterface(boost::shared_ptr<Connection> connection);
     ~LogListenerInterface() override;
 
+    // The executer, for diagnostics and for waiting on its queue.
+    QObject *executerObject() const;
+
     // A filter on every category ("*"), not a write of the verbosity.
     QFuture<void> setLogLevel(wz::LogLevel level);
     QFuture<void> setCategory(const QString &cat, wz::LogLevel level);

@@ -25,6 +25,9 @@ public:
     explicit ResourcesInterface(boost::shared_ptr<Connection> connection);
     ~ResourcesInterface() override;
 
+    // The executer, for diagnostics and for waiting on its queue.
+    QObject *executerObject() const;
+
     // Emits resourcesRequested(); nothing comes back when the read fails.
     void getResources();
     // "ownersGet" of "VXResourceManager"; an invalid value when it cannot be asked.

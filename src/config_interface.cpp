@@ -17,6 +17,11 @@ ConfigInterface::ConfigInterface(boost::shared_ptr<Connection> connection)
 
 ConfigInterface::~ConfigInterface() = default;
 
+QObject *ConfigInterface::executerObject() const
+{
+    return executer();
+}
+
 void ConfigInterface::getConfig()
 {
     emit getConfigRequested();
@@ -37,6 +42,11 @@ ResourcesInterface::ResourcesInterface(boost::shared_ptr<Connection> connection)
 
 ResourcesInterface::~ResourcesInterface() = default;
 
+QObject *ResourcesInterface::executerObject() const
+{
+    return executer();
+}
+
 void ResourcesInterface::getResources()
 {
     emit resourcesRequested();
@@ -56,6 +66,11 @@ LauncherInterface::LauncherInterface(boost::shared_ptr<Connection> connection)
 }
 
 LauncherInterface::~LauncherInterface() = default;
+
+QObject *LauncherInterface::executerObject() const
+{
+    return executer();
+}
 
 void LauncherInterface::launchWait(const QString &command, const std::vector<std::string> &args)
 {

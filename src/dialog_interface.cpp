@@ -13,6 +13,11 @@ DialogInterface::DialogInterface(boost::shared_ptr<Connection> connection)
 
 DialogInterface::~DialogInterface() = default;
 
+QObject *DialogInterface::executerObject() const
+{
+    return executer();
+}
+
 void DialogInterface::tell(const QString &sentence)
 {
     emit tellRequested(sentence);

@@ -14,6 +14,11 @@ LogListenerInterface::LogListenerInterface(boost::shared_ptr<Connection> connect
 
 LogListenerInterface::~LogListenerInterface() = default;
 
+QObject *LogListenerInterface::executerObject() const
+{
+    return executer();
+}
+
 QFuture<void> LogListenerInterface::setLogLevel(wz::LogLevel level)
 {
     return run(&LogListenerExecuter::setLogLevel, level);

@@ -17,6 +17,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdio>
+#include <fcntl.h>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -250,4 +252,50 @@ TEST(SimRestart, ANewRobotListensOnThePortOfTheOldOne)
     auto next = connectTo(again);
     EXPECT_EQ(next->service("VXBattery").value(10000).call<int>("getBatteryCharge"), 87);
     next->close().wait(10000);
+}
+
+// Standard error as a pipe that nobody reads, as when a parent forgot it:
+// logging must not block the robot's I/O, so every call is still served.
+TEST(SimLogging, AnUndrainedStandardErrorNeverWedgesTheRobot)
+{
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    const int savedStderr = dup(2);
+    ASSERT_GE(savedStderr, 0);
+    std::fflush(stderr);
+    dup2(fds[1], 2);
+    const wz::LogLevel level = wz::log::logLevel();
+    wz::log::setLogLevel(wz::LogLevel_Info);
+
+    bool served = true;
+    {
+        sim::RobotOptions options;
+        options.verbose = true; // one info line per call
+        sim::Robot robot(options);
+        robot.start();
+        auto client = connectTo(robot);
+        const wz::Object battery = client->service("VXBattery").value(10000);
+        // Far more than a pipe holds.
+        for (int i = 0; i < 3000 && served; ++i) {
+            wz::Future<AnyValue> f = battery->metaCall("getBatteryCharge", {});
+            served = f.wait(10000) != wz::FutureState_Running && !f.hasError(0);
+        }
+        client->close().wait(10000);
+    }
+
+    wz::log::setLogLevel(level);
+    // No flush here: the log's writer holds the stream while it is blocked.
+    dup2(savedStderr, 2);
+    close(savedStderr);
+    // Let the log's writer finish what it holds; the read end stays open so
+    // that a late write never meets a closed pipe.
+    fcntl(fds[0], F_SETFL, O_NONBLOCK);
+    char buffer[65536];
+    for (int quiet = 0; quiet < 20;) {
+        if (read(fds[0], buffer, sizeof buffer) > 0)
+            quiet = 0;
+        else
+            ++quiet, std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_TRUE(served);
 }
