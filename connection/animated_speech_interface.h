@@ -1,7 +1,7 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QFuture>
 #include <QObject>
@@ -13,6 +13,7 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class AnimatedSpeechExecuter;
 
 // Narration with gestures ("VXAnimatedSpeech"), a plain test of a text
@@ -21,8 +22,9 @@ class AnimatedSpeechExecuter;
 // meanwhile reaches the robot only after the sentence. Failures come out of
 // the executer's error(QString title, QString contents, QString details):
 // connect to executerObject() for them.
-class AnimatedSpeechInterface : public QObject,
-                                public MorvaneInterface<AnimatedSpeechExecuter, ExecuterThread>
+class NIMIOB_EXPORT AnimatedSpeechInterface
+    : public QObject,
+      public MorvaneInterface<AnimatedSpeechExecuter, ExecuterThread>
 {
     Q_OBJECT
 
@@ -36,7 +38,6 @@ public:
     void stopTest();
     // Empty when the connection has gone or the call fails.
     QFuture<QStringList> getTagList();
-    QObject *executerObject() const;
 
 signals:
     void interpretTextRequested(QString narration);

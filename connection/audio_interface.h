@@ -1,8 +1,8 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/meta_types.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -13,6 +13,7 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class AudioExecuter;
 
 // The robot's output volume and mute, and the speech language. Requests are
@@ -20,7 +21,8 @@ class AudioExecuter;
 // come out of the executer's error(QString title, QString contents, QString
 // details), which this interface does not forward: connect to
 // executerObject() for them.
-class AudioInterface : public QObject, public MorvaneInterface<AudioExecuter, ExecuterThread>
+class NIMIOB_EXPORT AudioInterface : public QObject,
+                                     public MorvaneInterface<AudioExecuter, ExecuterThread>
 {
     Q_OBJECT
 
@@ -34,8 +36,6 @@ public:
     void getOutputVolume();
     void getCurrentLanguage();
     void getAvailableLanguages();
-    // The executer, for its error signal.
-    QObject *executerObject() const;
 
 signals:
     void setOutputVolumeRequested(int outputVolume, bool muted);

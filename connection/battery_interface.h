@@ -1,7 +1,7 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -11,13 +11,15 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class BatteryExecuter;
 
 // The robot's charge in percent. When "getBatteryCharge" fails, the coarse
 // "getBatteryLevel" (steps of 20 percent) stands in. Failures come out of
 // the executer's error(QString title, QString contents, QString details):
 // connect to executerObject() for them.
-class BatteryInterface : public QObject, public MorvaneInterface<BatteryExecuter, ExecuterThread>
+class NIMIOB_EXPORT BatteryInterface : public QObject,
+                                       public MorvaneInterface<BatteryExecuter, ExecuterThread>
 {
     Q_OBJECT
 
@@ -26,7 +28,6 @@ public:
     ~BatteryInterface() override;
 
     void getBatteryLevel();
-    QObject *executerObject() const;
 
 signals:
     void getBatteryLevelRequested();

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -11,21 +11,20 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class ConfigExecuter;
 
 // The robot's model configuration ("VXRobotModel"). A failed getConfig gives
 // no answer; a failed getConfigFile gives an empty text. Without the
 // connection or the service neither answers.
-class ConfigInterface : public QObject, public MorvaneInterface<ConfigExecuter, ExecuterThread>
+class NIMIOB_EXPORT ConfigInterface : public QObject,
+                                      public MorvaneInterface<ConfigExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
     explicit ConfigInterface(boost::shared_ptr<Connection> connection);
     ~ConfigInterface() override;
-
-    // The executer, for diagnostics and for waiting on its queue.
-    QObject *executerObject() const;
 
     // Emit the request signals.
     void getConfig();

@@ -1,7 +1,7 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -11,19 +11,18 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class DialogExecuter;
 
 // Hands a sentence to the robot's dialog engine as if somebody had said it.
-class DialogInterface : public QObject, public MorvaneInterface<DialogExecuter, ExecuterThread>
+class NIMIOB_EXPORT DialogInterface : public QObject,
+                                      public MorvaneInterface<DialogExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
     explicit DialogInterface(boost::shared_ptr<Connection> connection);
     ~DialogInterface() override;
-
-    // The executer, for diagnostics and for waiting on its queue.
-    QObject *executerObject() const;
 
     void tell(const QString &sentence);
 

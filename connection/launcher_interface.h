@@ -1,8 +1,8 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/meta_types.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -15,20 +15,19 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class LauncherExecuter;
 
 // Runs a command on the robot ("VXLauncher") and waits for it there. The
 // answer is an error text, empty on success (exit code 0 or below).
-class LauncherInterface : public QObject, public MorvaneInterface<LauncherExecuter, ExecuterThread>
+class NIMIOB_EXPORT LauncherInterface : public QObject,
+                                        public MorvaneInterface<LauncherExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
     explicit LauncherInterface(boost::shared_ptr<Connection> connection);
     ~LauncherInterface() override;
-
-    // The executer, for diagnostics and for waiting on its queue.
-    QObject *executerObject() const;
 
     // Emits launchWaitRequested.
     void launchWait(const QString &command, const std::vector<std::string> &args);

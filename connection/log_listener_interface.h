@@ -1,8 +1,8 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/meta_types.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QFuture>
 #include <QObject>
@@ -13,22 +13,21 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class LogListenerExecuter;
 
 // The robot's log messages, pushed to the application as they come, and the
 // robot-side filters that cut them down. The settings run on the pool and
 // never report a failure to the caller: the future simply ends.
-class LogListenerInterface : public QObject,
-                             public MorvaneInterface<LogListenerExecuter, ExecuterThread>
+class NIMIOB_EXPORT LogListenerInterface
+    : public QObject,
+      public MorvaneInterface<LogListenerExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
     explicit LogListenerInterface(boost::shared_ptr<Connection> connection);
     ~LogListenerInterface() override;
-
-    // The executer, for diagnostics and for waiting on its queue.
-    QObject *executerObject() const;
 
     // A filter on every category ("*"), not a write of the verbosity.
     QFuture<void> setLogLevel(wz::LogLevel level);

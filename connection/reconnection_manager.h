@@ -1,6 +1,7 @@
 #pragma once
 
 #include <connection/meta_types.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -15,7 +16,7 @@ class ConnectionManager;
 
 // Time limits of the reconnection countdown. The countdown counts in ticks
 // of one second; tests and benchmarks shorten the tick.
-struct ReconnectionSettings
+struct NIMIOB_EXPORT ReconnectionSettings
 {
     int tickMs = 1000;
     // Ticks before the first attempt; each failure doubles it up to maxDelay.
@@ -32,7 +33,7 @@ struct ReconnectionSettings
 // more and only cancelReconnectionProcess() removes those links, so after N
 // attempts one error counts N times. That is how the process is meant to
 // behave: repeated failures back off faster.
-class ReconnectionManager : public QObject
+class NIMIOB_EXPORT ReconnectionManager : public QObject
 {
     Q_OBJECT
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/meta_types.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QFuture>
 #include <QObject>
@@ -12,21 +12,19 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
 class ResourcesExecuter;
 
 // The resource preferences ("vxresourcemanager" of "VXPreferences"), passed
 // on in the robot's own shape, and the current owners of the resources.
-class ResourcesInterface : public QObject,
-                           public MorvaneInterface<ResourcesExecuter, ExecuterThread>
+class NIMIOB_EXPORT ResourcesInterface : public QObject,
+                                         public MorvaneInterface<ResourcesExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
     explicit ResourcesInterface(boost::shared_ptr<Connection> connection);
     ~ResourcesInterface() override;
-
-    // The executer, for diagnostics and for waiting on its queue.
-    QObject *executerObject() const;
 
     // Emits resourcesRequested(); nothing comes back when the read fails.
     void getResources();

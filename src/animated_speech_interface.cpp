@@ -1,8 +1,12 @@
 #include "animated_speech_executer_p.h"
+#include "morvane_interface_p.h"
 
 #include <connection/animated_speech_interface.h>
 
 namespace RK {
+
+// Every member of the frame, for tests and diagnostics that reach them.
+template class MorvaneInterface<AnimatedSpeechExecuter, ExecuterThread>;
 
 AnimatedSpeechInterface::AnimatedSpeechInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("AnimatedSpeechInterface"))
@@ -41,11 +45,6 @@ void AnimatedSpeechInterface::stopTest()
 QFuture<QStringList> AnimatedSpeechInterface::getTagList()
 {
     return run(&AnimatedSpeechExecuter::getTagList);
-}
-
-QObject *AnimatedSpeechInterface::executerObject() const
-{
-    return executer();
 }
 
 } // namespace RK

@@ -1,8 +1,12 @@
 #include "audio_executer_p.h"
+#include "morvane_interface_p.h"
 
 #include <connection/audio_interface.h>
 
 namespace RK {
+
+// Every member of the frame, for tests and diagnostics that reach them.
+template class MorvaneInterface<AudioExecuter, ExecuterThread>;
 
 AudioInterface::AudioInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("AudioInterface"))
@@ -43,11 +47,6 @@ void AudioInterface::getCurrentLanguage()
 void AudioInterface::getAvailableLanguages()
 {
     emit getAvailableLanguagesRequested();
-}
-
-QObject *AudioInterface::executerObject() const
-{
-    return executer();
 }
 
 } // namespace RK

@@ -1,8 +1,12 @@
 #include "battery_executer_p.h"
+#include "morvane_interface_p.h"
 
 #include <connection/battery_interface.h>
 
 namespace RK {
+
+// Every member of the frame, for tests and diagnostics that reach them.
+template class MorvaneInterface<BatteryExecuter, ExecuterThread>;
 
 BatteryInterface::BatteryInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("BatteryInterface"))
@@ -17,11 +21,6 @@ BatteryInterface::~BatteryInterface() = default;
 void BatteryInterface::getBatteryLevel()
 {
     emit getBatteryLevelRequested();
-}
-
-QObject *BatteryInterface::executerObject() const
-{
-    return executer();
 }
 
 } // namespace RK

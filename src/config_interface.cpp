@@ -1,10 +1,16 @@
 #include "config_executer_p.h"
+#include "morvane_interface_p.h"
 
 #include <connection/config_interface.h>
 #include <connection/launcher_interface.h>
 #include <connection/resources_interface.h>
 
 namespace RK {
+
+// Every member of the frame, for tests and diagnostics that reach them.
+template class MorvaneInterface<ConfigExecuter, ExecuterThread>;
+template class MorvaneInterface<ResourcesExecuter, ExecuterThread>;
+template class MorvaneInterface<LauncherExecuter, ExecuterThread>;
 
 ConfigInterface::ConfigInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("ConfigInterface"))
@@ -16,11 +22,6 @@ ConfigInterface::ConfigInterface(boost::shared_ptr<Connection> connection)
 }
 
 ConfigInterface::~ConfigInterface() = default;
-
-QObject *ConfigInterface::executerObject() const
-{
-    return executer();
-}
 
 void ConfigInterface::getConfig()
 {
@@ -42,11 +43,6 @@ ResourcesInterface::ResourcesInterface(boost::shared_ptr<Connection> connection)
 
 ResourcesInterface::~ResourcesInterface() = default;
 
-QObject *ResourcesInterface::executerObject() const
-{
-    return executer();
-}
-
 void ResourcesInterface::getResources()
 {
     emit resourcesRequested();
@@ -66,11 +62,6 @@ LauncherInterface::LauncherInterface(boost::shared_ptr<Connection> connection)
 }
 
 LauncherInterface::~LauncherInterface() = default;
-
-QObject *LauncherInterface::executerObject() const
-{
-    return executer();
-}
 
 void LauncherInterface::launchWait(const QString &command, const std::vector<std::string> &args)
 {

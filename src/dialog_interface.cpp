@@ -1,8 +1,12 @@
 #include "dialog_executer_p.h"
+#include "morvane_interface_p.h"
 
 #include <connection/dialog_interface.h>
 
 namespace RK {
+
+// Every member of the frame, for tests and diagnostics that reach them.
+template class MorvaneInterface<DialogExecuter, ExecuterThread>;
 
 DialogInterface::DialogInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("DialogInterface"))
@@ -12,11 +16,6 @@ DialogInterface::DialogInterface(boost::shared_ptr<Connection> connection)
 }
 
 DialogInterface::~DialogInterface() = default;
-
-QObject *DialogInterface::executerObject() const
-{
-    return executer();
-}
 
 void DialogInterface::tell(const QString &sentence)
 {

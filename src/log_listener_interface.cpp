@@ -1,8 +1,12 @@
 #include "log_listener_executer_p.h"
+#include "morvane_interface_p.h"
 
 #include <connection/log_listener_interface.h>
 
 namespace RK {
+
+// Every member of the frame, for tests and diagnostics that reach them.
+template class MorvaneInterface<LogListenerExecuter, ExecuterThread>;
 
 LogListenerInterface::LogListenerInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("LogListenerInterface"))
@@ -13,11 +17,6 @@ LogListenerInterface::LogListenerInterface(boost::shared_ptr<Connection> connect
 }
 
 LogListenerInterface::~LogListenerInterface() = default;
-
-QObject *LogListenerInterface::executerObject() const
-{
-    return executer();
-}
 
 QFuture<void> LogListenerInterface::setLogLevel(wz::LogLevel level)
 {

@@ -11,6 +11,8 @@
 #include <connection/launcher_interface.h>
 #include <connection/resources_interface.h>
 
+#include "executer_thread_p.h"
+
 #include <sim/animated_speech_service.h>
 #include <sim/audio_device_service.h>
 #include <sim/dialog_service.h>
