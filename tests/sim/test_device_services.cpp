@@ -38,7 +38,8 @@ std::string callError(const wz::Object &o, const std::string &method, const sim:
     return f.hasError(0) ? f.error(0) : std::string();
 }
 
-// Every file below `dir`, recursively.
+// Every source file below `dir`, recursively (documentation may name
+// what the code must not call).
 void listFiles(const std::string &dir, std::vector<std::string> &out)
 {
     DIR *d = opendir(dir.c_str());
@@ -49,9 +50,13 @@ void listFiles(const std::string &dir, std::vector<std::string> &out)
         if (name == "." || name == "..")
             continue;
         const std::string path = dir + "/" + name;
+        const auto endsWith = [&name](const std::string &tail) {
+            return name.size() >= tail.size()
+                && name.compare(name.size() - tail.size(), tail.size(), tail) == 0;
+        };
         if (e->d_type == DT_DIR)
             listFiles(path, out);
-        else
+        else if (endsWith(".cpp") || endsWith(".h") || name == "CMakeLists.txt")
             out.push_back(path);
     }
     closedir(d);
