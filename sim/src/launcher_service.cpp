@@ -84,8 +84,11 @@ int LauncherService::launchWait(const std::string &command, const std::vector<st
         static_cast<long long>(static_cast<double>(found.duration.count()) * scale));
     const bool completed = m_pause->wait(duration, robot());
     std::lock_guard<std::mutex> lock(m_mutex);
-    m_launches[index].exitCode = found.exitCode;
-    m_launches[index].completed = completed;
+    // A reset() meanwhile forgot this launch.
+    if (index < m_launches.size() && m_launches[index].command == command) {
+        m_launches[index].exitCode = found.exitCode;
+        m_launches[index].completed = completed;
+    }
     if (!completed)
         throw std::runtime_error("command interrupted: " + command);
     return found.exitCode;
