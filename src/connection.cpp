@@ -1,15 +1,19 @@
 #include <connection/animated_speech_interface.h>
 #include <connection/audio_interface.h>
+#include <connection/basic_awareness_interface.h>
 #include <connection/battery_interface.h>
 #include <connection/config_interface.h>
 #include <connection/connection.h>
 #include <connection/dialog_interface.h>
+#include <connection/engagement_zones_interface.h>
 #include <connection/launcher_interface.h>
 #include <connection/log_listener_interface.h>
 #include <connection/memory_interface.h>
+#include <connection/people_perception_interface.h>
 #include <connection/platform.h>
 #include <connection/resources_interface.h>
 #include <connection/sartel_module.h>
+#include <connection/world_representation_interface.h>
 
 #include "sartel_almodule_p.h"
 #include "service_table_p.h"
@@ -317,6 +321,7 @@ void Connection::buildInterfaces()
     }
     if (m_worldRepresentation) {
         // [16 WorldRepresentationInterface]
+        m_worldRepresentationInterface = makeInterface<WorldRepresentationInterface>(self);
     }
     if (packageManager()) {
         // [17 PackageManagerInterface]
@@ -325,6 +330,7 @@ void Connection::buildInterfaces()
     if (m_engagementZones) {
         try {
             // [18 EngagementZonesInterface]
+            m_engagementZonesInterface = makeInterface<EngagementZonesInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize EngagementZones interface: " << e.what();
@@ -344,6 +350,7 @@ void Connection::buildInterfaces()
     if (m_peoplePerception) {
         try {
             // [20 PeoplePerceptionInterface]
+            m_peoplePerceptionInterface = makeInterface<PeoplePerceptionInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize PeoplePerception interface: " << e.what();
@@ -354,6 +361,7 @@ void Connection::buildInterfaces()
     if (m_basicAwareness) {
         try {
             // [21 BasicAwarenessInterface]
+            m_basicAwarenessInterface = makeInterface<BasicAwarenessInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize BasicAwareness interface: " << e.what();

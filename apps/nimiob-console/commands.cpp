@@ -33,7 +33,17 @@ namespace console {
       "run a command on the robot (never on this machine), wait for it, print the result") \
     X(logs, "[--level N] [--filter CAT=N]... [--clear] [--for S]", \
       "follow the robot's log, each message as level, category and text, then a count; " \
-      "levels 0 silent to 6 debug")
+      "levels 0 silent to 6 debug") \
+    X(world, "[--for SECONDS] [--period MS]", \
+      "list the robot's objects (category, parent, position, Display label), then print " \
+      "changes as they come: added, removed, moved, displayed") \
+    X(object, "NAME", \
+      "show one object: category, position from its parent and from the root, every " \
+      "attribute field") \
+    X(people, "[--for SECONDS]", \
+      "show the detection range and who is present, then arrivals, departures and positions") \
+    X(zones, "[--for SECONDS]", \
+      "show the three engagement zone limits and who is tracked; with --for, the changes too")
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);

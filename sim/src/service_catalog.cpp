@@ -1,17 +1,21 @@
 #include <sim/animated_speech_service.h>
 #include <sim/audio_device_service.h>
+#include <sim/basic_awareness_service.h>
 #include <sim/device_services.h>
 #include <sim/dialog_service.h>
+#include <sim/engagement_zones_service.h>
 #include <sim/frame_manager_service.h>
 #include <sim/launcher_service.h>
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
 #include <sim/motion_service.h>
+#include <sim/people_perception_service.h>
 #include <sim/preferences_service.h>
 #include <sim/resource_manager_service.h>
 #include <sim/robot_model_service.h>
 #include <sim/service.h>
 #include <sim/text_to_speech_service.h>
+#include <sim/world_representation_service.h>
 
 namespace sim {
 
@@ -53,11 +57,11 @@ std::vector<ServiceEntry> defaultServices()
         entry<BatteryService>("VXBattery"),
         entry<LauncherService>("VXLauncher"),
         entry<DialogService>("VXDialog"),
-        placeholder("VXWorldRepresentation"),
+        entry<WorldRepresentationService>("VXWorldRepresentation"),
         entry<PackageManagerService>("PackageManager"),
-        placeholder("VXEngagementZones"),
-        placeholder("VXPeoplePerception"),
-        placeholder("VXBasicAwareness"),
+        entry<EngagementZonesService>("VXEngagementZones"),
+        entry<PeoplePerceptionService>("VXPeoplePerception"),
+        entry<BasicAwarenessService>("VXBasicAwareness"),
         placeholder("VXAutonomousLife"),
         // Not bound by a client: asked for by name at each use.
         entry<AnimatedSpeechService>("VXAnimatedSpeech"),
