@@ -68,6 +68,9 @@ public:
     // The current connection itself, null when there is none: for readers
     // that need its proxies or plain fields.
     boost::shared_ptr<Connection> currentConnection() const { return m_connection; }
+    // Owned by the manager; the application starts and cancels it (see
+    // ReconnectionManager) and may shorten its tick.
+    ReconnectionManager *reconnectionManager() const { return m_reconnectionManager; }
 
     boost::shared_ptr<RobotStateReceiver> robotStateReceiver() const;
     boost::shared_ptr<VideoDeviceInterface> videoDeviceInterface() const;
@@ -123,7 +126,7 @@ private:
     QString m_lastAddress;
     int m_lastPort = 0;
     QString m_lastName;
-    // Owned. Stays null until the reconnection manager is part of the library.
+    // Owned.
     ReconnectionManager *m_reconnectionManager = nullptr;
     bool m_restartNeeded = false;
     ConnectionThreadsManager *m_threadsManager;

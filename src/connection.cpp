@@ -1,11 +1,19 @@
+#include <connection/animated_speech_interface.h>
+#include <connection/audio_interface.h>
 #include <connection/autonomous_life_interface.h>
 #include <connection/basic_awareness_interface.h>
+#include <connection/battery_interface.h>
 #include <connection/behavior_manager_interface.h>
+#include <connection/config_interface.h>
 #include <connection/connection.h>
+#include <connection/dialog_interface.h>
 #include <connection/engagement_zones_interface.h>
+#include <connection/launcher_interface.h>
+#include <connection/log_listener_interface.h>
 #include <connection/memory_interface.h>
 #include <connection/people_perception_interface.h>
 #include <connection/platform.h>
+#include <connection/resources_interface.h>
 #include <connection/sartel_module.h>
 #include <connection/world_representation_interface.h>
 
@@ -292,20 +300,28 @@ void Connection::buildInterfaces()
     }
 
     // [6 ResourcesInterface] always.
+    m_resourcesInterface = makeInterface<ResourcesInterface>(self);
     // [7 BehaviorManagerInterface] always.
     m_behaviorManagerInterface = makeInterface<BehaviorManagerInterface>(self);
     // [8 ConfigInterface] always.
+    m_configInterface = makeInterface<ConfigInterface>(self);
     // [9 LogListenerInterface] always.
+    m_logListenerInterface = makeInterface<LogListenerInterface>(self);
     // [10 AudioInterface] always.
+    m_audioInterface = makeInterface<AudioInterface>(self);
     // [11 AnimatedSpeechInterface] always.
+    m_animatedSpeechInterface = makeInterface<AnimatedSpeechInterface>(self);
     // [12 BatteryInterface] always.
+    m_batteryInterface = makeInterface<BatteryInterface>(self);
     // [13 LauncherInterface] always.
+    m_launcherInterface = makeInterface<LauncherInterface>(self);
 
     if (robotPosture()) {
         // [14 RobotPostureInterface]
     }
     if (dialog()) {
         // [15 DialogInterface]
+        m_dialogInterface = makeInterface<DialogInterface>(self);
     }
     if (m_worldRepresentation) {
         // [16 WorldRepresentationInterface]

@@ -3,6 +3,7 @@
 #include <connection/connection_manager.h>
 #include <connection/meta_types.h>
 #include <connection/platform.h>
+#include <connection/reconnection_manager.h>
 
 #include <QPointer>
 
@@ -33,7 +34,7 @@ ConnectionManager::ConnectionManager(QObject *parent)
 {
     qRegisterMetaType<wz::Future<void>>("wz::Future<void>");
     qRegisterMetaType<std::string>("std::string");
-    // [ReconnectionManager] m_reconnectionManager = new ReconnectionManager(this);
+    m_reconnectionManager = new ReconnectionManager(this);
     m_threadsManager = new ConnectionThreadsManager(this);
     connect(m_threadsManager, &ConnectionThreadsManager::allWorkersFinished, this,
             &ConnectionManager::teardownFinished);
@@ -44,7 +45,7 @@ ConnectionManager::ConnectionManager(QObject *parent)
 // No teardown here: an application that wants one calls disconnectBroker first.
 ConnectionManager::~ConnectionManager()
 {
-    // [ReconnectionManager] delete m_reconnectionManager;
+    delete m_reconnectionManager;
     m_reconnectionManager = nullptr;
     if (m_session && m_sessionLink != wz::SignalBase::invalidSignalLink)
         m_session->disconnected.disconnect(m_sessionLink);

@@ -5,9 +5,10 @@ namespace console {
 // The command table: one line per command, NAME(usage, summary). Command
 // NAME lives in NAME_command.cpp as `int NAMECommand(Console &, const QStringList &)`.
 #define NIMIOB_CONSOLE_COMMANDS(X) \
-    X(status, "", \
+    X(status, "[--stay]", \
       "connect, print the robot's version, the compatibility verdict, the bound and missing " \
-      "services and the two-way test, then disconnect") \
+      "services and the two-way test, then disconnect; --stay follows losses, the " \
+      "reconnection countdown and its attempts until Ctrl-C") \
     X(watch, "KEY... [--sampling MS] [--gather MS] [--for SECONDS]", \
       "follow memory keys and print each gathered batch (time stamp, key, value), saying " \
       "whether the robot samples them or this desktop polls them") \
@@ -19,6 +20,20 @@ namespace console {
     X(call, "MODULE METHOD [VALUE...] [--check]", \
       "post a call by name with up to 6 values (true/false, numbers, text); --check asks the " \
       "box whether it is enabled first; failures are shown as their dialog texts") \
+    X(battery, "", "the battery's charge in percent") \
+    X(audio, "[VOLUME] [--mute|--unmute]", \
+      "the output volume, mute, speech language and languages; sets volume or mute first") \
+    X(say, "TEXT [--animated]", \
+      "have the robot say TEXT (--animated: as a narration with ^tags), until it has finished") \
+    X(tell, "TEXT", "hand a sentence to the robot's dialog engine and print its reply") \
+    X(config, "[--file|--resources]", \
+      "the robot's model configuration, its configuration file, or the resource preferences " \
+      "and owners") \
+    X(launch, "CMD [ARG...]", \
+      "run a command on the robot (never on this machine), wait for it, print the result") \
+    X(logs, "[--level N] [--filter CAT=N]... [--clear] [--for S]", \
+      "follow the robot's log, each message as level, category and text, then a count; " \
+      "levels 0 silent to 6 debug") \
     X(world, "[--for SECONDS] [--period MS]", \
       "list the robot's objects (category, parent, position, Display label), then print " \
       "changes as they come: added, removed, moved, displayed") \

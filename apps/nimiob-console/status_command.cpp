@@ -2,6 +2,10 @@
 #include "console.h"
 
 #include <connection/connection.h>
+#include <connection/reconnection_manager.h>
+
+#include <csignal>
+#include <functional>
 
 namespace console {
 
@@ -12,16 +16,20 @@ void row(QTextStream &out, const char *label, const QString &value)
     out << QString::fromLatin1(label).leftJustified(16) << value << Qt::endl;
 }
 
+volatile std::sig_atomic_t g_statusInterrupted = 0;
+
+void onStatusInterrupt(int)
+{
+    g_statusInterrupted = 1;
+}
+
 } // namespace
 
-// Connects (done by the caller), reports what the robot is and offers, runs
-// the module check and the two-way test, and disconnects (done by the caller).
-int statusCommand(Console &console, const QStringList &arguments)
+// The report on the current connection; `tested` says when the two-way test
+// of this connection has come, `passed` its outcome.
+int report(Console &console, const std::function<bool()> &tested,
+           const std::function<bool()> &passed)
 {
-    if (!arguments.isEmpty()) {
-        console.err() << "error: status takes no argument" << Qt::endl;
-        return ExitUsage;
-    }
     RK::ConnectionManager &manager = console.manager();
     QTextStream &out = console.out();
     const boost::shared_ptr<RK::Connection> connection = manager.currentConnection();
@@ -75,14 +83,89 @@ int statusCommand(Console &console, const QStringList &arguments)
     }
 
     // The robot has 15 s to call the desktop back.
-    if (!console.waitUntil([&console] { return console.connectionTestDone(); }, 20000)) {
+    if (!console.waitUntil(tested, 20000)) {
         row(out, "Two-way test", QStringLiteral("no outcome within 20 s"));
         return ExitCommandFailed;
     }
     row(out, "Two-way test",
-        console.connectionTestPassed()
-            ? QStringLiteral("passed: the robot reached this desktop")
-            : QStringLiteral("failed: the robot did not reach this desktop"));
+        passed() ? QStringLiteral("passed: the robot reached this desktop")
+                 : QStringLiteral("failed: the robot did not reach this desktop"));
+    return ExitOk;
+}
+
+// Connects (done by the caller), reports what the robot is and offers, runs
+// the module check and the two-way test, and disconnects (done by the caller).
+// With --stay it then follows the connection: a loss starts the reconnection
+// countdown, each attempt and its result are printed, and a reconnection
+// brings the report again, until Ctrl-C.
+int statusCommand(Console &console, const QStringList &arguments)
+{
+    const bool stay = arguments == QStringList {QStringLiteral("--stay")};
+    if (!arguments.isEmpty() && !stay) {
+        console.err() << "error: status takes only --stay" << Qt::endl;
+        return ExitUsage;
+    }
+    RK::ConnectionManager &manager = console.manager();
+    QTextStream &out = console.out();
+    int tests = 0;
+    bool lastPassed = false;
+    QObject receiver;
+    QObject::connect(&manager, &RK::ConnectionManager::connectionTested, &receiver,
+                     [&](bool success) {
+                         ++tests;
+                         lastPassed = success;
+                     });
+    const int status = report(
+        console, [&console] { return console.connectionTestDone(); },
+        [&console] { return console.connectionTestPassed(); });
+    if (!stay)
+        return status;
+
+    RK::ReconnectionManager *reconnection = manager.reconnectionManager();
+    const std::string host = console.options().host.toStdString();
+    const int port = console.options().port;
+    const QString name = console.options().name;
+    bool reconnected = false;
+    // Reconnect on a loss only: each failed attempt says disconnected() too.
+    QObject::connect(&manager, &RK::ConnectionManager::connectionLost, &receiver, [&] {
+        out << "The connection was lost." << Qt::endl;
+        reconnection->startReconnectionProcess(host, port, name);
+    });
+    QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished, &receiver, [&] {
+        reconnection->cancelReconnectionProcess();
+        out << "Reconnected." << Qt::endl;
+        reconnected = true;
+    });
+    QObject::connect(reconnection, &RK::ReconnectionManager::refreshTimeBeforeReconnectionRequested,
+                     &receiver, [&](int seconds) {
+                         if (seconds >= 0)
+                             out << "reconnecting in " << seconds << " s" << Qt::endl;
+                     });
+    QObject::connect(reconnection, &RK::ReconnectionManager::reconnectionRequested, &receiver, [&] {
+        out << "Attempt: connecting to " << QString::fromStdString(host) << ':' << port << Qt::endl;
+    });
+    QObject::connect(
+        reconnection, &RK::ReconnectionManager::reconnectionFailed, &receiver, [&](bool byUser) {
+            out << "Attempt failed" << (byUser ? " (asked for by the user)" : "");
+            if (!console.errors().empty())
+                out << ": " << console.errors().back().details.section(QLatin1Char('\n'), 0, 0);
+            out << Qt::endl;
+        });
+
+    out << "Staying; Ctrl-C to stop." << Qt::endl;
+    g_statusInterrupted = 0;
+    const auto previous = std::signal(SIGINT, onStatusInterrupt);
+    while (!g_statusInterrupted) {
+        console.waitUntil([&] { return g_statusInterrupted != 0 || reconnected; }, 86400000);
+        if (reconnected) {
+            reconnected = false;
+            const int testsBefore = tests;
+            report(
+                console, [&] { return tests > testsBefore; }, [&] { return lastPassed; });
+        }
+    }
+    std::signal(SIGINT, previous);
+    reconnection->cancelReconnectionProcess();
     return ExitOk;
 }
 

@@ -10,6 +10,7 @@ BatteryService::BatteryService() : Service("VXBattery") { }
 void BatteryService::describe(ServiceBuilder &b)
 {
     b.method("getBatteryCharge", [this]() { return charge(); });
+    b.method("getBatteryLevel", [this]() { return level(); });
 }
 
 void BatteryService::configure(const wz::AnyValue &settings)

@@ -18,7 +18,8 @@ void usage(FILE *out)
 {
     std::fprintf(out,
                  "usage: morvane-sim [--listen tcp://127.0.0.1:9559] [--scenario FILE] "
-                 "[--behaviors DIR] [--verbose]\n");
+                 "[--behaviors DIR] [--verbose]\n"
+                 "SIGHUP stops the robot and starts a fresh one on the same port.\n");
 }
 
 } // namespace
@@ -54,28 +55,40 @@ int main(int argc, char **argv)
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
     wz::log::setLogLevel(options.verbose ? wz::LogLevel_Verbose : wz::LogLevel_Info);
     try {
-        sim::Robot robot(options);
-        if (!behaviorDir.empty()) {
-            auto *behaviors
-                = robot.serviceAs<sim::BehaviorManagerService>(sim::BehaviorManagerService::kName);
-            if (behaviors)
-                behaviors->installDirectory(behaviorDir);
-        }
-        if (!scenarioFile.empty())
-            robot.scenario().loadFile(scenarioFile);
-        robot.start();
-        std::printf("morvane-sim listening on %s\n", robot.url().str().c_str());
-        std::fflush(stdout);
+        // A restart keeps the port the first robot got, so that a client
+        // that knew it can reconnect.
+        while (true) {
+            sim::Robot robot(options);
+            if (!behaviorDir.empty()) {
+                auto *behaviors = robot.serviceAs<sim::BehaviorManagerService>(
+                    sim::BehaviorManagerService::kName);
+                if (behaviors)
+                    behaviors->installDirectory(behaviorDir);
+            }
+            if (!scenarioFile.empty())
+                robot.scenario().loadFile(scenarioFile);
+            robot.start();
+            options.listenUrl = robot.url().str();
+            std::printf("morvane-sim listening on %s\n", robot.url().str().c_str());
+            std::fflush(stdout);
 
-        int received = 0;
-        sigwait(&stopSignals, &received);
-        wz::log::LogStream(wz::LogLevel_Info, "sim", __FUNCTION__)
-            << "stopping on " << (received == SIGINT ? "SIGINT" : "SIGTERM");
-        robot.stop();
+            int received = 0;
+            sigwait(&stopSignals, &received);
+            const char *name = received == SIGINT ? "SIGINT"
+                : received == SIGHUP              ? "SIGHUP"
+                                                  : "SIGTERM";
+            wz::log::LogStream(wz::LogLevel_Info, "sim", __FUNCTION__) << "stopping on " << name;
+            robot.stop();
+            if (received != SIGHUP)
+                break;
+            std::printf("morvane-sim restarting\n");
+            std::fflush(stdout);
+        }
     } catch (const std::exception &e) {
         std::fprintf(stderr, "morvane-sim: %s\n", e.what());
         return 1;

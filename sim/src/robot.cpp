@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace sim {
 
@@ -257,10 +258,19 @@ void Robot::start()
         wz::log::LogStream(wz::LogLevel_Info, kCategory, "clientDisconnected")
             << "client left: " << peer;
     });
-    try {
-        m_session->listen(url).value();
-    } catch (const std::exception &e) {
-        throw std::runtime_error("cannot listen on " + url.str() + ": " + e.what());
+    // A robot that takes over the port of one just stopped may find the old
+    // listener not yet closed: the framework closes it asynchronously.
+    const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (true) {
+        try {
+            m_session->listen(url).value();
+            break;
+        } catch (const std::exception &e) {
+            const bool inUse = std::string(e.what()).find("in use") != std::string::npos;
+            if (!inUse || url.port() == 0 || std::chrono::steady_clock::now() > giveUp)
+                throw std::runtime_error("cannot listen on " + url.str() + ": " + e.what());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     const std::vector<wz::Url> endpoints = m_session->endpoints();
     {

@@ -1,13 +1,21 @@
+#include <sim/animated_speech_service.h>
+#include <sim/audio_device_service.h>
 #include <sim/basic_awareness_service.h>
 #include <sim/behavior_manager_service.h>
 #include <sim/device_services.h>
+#include <sim/dialog_service.h>
 #include <sim/engagement_zones_service.h>
 #include <sim/frame_manager_service.h>
+#include <sim/launcher_service.h>
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
 #include <sim/motion_service.h>
 #include <sim/people_perception_service.h>
+#include <sim/preferences_service.h>
+#include <sim/resource_manager_service.h>
+#include <sim/robot_model_service.h>
 #include <sim/service.h>
+#include <sim/text_to_speech_service.h>
 #include <sim/world_representation_service.h>
 
 namespace sim {
@@ -35,27 +43,29 @@ std::vector<ServiceEntry> defaultServices()
         entry<MemoryService>("VXMemory"),
         entry<FrameManagerService>("VXFrameManager"),
         entry<BehaviorManagerService>("VXBehaviorManager"),
-        placeholder("VXRobotModel"),
+        entry<RobotModelService>("VXRobotModel"),
         entry<MotionService>("VXMotion"),
-        placeholder("VXPreferences"),
+        entry<PreferencesService>("VXPreferences"),
         entry<LogManagerService>("LogManager"),
-        placeholder("VXResourceManager"),
+        entry<ResourceManagerService>("VXResourceManager"),
         placeholder("VXMotionRecorder"),
         placeholder("VXVideoDevice"),
         placeholder("VXVisionRecognition"),
         placeholder("VXRobotPosture"),
         entry<MemoryWatcherService>("VXMemoryWatcher"),
-        placeholder("VXAudioDevice"),
-        placeholder("VXTextToSpeech"),
+        entry<AudioDeviceService>("VXAudioDevice"),
+        entry<TextToSpeechService>("VXTextToSpeech"),
         entry<BatteryService>("VXBattery"),
-        placeholder("VXLauncher"),
-        placeholder("VXDialog"),
+        entry<LauncherService>("VXLauncher"),
+        entry<DialogService>("VXDialog"),
         entry<WorldRepresentationService>("VXWorldRepresentation"),
         entry<PackageManagerService>("PackageManager"),
         entry<EngagementZonesService>("VXEngagementZones"),
         entry<PeoplePerceptionService>("VXPeoplePerception"),
         entry<BasicAwarenessService>("VXBasicAwareness"),
         entry<AutonomousLifeService>("VXAutonomousLife"),
+        // Not bound by a client: asked for by name at each use.
+        entry<AnimatedSpeechService>("VXAnimatedSpeech"),
         placeholder("DCM"),
     };
 }

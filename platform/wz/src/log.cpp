@@ -3,11 +3,16 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
+#include <string>
+#include <thread>
 
 namespace wz {
 
@@ -61,6 +66,82 @@ Sink &sink()
     static Sink *s = new Sink;
     return *s;
 }
+
+// Standard error may be a pipe that nobody reads: a write would then block
+// whichever thread logged, I/O threads included. Lines go to a thread of
+// their own through a bounded queue instead; when it is full they are
+// dropped and counted, and the count is written once the queue drains.
+class StderrWriter
+{
+public:
+    static StderrWriter &instance()
+    {
+        // Leaked on purpose, like the sink: the thread is never joined.
+        static StderrWriter *w = new StderrWriter;
+        return *w;
+    }
+
+    void write(std::string line)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_lines.size() >= kLimit) {
+            ++m_dropped;
+            return;
+        }
+        m_lines.push_back(std::move(line));
+        ++m_unwritten;
+        m_cond.notify_one();
+    }
+
+    // Lets the lines already queued reach standard error before the process
+    // ends, for a bounded time: a pipe nobody reads must not hold up the exit.
+    void drain(std::chrono::milliseconds limit)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_drained.wait_for(lock, limit, [this]() { return m_unwritten == 0; });
+    }
+
+private:
+    static constexpr size_t kLimit = 10000;
+
+    StderrWriter()
+    {
+        std::thread([this]() { run(); }).detach();
+        std::atexit([]() { instance().drain(std::chrono::seconds(1)); });
+    }
+
+    void run()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        while (true) {
+            m_cond.wait(lock, [this]() { return !m_lines.empty() || m_dropped > 0; });
+            std::deque<std::string> lines;
+            lines.swap(m_lines);
+            const uint64_t dropped = m_dropped;
+            m_dropped = 0;
+            lock.unlock();
+            if (dropped > 0)
+                std::fprintf(stderr,
+                             "[warning] log: %llu line(s) dropped, standard error was not "
+                             "being read\n",
+                             static_cast<unsigned long long>(dropped));
+            for (const std::string &line : lines)
+                std::fputs(line.c_str(), stderr);
+            std::fflush(stderr);
+            lock.lock();
+            m_unwritten -= lines.size();
+            if (m_unwritten == 0)
+                m_drained.notify_all();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_cond;
+    std::condition_variable m_drained;
+    std::deque<std::string> m_lines;
+    size_t m_unwritten = 0;
+    uint64_t m_dropped = 0;
+};
 
 } // namespace
 
@@ -133,8 +214,8 @@ void log(LogLevel level, const std::string &category, const std::string &functio
         }
     }
     if (toStderr) {
-        std::fprintf(stderr, "[%s] %s: %s\n", logLevelName(msg.level), msg.category.c_str(),
-                     msg.message.c_str());
+        StderrWriter::instance().write(std::string("[") + logLevelName(msg.level) + "] "
+                                       + msg.category + ": " + msg.message + "\n");
     }
     // Handlers run outside the lock so that one may log in turn.
     for (auto &h : handlers)

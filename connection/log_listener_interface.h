@@ -1,0 +1,43 @@
+#pragma once
+
+#include <connection/meta_types.h>
+#include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
+
+#include <QFuture>
+#include <QObject>
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+
+namespace RK {
+
+class Connection;
+class ExecuterThread;
+class LogListenerExecuter;
+
+// The robot's log messages, pushed to the application as they come, and the
+// robot-side filters that cut them down. The settings run on the pool and
+// never report a failure to the caller: the future simply ends.
+class NIMIOB_EXPORT LogListenerInterface
+    : public QObject,
+      public MorvaneInterface<LogListenerExecuter, ExecuterThread>
+{
+    Q_OBJECT
+
+public:
+    explicit LogListenerInterface(boost::shared_ptr<Connection> connection);
+    ~LogListenerInterface() override;
+
+    // A filter on every category ("*"), not a write of the verbosity.
+    QFuture<void> setLogLevel(wz::LogLevel level);
+    QFuture<void> setCategory(const QString &cat, wz::LogLevel level);
+    QFuture<void> clearFilters();
+    // The robot's verbosity; info (4) when it cannot be read.
+    QFuture<wz::LogLevel> logLevel();
+
+signals:
+    void onLogMessageReceived(wz::LogMessage message);
+};
+
+} // namespace RK

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <string>
+
+namespace RK {
+
+class Connection;
+
+// Asks the session for its service at each operation: "VXAnimatedSpeech" is
+// not bound with the others.
+class AnimatedSpeechExecuter : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit AnimatedSpeechExecuter(boost::shared_ptr<Connection> connection);
+
+    // Runs on the pool, beside the slots.
+    QStringList getTagList();
+
+public slots:
+    void onInterpretText(QString narration);
+    void onStopAllInterpretation();
+    void onStartTest(QString textToTest);
+    void onStopTest();
+
+signals:
+    void error(QString title, QString contents, QString details);
+
+private:
+    template<typename Call>
+    void callService(const char *service, const QString &title, Call call);
+
+    boost::weak_ptr<Connection> m_connection;
+};
+
+} // namespace RK

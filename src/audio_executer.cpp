@@ -1,0 +1,122 @@
+#include "audio_executer_p.h"
+
+#include <connection/audio_interface.h>
+#include <connection/connection.h>
+#include <connection/platform.h>
+#include <connection/sartel_module.h>
+
+#include <wz/log.h>
+
+#include <string>
+#include <vector>
+
+namespace RK {
+
+const QString AudioExecuter::a_audioChangedKey = QStringLiteral("AudioOutputChanged");
+
+AudioExecuter::AudioExecuter(boost::shared_ptr<Connection> connection)
+    : QObject(nullptr), m_connection(connection)
+{
+    if (!connection)
+        return;
+    if (const boost::shared_ptr<VX::VXProxy> audio = connection->audioDevice()) {
+        try {
+            audio->call<bool>("isAudioOutMuted");
+            m_hasMute = true;
+        } catch (const std::exception &) {
+            // An older audio device without mute: the flag stays false.
+        }
+    }
+    if (const boost::shared_ptr<SartelModuleInterface> module
+        = connection->sartelModuleInterface()) {
+        try {
+            connect(module.get(), &SartelModuleInterface::dataSubscribedChanged, this,
+                    &AudioExecuter::onDataChanged);
+            emit module->subscribeToMicroEventRequested(a_audioChangedKey);
+        } catch (const std::exception &e) {
+            wz::log::LogStream(wz::LogLevel_Error, "con.audioE", __FUNCTION__)
+                << "Could not subscribe to " << a_audioChangedKey.toStdString()
+                << " event, reason: " << e.what();
+        }
+    }
+}
+
+void AudioExecuter::onSetOutputVolume(int outputVolume, bool muted)
+{
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection || !connection->audioInterface())
+        return;
+    const boost::shared_ptr<VX::VXProxy> audio = connection->audioDevice();
+    if (!audio)
+        return;
+    try {
+        audio->call<void>("setOutputVolume", outputVolume);
+        if (m_hasMute)
+            audio->call<void>("muteAudioOut", muted);
+    } catch (const std::exception &e) {
+        emit error(QStringLiteral("VXAudioDevice"), tr("Failed to call"),
+                   QString::fromUtf8(e.what()));
+    }
+}
+
+void AudioExecuter::onGetOutputVolume()
+{
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection || !connection->audioInterface())
+        return;
+    const boost::shared_ptr<VX::VXProxy> audio = connection->audioDevice();
+    if (!audio)
+        return;
+    try {
+        const int volume = audio->call<int>("getOutputVolume");
+        const bool muted = m_hasMute && audio->call<bool>("isAudioOutMuted");
+        emit updateOutputVolumeRequested(volume, muted);
+    } catch (const std::exception &e) {
+        emit error(QStringLiteral("VXAudioDevice"), tr("Failed to call"),
+                   QString::fromUtf8(e.what()));
+    }
+}
+
+void AudioExecuter::getCurrentLanguageRequested()
+{
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection)
+        return;
+    const boost::shared_ptr<VX::VXProxy> speech = connection->textToSpeech();
+    if (!speech)
+        return;
+    try {
+        emit getCurrentLanguageResult(
+            QString::fromUtf8(speech->call<std::string>("getLanguage").c_str()));
+    } catch (const std::exception &e) {
+        emit error(QStringLiteral("TextToSpeech"), tr("Failed to call"),
+                   QString::fromUtf8(e.what()));
+    }
+}
+
+void AudioExecuter::getAvailableLanguagesRequested()
+{
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection)
+        return;
+    const boost::shared_ptr<VX::VXProxy> speech = connection->textToSpeech();
+    if (!speech)
+        return;
+    try {
+        QStringList languages;
+        for (const std::string &l : speech->call<std::vector<std::string>>("getAvailableLanguages"))
+            languages << QString::fromUtf8(l.c_str());
+        emit getAvailableLanguagesResult(languages);
+    } catch (const std::exception &e) {
+        emit error(QStringLiteral("TextToSpeech"), tr("Failed to call"),
+                   QString::fromUtf8(e.what()));
+    }
+}
+
+void AudioExecuter::onDataChanged(QString name, VX::VXValue val) const
+{
+    if (name == a_audioChangedKey)
+        emit audioChanged(val);
+}
+
+} // namespace RK

@@ -1,0 +1,106 @@
+#include <connection/connection_manager.h>
+#include <connection/reconnection_manager.h>
+
+#include <QTimer>
+
+#include <algorithm>
+
+namespace RK {
+
+ReconnectionManager::ReconnectionManager(ConnectionManager *manager,
+                                         const ReconnectionSettings &settings)
+    : QObject(nullptr), m_manager(manager), m_timer(new QTimer(this)), m_settings(settings)
+{
+    m_timer->setInterval(std::max(1, m_settings.tickMs));
+    m_timer->setSingleShot(false);
+    connect(m_timer, &QTimer::timeout, this, &ReconnectionManager::onUpdateTimeBeforeReconnection);
+}
+
+ReconnectionManager::~ReconnectionManager() = default;
+
+void ReconnectionManager::setSettings(const ReconnectionSettings &settings)
+{
+    m_settings = settings;
+    m_timer->setInterval(std::max(1, settings.tickMs));
+}
+
+bool ReconnectionManager::isCounting() const
+{
+    return m_timer->isActive();
+}
+
+void ReconnectionManager::startReconnectionProcess(const std::string &address, int port,
+                                                   const QString &name)
+{
+    m_address = address;
+    m_port = port;
+    m_name = name;
+    m_timeBeforeReconnection = m_settings.firstDelay;
+    m_delay = m_settings.firstDelay;
+    emit refreshTimeBeforeReconnectionRequested(m_timeBeforeReconnection);
+    m_timer->start();
+}
+
+void ReconnectionManager::restartReconnectionProcess()
+{
+    m_delay = std::min(m_delay * 2, m_settings.maxDelay);
+    m_timeBeforeReconnection = m_delay;
+    emit refreshTimeBeforeReconnectionRequested(m_timeBeforeReconnection);
+    m_timer->start();
+}
+
+void ReconnectionManager::cancelReconnectionProcess()
+{
+    disconnect(m_manager, SIGNAL(displayErrorRequested(QString, QString, QString)), this,
+               SLOT(onReconnectionFailed(QString, QString, QString)));
+    disconnect(m_manager, SIGNAL(displayErrorRequested(QString, QString, QString)), this,
+               SLOT(onReconnectionByUserFailed(QString, QString, QString)));
+    m_timer->stop();
+}
+
+void ReconnectionManager::reconnect()
+{
+    m_timer->stop();
+    emit reconnectionRequested();
+    m_manager->connectRemoteBroker(m_address, m_port, m_name);
+}
+
+void ReconnectionManager::onUpdateTimeBeforeReconnection()
+{
+    --m_timeBeforeReconnection;
+    if (m_timeBeforeReconnection < 0) {
+        onReconnectionRequested();
+        emit refreshTimeBeforeReconnectionRequested(m_timeBeforeReconnection);
+    } else {
+        emit refreshTimeBeforeReconnectionRequested(m_timeBeforeReconnection);
+    }
+}
+
+void ReconnectionManager::onReconnectionRequestedByUser()
+{
+    connect(m_manager, SIGNAL(displayErrorRequested(QString, QString, QString)), this,
+            SLOT(onReconnectionByUserFailed(QString, QString, QString)));
+    reconnect();
+}
+
+void ReconnectionManager::onReconnectionRequested()
+{
+    // Deliberately no check for an existing link: see the class comment.
+    connect(m_manager, SIGNAL(displayErrorRequested(QString, QString, QString)), this,
+            SLOT(onReconnectionFailed(QString, QString, QString)));
+    reconnect();
+}
+
+void ReconnectionManager::onReconnectionFailed(QString, QString, QString)
+{
+    emit reconnectionFailed(false);
+    restartReconnectionProcess();
+}
+
+void ReconnectionManager::onReconnectionByUserFailed(QString, QString, QString)
+{
+    emit reconnectionFailed(true);
+    startReconnectionProcess(m_address, m_port, m_name);
+}
+
+} // namespace RK
