@@ -3,6 +3,7 @@
 #include <connection/platform.h>
 #include <connection/sartel_almodule.h>
 #include <connection/sartel_module.h>
+#include <connection/video_device_interface.h>
 
 #include <QCoreApplication>
 #include <QEventLoop>
@@ -317,7 +318,7 @@ void Connection::buildInterfaces()
 
     if (m_videoDevice) {
         // [5 VideoDeviceInterface] with the camera proxy:
-        //   m_videoDeviceInterface = makeInterface<VideoDeviceInterface>(self);
+        m_videoDeviceInterface = makeInterface<VideoDeviceInterface>(self);
     }
 
     // [6 ResourcesInterface] always.

@@ -4,6 +4,7 @@
 #include <sim/memory_watcher_service.h>
 #include <sim/motion_service.h>
 #include <sim/service.h>
+#include <sim/video_device_service.h>
 
 namespace sim {
 
@@ -36,7 +37,7 @@ std::vector<ServiceEntry> defaultServices()
         entry<LogManagerService>("LogManager"),
         placeholder("VXResourceManager"),
         placeholder("VXMotionRecorder"),
-        placeholder("VXVideoDevice"),
+        entry<VideoDeviceService>("VXVideoDevice"),
         placeholder("VXVisionRecognition"),
         placeholder("VXRobotPosture"),
         entry<MemoryWatcherService>("VXMemoryWatcher"),
