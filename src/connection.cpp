@@ -1,6 +1,7 @@
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
+#include <connection/robot_state_receiver.h>
 #include <connection/sartel_almodule.h>
 #include <connection/sartel_module.h>
 #include <connection/video_device_interface.h>
@@ -314,7 +315,7 @@ void Connection::buildInterfaces()
     //           wz::makeObject(m_recorderModule)).value();
 
     // [4 RobotStateReceiver] always:
-    //   m_robotStateReceiver = makeInterface<RobotStateReceiver>(self);
+    m_robotStateReceiver = makeInterface<RobotStateReceiver>(self);
 
     if (m_videoDevice) {
         // [5 VideoDeviceInterface] with the camera proxy:
