@@ -1,6 +1,7 @@
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
+#include <connection/robot_posture_interface.h>
 #include <connection/robot_state_receiver.h>
 #include <connection/sartel_almodule.h>
 #include <connection/sartel_module.h>
@@ -333,6 +334,7 @@ void Connection::buildInterfaces()
 
     if (m_robotPosture) {
         // [14 RobotPostureInterface]
+        m_robotPostureInterface = makeInterface<RobotPostureInterface>(self);
     }
     if (m_dialog) {
         // [15 DialogInterface]
@@ -398,6 +400,9 @@ void Connection::connectInterfaceSignals()
     // [VXSartelRecorder] displayErrorRequested.
     // [BehaviorManagerInterface] displayErrorRequested.
     // [RobotPostureInterface] displayErrorRequested.
+    if (m_robotPostureInterface)
+        connect(m_robotPostureInterface.get(), &RobotPostureInterface::displayErrorRequested, this,
+                &Connection::displayErrorRequested);
 }
 
 void Connection::readVersion()

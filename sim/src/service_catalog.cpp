@@ -3,6 +3,7 @@
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
 #include <sim/motion_service.h>
+#include <sim/robot_posture_service.h>
 #include <sim/service.h>
 #include <sim/video_device_service.h>
 
@@ -39,7 +40,7 @@ std::vector<ServiceEntry> defaultServices()
         placeholder("VXMotionRecorder"),
         entry<VideoDeviceService>("VXVideoDevice"),
         placeholder("VXVisionRecognition"),
-        placeholder("VXRobotPosture"),
+        entry<RobotPostureService>("VXRobotPosture"),
         entry<MemoryWatcherService>("VXMemoryWatcher"),
         placeholder("VXAudioDevice"),
         placeholder("VXTextToSpeech"),
