@@ -2,6 +2,7 @@
 #include <sim/frame_manager_service.h>
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
+#include <sim/motion_recorder_service.h>
 #include <sim/motion_service.h>
 #include <sim/robot_posture_service.h>
 #include <sim/service.h>
@@ -37,7 +38,7 @@ std::vector<ServiceEntry> defaultServices()
         placeholder("VXPreferences"),
         entry<LogManagerService>("LogManager"),
         placeholder("VXResourceManager"),
-        placeholder("VXMotionRecorder"),
+        entry<MotionRecorderService>("VXMotionRecorder"),
         entry<VideoDeviceService>("VXVideoDevice"),
         placeholder("VXVisionRecognition"),
         entry<RobotPostureService>("VXRobotPosture"),
