@@ -1,6 +1,7 @@
 #include "method_recorder_executer_p.h"
 
-#include <connection/executer_thread.h>
+#include "executer_thread_p.h"
+#include "morvane_interface_p.h"
 #include <connection/platform.h>
 #include <connection/recorder_module.h>
 

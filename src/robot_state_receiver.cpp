@@ -1,6 +1,7 @@
 #include "robot_state_executer_p.h"
 
-#include <connection/executer_thread.h>
+#include "executer_thread_p.h"
+#include "morvane_interface_p.h"
 #include <connection/robot_state_receiver.h>
 
 #include <QMetaType>

@@ -4,6 +4,8 @@
 
 #include <QUuid>
 
+#include <boost/make_shared.hpp>
+
 #include <vx/vxerror.h>
 #include <vx/vxproxy.h>
 #include <wz/log.h>

@@ -1,6 +1,7 @@
 #include "video_device_executer_p.h"
 
-#include <connection/executer_thread.h>
+#include "executer_thread_p.h"
+#include "morvane_interface_p.h"
 #include <connection/video_device_interface.h>
 
 #include <QMetaType>

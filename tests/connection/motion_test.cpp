@@ -1,7 +1,5 @@
 #include "robot_fixture.h"
 
-#include "../../src/robot_state_executer_p.h"
-
 #include <connection/connection.h>
 #include <connection/robot_state_receiver.h>
 
@@ -51,9 +49,8 @@ protected:
         ASSERT_TRUE(recorder->connectAndWait(robot()));
         receiver = recorder->manager->robotStateReceiver();
         ASSERT_TRUE(receiver);
-        QObject::connect(static_cast<QObject *>(receiver->executer()),
-                         SIGNAL(error(QString, QString, QString)), &errors,
-                         SLOT(onError(QString, QString, QString)), Qt::QueuedConnection);
+        QObject::connect(receiver->executerObject(), SIGNAL(error(QString, QString, QString)),
+                         &errors, SLOT(onError(QString, QString, QString)), Qt::QueuedConnection);
     }
     void TearDown() override
     {
