@@ -2,6 +2,7 @@
 #include <sim/robot.h>
 
 #include <wz/log.h>
+#include <wz/session.h>
 
 #include <algorithm>
 #include <cmath>
@@ -81,7 +82,7 @@ float finiteNumber(const wz::AnyValue &v, const char *what)
 // behind it; a call waits for the end of the motion.
 bool calledByPost()
 {
-    return false;
+    return wz::Session::currentCallPosted();
 }
 
 } // namespace
