@@ -18,7 +18,20 @@ namespace console {
       "subscribe micro events and print each one as it arrives, until Ctrl-C or --for") \
     X(call, "MODULE METHOD [VALUE...] [--check]", \
       "post a call by name with up to 6 values (true/false, numbers, text); --check asks the " \
-      "box whether it is enabled first; failures are shown as their dialog texts")
+      "box whether it is enabled first; failures are shown as their dialog texts") \
+    X(camera, "[--res 0-3] [--period MS] [--for S] [--png FILE]", \
+      "acquire camera images, print their count, rate and skips; --png saves the last one") \
+    X(move, "JOINT=RAD... [--speed F] [--wait]", \
+      "move joints (posted; --wait waits for the end of the motion)") \
+    X(stiff, "NAME on|off", "switch the motors of a joint or a chain on or off over 0.2 s") \
+    X(wake, "", "wake the robot up: stiff, then standing") \
+    X(rest, "", "put the robot to rest: crouching, then limp") \
+    X(posture, "[NAME] [--apply]", \
+      "print the posture family; with a name go to (or apply) that posture and say whether " \
+      "it was reached and how the family changed") \
+    X(record, "--joints A,B [--poses N] [--interactive]", \
+      "record poses of joints, periodically or one at each store request; print the steps, " \
+      "then the poses received")
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);
