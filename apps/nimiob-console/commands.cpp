@@ -31,7 +31,17 @@ namespace console {
       "it was reached and how the family changed") \
     X(record, "--joints A,B [--poses N] [--interactive]", \
       "record poses of joints, periodically or one at each store request; print the steps, " \
-      "then the poses received")
+      "then the poses received") \
+    X(world, "[--for SECONDS] [--period MS]", \
+      "list the robot's objects (category, parent, position, Display label), then print " \
+      "changes as they come: added, removed, moved, displayed") \
+    X(object, "NAME", \
+      "show one object: category, position from its parent and from the root, every " \
+      "attribute field") \
+    X(people, "[--for SECONDS]", \
+      "show the detection range and who is present, then arrivals, departures and positions") \
+    X(zones, "[--for SECONDS]", \
+      "show the three engagement zone limits and who is tracked; with --for, the changes too")
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);
