@@ -13,8 +13,12 @@
 #include <connection/memory_interface.h>
 #include <connection/people_perception_interface.h>
 #include <connection/platform.h>
+#include <connection/recorder_module.h>
 #include <connection/resources_interface.h>
+#include <connection/robot_posture_interface.h>
+#include <connection/robot_state_receiver.h>
 #include <connection/sartel_module.h>
+#include <connection/video_device_interface.h>
 #include <connection/world_representation_interface.h>
 
 #include "sartel_almodule_p.h"
@@ -286,17 +290,19 @@ void Connection::buildInterfaces()
 
     // [3 VXSartelRecorder] always, then registered under its object name; a
     // failure of the registration fails the connection:
-    //   m_recorderModule = makeInterface<VXSartelRecorder>(m_session, self, nullptr);
-    //   m_recorderServiceId = m_session->registerService(
-    //           m_recorderModule->objectName().toUtf8().toStdString(),
-    //           wz::makeObject(m_recorderModule)).value();
+    m_recorderModule = makeInterface<VXSartelRecorder>(m_session, self, nullptr);
+    m_recorderServiceId
+        = m_session
+              ->registerService(m_recorderModule->objectName().toUtf8().toStdString(),
+                                wz::makeObject(m_recorderModule))
+              .value();
 
     // [4 RobotStateReceiver] always:
-    //   m_robotStateReceiver = makeInterface<RobotStateReceiver>(self);
+    m_robotStateReceiver = makeInterface<RobotStateReceiver>(self);
 
     if (videoDevice()) {
         // [5 VideoDeviceInterface] with the camera proxy:
-        //   m_videoDeviceInterface = makeInterface<VideoDeviceInterface>(self);
+        m_videoDeviceInterface = makeInterface<VideoDeviceInterface>(self);
     }
 
     // [6 ResourcesInterface] always.
@@ -318,6 +324,7 @@ void Connection::buildInterfaces()
 
     if (robotPosture()) {
         // [14 RobotPostureInterface]
+        m_robotPostureInterface = makeInterface<RobotPostureInterface>(self);
     }
     if (dialog()) {
         // [15 DialogInterface]
@@ -386,11 +393,19 @@ void Connection::connectInterfaceSignals()
                 &Connection::connectionTested);
     }
     // [VXSartelRecorder] displayErrorRequested.
+    if (m_recorderModule)
+        connect(m_recorderModule.get(),
+                static_cast<void (VXSartelRecorder::*)(QString, QString, QString, bool)>(
+                    &VXSartelRecorder::displayErrorRequested),
+                this, &Connection::displayErrorRequested);
     // [BehaviorManagerInterface] displayErrorRequested.
     if (m_behaviorManagerInterface)
         connect(m_behaviorManagerInterface.get(), &BehaviorManagerInterface::displayErrorRequested,
                 this, &Connection::displayErrorRequested);
     // [RobotPostureInterface] displayErrorRequested.
+    if (m_robotPostureInterface)
+        connect(m_robotPostureInterface.get(), &RobotPostureInterface::displayErrorRequested, this,
+                &Connection::displayErrorRequested);
 }
 
 void Connection::readVersion()
@@ -445,6 +460,18 @@ boost::shared_ptr<VXSartel> Connection::sartelModule() const
 
 void Connection::destroyInterfaces()
 {
+    // The recorder is a service of this session: it must not outlive its
+    // connection in the robot's directory.
+    if (m_recorderServiceId != 0) {
+        try {
+            if (m_session && m_session->isConnected())
+                m_session->unregisterService(m_recorderServiceId).wait();
+        } catch (const std::exception &e) {
+            wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
+                << "Could not unregister VXSartelRecorder: " << e.what();
+        }
+        m_recorderServiceId = 0;
+    }
     releaseField(m_memoryInterface);
     releaseField(m_sartelModuleInterface);
     releaseField(m_recorderModule);

@@ -34,6 +34,19 @@ namespace console {
     X(logs, "[--level N] [--filter CAT=N]... [--clear] [--for S]", \
       "follow the robot's log, each message as level, category and text, then a count; " \
       "levels 0 silent to 6 debug") \
+    X(camera, "[--res 0-3] [--period MS] [--for S] [--png FILE]", \
+      "acquire camera images, print their count, rate and skips; --png saves the last one") \
+    X(move, "JOINT=RAD... [--speed F] [--wait]", \
+      "move joints (posted; --wait waits for the end of the motion)") \
+    X(stiff, "NAME on|off", "switch the motors of a joint or a chain on or off over 0.2 s") \
+    X(wake, "", "wake the robot up: stiff, then standing") \
+    X(rest, "", "put the robot to rest: crouching, then limp") \
+    X(posture, "[NAME] [--apply]", \
+      "print the posture family; with a name go to (or apply) that posture and say whether " \
+      "it was reached and how the family changed") \
+    X(record, "--joints A,B [--poses N] [--interactive]", \
+      "record poses of joints, periodically or one at each store request; print the steps, " \
+      "then the poses received") \
     X(world, "[--for SECONDS] [--period MS]", \
       "list the robot's objects (category, parent, position, Display label), then print " \
       "changes as they come: added, removed, moved, displayed") \

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -46,7 +47,10 @@ std::string typeName(const wz::AnyValue &v)
 } // namespace
 
 // Posts the events of one subscriber module, in order, on a thread of its
-// own: a slow or frozen subscriber delays nobody else.
+// own: a slow or frozen subscriber delays nobody else. The module is looked
+// up in the directory when an event is to be delivered, not when it was
+// subscribed: a client may subscribe a module it registers afterwards. An
+// event for a module that is not (yet) there is dropped.
 class MemoryService::Subscriber
 {
 public:
@@ -57,12 +61,10 @@ public:
         wz::AnyValue value;
         std::string message;
     };
+    using Lookup = std::function<wz::Object(const std::string &module)>;
 
-    Subscriber(std::string module, wz::Object object, std::string endpoint, unsigned serviceId)
-        : module(std::move(module)),
-          endpoint(std::move(endpoint)),
-          serviceId(serviceId),
-          m_object(std::move(object))
+    Subscriber(std::string module, Lookup lookup)
+        : module(std::move(module)), m_lookup(std::move(lookup))
     {
         m_thread = std::thread([this]() { run(); });
     }
@@ -106,13 +108,42 @@ public:
             m_thread.join();
     }
 
-    bool gone() const { return m_gone; }
-
     const std::string module;
-    const std::string endpoint;
-    const unsigned serviceId;
 
 private:
+    // The object of the module as registered now, or null.
+    wz::Object lookup()
+    {
+        try {
+            return m_lookup(module);
+        } catch (const std::exception &) {
+            return wz::Object();
+        }
+    }
+
+    void deliver(const Delivery &d)
+    {
+        // A kept object may belong to a registration that has gone: on a
+        // failure the module is looked up once more.
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (!m_object)
+                m_object = lookup();
+            if (!m_object) {
+                wz::log::LogStream(wz::LogLevel_Debug, kCategory, "deliver")
+                    << "dropping " << d.key << " for " << module << ": module not registered";
+                return;
+            }
+            try {
+                m_object.post(d.method, d.key, d.value, d.message);
+                return;
+            } catch (const std::exception &e) {
+                wz::log::LogStream(wz::LogLevel_Debug, kCategory, "deliver")
+                    << "cannot post " << d.key << " to " << module << ": " << e.what();
+                m_object.reset();
+            }
+        }
+    }
+
     void run()
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -123,25 +154,18 @@ private:
             Delivery d = std::move(m_queue.front());
             m_queue.pop_front();
             lock.unlock();
-            try {
-                m_object.post(d.method, d.key, d.value, d.message);
-            } catch (const std::exception &e) {
-                wz::log::LogStream(wz::LogLevel_Warning, kCategory, "deliver")
-                    << "dropping subscriber " << module << ": " << e.what();
-                m_gone = true;
-                return;
-            }
+            deliver(d);
             lock.lock();
         }
     }
 
+    Lookup m_lookup;
     wz::Object m_object;
     std::mutex m_mutex;
     std::condition_variable m_cond;
     std::deque<Delivery> m_queue;
     bool m_stopping = false;
     bool m_overflowing = false;
-    std::atomic<bool> m_gone {false};
     std::thread m_thread;
 };
 
@@ -252,14 +276,9 @@ void MemoryService::stop()
 
 void MemoryService::insertData(const std::string &key, const wz::AnyValue &value)
 {
-    std::vector<std::shared_ptr<Subscriber>> retired;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_keys[key].value = value;
-        deliver(key, value);
-        reapLocked(retired);
-    }
-    retire(retired);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_keys[key].value = value;
+    deliver(key, value);
 }
 
 wz::AnyValue MemoryService::getData(const std::string &key) const
@@ -337,16 +356,11 @@ void MemoryService::raiseMicroEvent(const std::string &name, const wz::AnyValue 
 
 void MemoryService::raise(const std::string &name, const wz::AnyValue &value, Kind kind)
 {
-    std::vector<std::shared_ptr<Subscriber>> retired;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        Entry &e = m_keys[name];
-        e.value = value;
-        e.kind = kind;
-        deliver(name, value);
-        reapLocked(retired);
-    }
-    retire(retired);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Entry &e = m_keys[name];
+    e.value = value;
+    e.kind = kind;
+    deliver(name, value);
 }
 
 void MemoryService::removeMicroEvent(const std::string &name)
@@ -386,50 +400,22 @@ void MemoryService::subscribe(const std::string &name, const std::string &module
 {
     if (name.empty() || module.empty() || method.empty())
         throw std::runtime_error("subscribing needs an event name, a module and a method");
-    // The module is looked up now, as the subscriber's own registered service,
-    // and the object is kept for the deliveries.
-    wz::Object object;
-    std::string endpoint;
-    unsigned serviceId = 0;
-    try {
-        object = robot().session().service(module).value(kLookupTimeoutMs);
-        const std::vector<wz::ServiceInfo> services
-            = robot().session().services().value(kLookupTimeoutMs);
-        for (const wz::ServiceInfo &info : services) {
-            if (info.name == module) {
-                endpoint = info.endpoint;
-                serviceId = info.serviceId;
-            }
-        }
-    } catch (const std::exception &e) {
-        throw std::runtime_error("cannot subscribe module \"" + module + "\" to \"" + name
-                                 + "\": " + e.what());
+    // The subscription belongs to the client that makes it, and goes with it.
+    const std::string client = wz::Session::currentCaller();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_stopped)
+        throw std::runtime_error("robot stopped");
+    if (m_subscribers.find(module) == m_subscribers.end()) {
+        wz::Session *session = &robot().session();
+        m_subscribers.emplace(module,
+                              std::make_shared<Subscriber>(module, [session](const std::string &m) {
+                                  return session->service(m).value(kLookupTimeoutMs);
+                              }));
     }
-    if (!object)
-        throw std::runtime_error("cannot subscribe module \"" + module + "\" to \"" + name
-                                 + "\": no object");
-
-    std::vector<std::shared_ptr<Subscriber>> retired;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_stopped)
-            throw std::runtime_error("robot stopped");
-        reapLocked(retired);
-        auto sub = m_subscribers.find(module);
-        if (sub != m_subscribers.end() && sub->second->serviceId != serviceId) {
-            // The name now belongs to another registration: the old one is gone.
-            dropModuleLocked(module, "its module was registered again", retired);
-            sub = m_subscribers.end();
-        }
-        if (sub == m_subscribers.end())
-            m_subscribers.emplace(
-                module, std::make_shared<Subscriber>(module, object, endpoint, serviceId));
-        m_subscriptions[name][module] = Subscription {message, method};
-        Entry &e = m_keys[name];
-        if (e.kind == Kind::Data)
-            e.kind = micro ? Kind::MicroEvent : Kind::Event;
-    }
-    retire(retired);
+    m_subscriptions[name][module] = Subscription {message, method, client};
+    Entry &e = m_keys[name];
+    if (e.kind == Kind::Data)
+        e.kind = micro ? Kind::MicroEvent : Kind::Event;
 }
 
 void MemoryService::unsubscribe(const std::string &name, const std::string &module)
@@ -505,41 +491,25 @@ void MemoryService::deliver(const std::string &key, const wz::AnyValue &value)
         if (m_blocked.count(s.first))
             continue;
         auto sub = m_subscribers.find(s.first);
-        if (sub == m_subscribers.end() || sub->second->gone())
+        if (sub == m_subscribers.end())
             continue;
         sub->second->push(Subscriber::Delivery {s.second.method, key, value, s.second.message});
     }
 }
 
-void MemoryService::dropModuleLocked(const std::string &module, const std::string &why,
-                                     std::vector<std::shared_ptr<Subscriber>> &retired)
+void MemoryService::retireUnusedLocked(std::vector<std::shared_ptr<Subscriber>> &retired)
 {
-    auto sub = m_subscribers.find(module);
-    if (sub != m_subscribers.end()) {
-        retired.push_back(sub->second);
-        m_subscribers.erase(sub);
+    for (auto sub = m_subscribers.begin(); sub != m_subscribers.end();) {
+        bool used = false;
+        for (const auto &event : m_subscriptions)
+            used = used || event.second.count(sub->first) > 0;
+        if (used) {
+            ++sub;
+        } else {
+            retired.push_back(sub->second);
+            sub = m_subscribers.erase(sub);
+        }
     }
-    size_t dropped = 0;
-    for (auto it = m_subscriptions.begin(); it != m_subscriptions.end();) {
-        dropped += it->second.erase(module);
-        if (it->second.empty())
-            it = m_subscriptions.erase(it);
-        else
-            ++it;
-    }
-    wz::log::LogStream(wz::LogLevel_Info, kCategory, __FUNCTION__)
-        << "dropping subscriber " << module << " (" << dropped << " subscription(s)): " << why;
-}
-
-void MemoryService::reapLocked(std::vector<std::shared_ptr<Subscriber>> &retired)
-{
-    std::vector<std::string> gone;
-    for (const auto &s : m_subscribers) {
-        if (s.second->gone())
-            gone.push_back(s.first);
-    }
-    for (const std::string &module : gone)
-        dropModuleLocked(module, "its module cannot be reached", retired);
 }
 
 void MemoryService::onClientGone(const std::string &peer)
@@ -547,13 +517,26 @@ void MemoryService::onClientGone(const std::string &peer)
     std::vector<std::shared_ptr<Subscriber>> retired;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> modules;
-        for (const auto &s : m_subscribers) {
-            if (s.second->endpoint == peer)
-                modules.push_back(s.first);
+        std::map<std::string, size_t> dropped;
+        for (auto event = m_subscriptions.begin(); event != m_subscriptions.end();) {
+            for (auto s = event->second.begin(); s != event->second.end();) {
+                if (s->second.client == peer) {
+                    ++dropped[s->first];
+                    s = event->second.erase(s);
+                } else {
+                    ++s;
+                }
+            }
+            if (event->second.empty())
+                event = m_subscriptions.erase(event);
+            else
+                ++event;
         }
-        for (const std::string &module : modules)
-            dropModuleLocked(module, "its client " + peer + " has gone", retired);
+        for (const auto &d : dropped)
+            wz::log::LogStream(wz::LogLevel_Info, kCategory, __FUNCTION__)
+                << "dropping subscriber " << d.first << " (" << d.second
+                << " subscription(s)): its client " << peer << " has gone";
+        retireUnusedLocked(retired);
     }
     retire(retired);
 }

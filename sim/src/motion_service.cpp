@@ -2,6 +2,7 @@
 #include <sim/robot.h>
 
 #include <wz/log.h>
+#include <wz/session.h>
 
 #include <algorithm>
 #include <cmath>
@@ -74,6 +75,14 @@ float finiteNumber(const wz::AnyValue &v, const char *what)
     if (!std::isfinite(d) || std::fabs(d) > 1e6)
         throw std::runtime_error(std::string(what) + " must be a finite number, not " + v.repr());
     return static_cast<float>(d);
+}
+
+// A posted command returns once its motion is set up, so that the posts
+// after it (which the framework runs one after the other) are not held
+// behind it; a call waits for the end of the motion.
+bool calledByPost()
+{
+    return wz::Session::currentCallPosted();
 }
 
 } // namespace
@@ -406,6 +415,8 @@ void MotionService::moveAndWait(const std::vector<size_t> &joints,
 
 void MotionService::waitUntil(Clock::time_point end)
 {
+    if (calledByPost())
+        return;
     // The robot waits for calls in progress before it stops its services, so
     // a motion also ends early once the robot is no longer running.
     std::unique_lock<std::mutex> lock(m_mutex);

@@ -9,13 +9,16 @@
 #include <sim/launcher_service.h>
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
+#include <sim/motion_recorder_service.h>
 #include <sim/motion_service.h>
 #include <sim/people_perception_service.h>
 #include <sim/preferences_service.h>
 #include <sim/resource_manager_service.h>
 #include <sim/robot_model_service.h>
+#include <sim/robot_posture_service.h>
 #include <sim/service.h>
 #include <sim/text_to_speech_service.h>
+#include <sim/video_device_service.h>
 #include <sim/world_representation_service.h>
 
 namespace sim {
@@ -48,10 +51,10 @@ std::vector<ServiceEntry> defaultServices()
         entry<PreferencesService>("VXPreferences"),
         entry<LogManagerService>("LogManager"),
         entry<ResourceManagerService>("VXResourceManager"),
-        placeholder("VXMotionRecorder"),
-        placeholder("VXVideoDevice"),
+        entry<MotionRecorderService>("VXMotionRecorder"),
+        entry<VideoDeviceService>("VXVideoDevice"),
         placeholder("VXVisionRecognition"),
-        placeholder("VXRobotPosture"),
+        entry<RobotPostureService>("VXRobotPosture"),
         entry<MemoryWatcherService>("VXMemoryWatcher"),
         entry<AudioDeviceService>("VXAudioDevice"),
         entry<TextToSpeechService>("VXTextToSpeech"),

@@ -3,6 +3,7 @@
 
 #include "wz_test_support.h"
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <future>
@@ -108,11 +109,13 @@ TEST_F(WzSession, PostsArriveInOrderWithTheCallerId)
     std::mutex m;
     std::vector<int> got;
     std::string caller;
+    std::vector<bool> posted;
     wz::DynamicObjectBuilder b("Sink");
     b.advertiseMethod("push", [&](int v) {
         std::lock_guard<std::mutex> lock(m);
         got.push_back(v);
         caller = wz::Session::currentCaller();
+        posted.push_back(wz::Session::currentCallPosted());
     });
     directory->registerService("Sink", b.object()).value();
     wz::Object sink = client->service("Sink").value();
@@ -126,6 +129,14 @@ TEST_F(WzSession, PostsArriveInOrderWithTheCallerId)
         ASSERT_EQ(got[i], i);
     EXPECT_EQ(caller, directory->clients().at(0));
     EXPECT_EQ(wz::Session::currentCaller(), "");
+
+    // A method is told how it was reached: every post above was, a call is not.
+    sink.call<void>("push", -1);
+    std::lock_guard<std::mutex> lock(m);
+    ASSERT_EQ(posted.size(), 2001u);
+    EXPECT_EQ(std::count(posted.begin(), posted.end(), true), 2000);
+    EXPECT_FALSE(posted.back());
+    EXPECT_FALSE(wz::Session::currentCallPosted());
 }
 
 TEST_F(WzSession, SignalsAndPropertiesAcrossTheLink)

@@ -15,6 +15,7 @@ namespace asio = boost::asio;
 namespace {
 
 thread_local std::string t_caller;
+thread_local bool t_posted = false;
 
 } // namespace
 
@@ -47,14 +48,22 @@ IoRuntime::IoRuntime()
     }
 }
 
-CallerScope::CallerScope(const std::string &peer) : m_previous(std::move(t_caller))
+CallerScope::CallerScope(const std::string &peer, bool posted)
+    : m_previous(std::move(t_caller)), m_previousPosted(t_posted)
 {
     t_caller = peer;
+    t_posted = posted;
 }
 
 CallerScope::~CallerScope()
 {
     t_caller = std::move(m_previous);
+    t_posted = m_previousPosted;
+}
+
+bool currentCallPosted()
+{
+    return t_posted;
 }
 
 std::string currentCallerId()

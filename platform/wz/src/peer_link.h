@@ -51,15 +51,17 @@ private:
 class PeerLink;
 class SessionImpl;
 
-// Sets the caller id seen by Session::currentCaller() for one task.
+// Sets the caller id seen by Session::currentCaller(), and whether the call
+// was posted (Session::currentCallPosted()), for one task.
 class CallerScope
 {
 public:
-    explicit CallerScope(const std::string &peer);
+    explicit CallerScope(const std::string &peer, bool posted = false);
     ~CallerScope();
 
 private:
     std::string m_previous;
+    bool m_previousPosted;
 };
 
 // Called with the outcome of a request: ok and the value, or the error text.

@@ -212,7 +212,7 @@ void PeerLink::dispatch(Message &msg)
         }
         const std::string peer = m_peerId;
         q->post([obj, peer, name = std::move(msg.name), args = std::move(msg.args)]() mutable {
-            CallerScope scope(peer);
+            CallerScope scope(peer, true);
             if (obj->isRemote()) {
                 obj->metaPost(name, std::move(args));
                 return;

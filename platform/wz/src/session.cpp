@@ -11,6 +11,7 @@ namespace wz {
 namespace detail {
 
 std::string currentCallerId();
+bool currentCallPosted();
 
 namespace asio = boost::asio;
 using asio::ip::tcp;
@@ -707,6 +708,11 @@ void Session::sendRaw(const std::string &peer, const std::string &bytes)
 std::string Session::currentCaller()
 {
     return detail::currentCallerId();
+}
+
+bool Session::currentCallPosted()
+{
+    return detail::currentCallPosted();
 }
 
 void Session::setHeartbeat(std::chrono::milliseconds interval, std::chrono::milliseconds timeout)

@@ -18,6 +18,8 @@ namespace sim {
 // "VXMemory": typed keys, events and micro events, and their delivery to
 // subscribed modules as method(key, value, message), posted over the
 // subscriber's own connection by one delivery thread per subscriber module.
+// The module is looked up when an event is delivered; subscriptions go with
+// the client that made them.
 class SIM_API MemoryService : public Service
 {
 public:
@@ -78,14 +80,15 @@ private:
     {
         std::string message;
         std::string method;
+        // Peer id of the client that subscribed.
+        std::string client;
     };
     class Subscriber;
 
     void deliver(const std::string &key, const wz::AnyValue &value);
     void raise(const std::string &name, const wz::AnyValue &value, Kind kind);
-    void dropModuleLocked(const std::string &module, const std::string &why,
-                          std::vector<std::shared_ptr<Subscriber>> &retired);
-    void reapLocked(std::vector<std::shared_ptr<Subscriber>> &retired);
+    // Ends the delivery threads of modules that no subscription names.
+    void retireUnusedLocked(std::vector<std::shared_ptr<Subscriber>> &retired);
     void onClientGone(const std::string &peer);
     static void retire(std::vector<std::shared_ptr<Subscriber>> &retired);
 

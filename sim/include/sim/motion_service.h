@@ -52,7 +52,8 @@ public:
     // [x, y, z, wx, wy, wz] of "Torso" in space 0 (torso), 1 (world) or 2 (robot).
     std::vector<float> getPosition(const std::string &name, int space, bool useSensors) const;
 
-    // Commands. Each returns when its motion has ended (or when the robot stops).
+    // Commands. Each returns when its motion has ended (or when the robot stops);
+    // posted, as soon as the motion is set up.
     void changeAngles(const wz::AnyValue &names, const wz::AnyValue &changes, float fraction);
     void setAngles(const wz::AnyValue &names, const wz::AnyValue &angles, float fraction);
     void angleInterpolationWithSpeed(const wz::AnyValue &names, const wz::AnyValue &targets,

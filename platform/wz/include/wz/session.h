@@ -80,6 +80,9 @@ public:
 
     // Peer id of the incoming call running on this thread, "" otherwise.
     static std::string currentCaller();
+    // Whether that call was posted: its caller waits for no answer, so a
+    // long method may set its work going and return.
+    static bool currentCallPosted();
 
     // Heartbeat period and silence after which a peer counts as gone
     // (defaults 2 s and 8 s). Applies to connections made afterwards too.

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <connection/robot_state_receiver.h>
+
+#include <QObject>
+#include <QString>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+namespace RK {
+
+class Connection;
+
+// Makes the calls of RobotStateReceiver to "VXMotion" on its ExecuterThread;
+// setStiffness runs on the thread pool.
+class RobotStateExecuter : public QObject
+{
+    Q_OBJECT
+
+public:
+    static const float a_stiffnessTime;
+    static const float a_stiffnessMax;
+    static const float a_stiffnessMin;
+
+    explicit RobotStateExecuter(boost::shared_ptr<Connection> connection);
+    ~RobotStateExecuter() override;
+
+    void setStiffness(QString name, bool on);
+
+public slots:
+    void changeAnglesWithSpeed(RobotPose motorChanges, float motorSpeed);
+    void gotoAnglesWithSpeed(RobotPose motorValues, float motorSpeed, bool post = true);
+    void gotoAnglesWithSpeedBlocking(RobotPose motorValues, float motorSpeed);
+    void rest();
+    void wakeUp();
+
+signals:
+    void error(QString title, QString contents, QString details);
+
+private:
+    boost::weak_ptr<Connection> m_connection;
+};
+
+} // namespace RK

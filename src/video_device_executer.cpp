@@ -1,0 +1,360 @@
+#include "video_device_executer_p.h"
+
+#include <connection/connection.h>
+
+#include <QUuid>
+
+#include <boost/make_shared.hpp>
+
+#include <vx/vxerror.h>
+#include <vx/vxproxy.h>
+#include <wz/log.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <new>
+
+namespace RK {
+
+namespace {
+
+const char *const k_category = "con.videoE";
+
+wz::log::LogStream logError(const char *function)
+{
+    return wz::log::LogStream(wz::LogLevel_Error, k_category, function);
+}
+
+std::string utf8(const QString &text)
+{
+    return text.toUtf8().toStdString();
+}
+
+} // namespace
+
+int xKlip(int value)
+{
+    if (value > 255)
+        return -1;
+    if (value < 0)
+        return 0;
+    return value;
+}
+
+namespace {
+// xKlip as stored in a byte (-1 is 255), without a branch, so that the loop
+// below vectorises.
+inline unsigned char clipToByte(int value)
+{
+    value = value < 0 ? 0 : value;
+    return static_cast<unsigned char>(value > 255 ? 255 : value);
+}
+} // namespace
+
+// The hot loop of every image: compiled for vectorisation whatever the build type.
+__attribute__((optimize("O3"))) void convertYuv422ToBgra(const unsigned char *__restrict in,
+                                                         unsigned char *__restrict out,
+                                                         std::size_t pixelPairs)
+{
+    for (std::size_t i = 0; i < pixelPairs; ++i) {
+        const unsigned char *p = in + 4 * i;
+        unsigned char *o = out + 8 * i;
+        const int d = p[1] - 128;
+        const int e = p[3] - 128;
+        const int c0 = 298 * (p[0] - 16);
+        const int c1 = 298 * (p[2] - 16);
+        const int blue = 517 * d;
+        const int green = -208 * d - 100 * e;
+        const int red = 409 * e;
+        o[0] = clipToByte((c0 + blue) >> 8);
+        o[1] = clipToByte((c0 + green) >> 8);
+        o[2] = clipToByte((c0 + red) >> 8);
+        o[3] = 255;
+        o[4] = clipToByte((c1 + blue) >> 8);
+        o[5] = clipToByte((c1 + green) >> 8);
+        o[6] = clipToByte((c1 + red) >> 8);
+        o[7] = 255;
+    }
+}
+
+boost::shared_ptr<ProtectedBuffer> makeProtectedBuffer(std::size_t size)
+{
+    auto *buffer = new ProtectedBuffer;
+    buffer->data = new (std::nothrow) unsigned char[size > 0 ? size : 1];
+    buffer->size = buffer->data ? size : 0;
+    return boost::shared_ptr<ProtectedBuffer>(buffer, [](ProtectedBuffer *b) {
+        delete[] b->data;
+        delete b;
+    });
+}
+
+VideoDeviceExecuter::VideoDeviceExecuter(boost::shared_ptr<Connection> connection)
+    : QObject(nullptr), m_connection(connection), m_timer(new QTimer(this))
+{
+    m_timer->setInterval(a_defaultPeriod);
+    connect(m_timer, &QTimer::timeout, this, &VideoDeviceExecuter::requestNewImage);
+}
+
+VideoDeviceExecuter::~VideoDeviceExecuter()
+{
+    m_destroying = true;
+    stopAcquisition();
+}
+
+void VideoDeviceExecuter::onThreadFinished()
+{
+    m_timer->stop();
+}
+
+void VideoDeviceExecuter::fail(VideoAcquisitionError code)
+{
+    if (!m_destroying)
+        emit acquisitionError(code);
+}
+
+void VideoDeviceExecuter::stopped(bool isok)
+{
+    if (!m_destroying)
+        emit acquisitionStopped(isok);
+}
+
+void VideoDeviceExecuter::startAcquisition(int period, int quality,
+                                           boost::shared_ptr<ProtectedBuffer> bufferOne,
+                                           boost::shared_ptr<ProtectedBuffer> bufferTwo)
+{
+    if (m_subscribed) {
+        logError(__FUNCTION__) << "Video Monitor: Already subscribed.";
+        setResolution(quality);
+        m_timer->setInterval(period);
+        return;
+    }
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->videoDevice() : nullptr;
+    if (!proxy) {
+        logError(__FUNCTION__) << "Video Monitor: Could not find VXVideoDevice Morvane module.";
+        fail(VideoErrorCouldNotSubscribe);
+        return;
+    }
+    try {
+        // A fresh name for each run: the first eight hexadecimal digits of a UUID.
+        const QString name = QUuid::createUuid().toString().mid(1, 8);
+        const QString name0 = name + QStringLiteral("_0");
+        QString id = QString::fromStdString(
+            proxy->call<std::string>("subscribeCamera", utf8(name), -1, quality, 9, 20));
+        if (id.isEmpty()) {
+            logError(__FUNCTION__) << "Video Monitor: Could not subscribe to video device.";
+            fail(VideoErrorCouldNotSubscribe);
+            return;
+        }
+        if (id != name && id != name0) {
+            proxy->call<void>("unsubscribe", utf8(name0));
+            proxy->call<void>("unsubscribe", utf8(id));
+            id = QString::fromStdString(
+                proxy->call<std::string>("subscribeCamera", utf8(name), -1, quality, 9, 20));
+        }
+        m_subscriberId = id;
+    } catch (const VX::VXError &) {
+        if (!subscribeOlderRoute(quality))
+            return;
+    }
+    m_bufferOne = bufferOne;
+    m_bufferTwo = bufferTwo;
+    m_subscribed = true;
+    m_timer->setInterval(period);
+    if (!m_timer->isActive())
+        m_timer->start();
+}
+
+bool VideoDeviceExecuter::subscribeOlderRoute(int quality)
+{
+    const QString fixedName = QStringLiteral("VideoMonitorSartel");
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->videoDevice() : nullptr;
+    if (!proxy) {
+        logError(__FUNCTION__) << "Video Monitor: Could not find VXVideoDevice Morvane module.";
+        fail(VideoErrorCouldNotSubscribe);
+        return false;
+    }
+    QString id;
+    try {
+        id = QString::fromStdString(
+            proxy->call<std::string>("subscribe", utf8(fixedName), quality, 9, 20));
+    } catch (const std::exception &e) {
+        logError(__FUNCTION__) << "Video Monitor: Could not subscribe to video device." << e.what();
+        fail(VideoErrorCouldNotSubscribe);
+        return false;
+    }
+    if (id.isEmpty() || id == QStringLiteral("0")) {
+        logError(__FUNCTION__) << "Video Monitor: Could not subscribe to video device.";
+        fail(VideoErrorCouldNotSubscribe);
+        return false;
+    }
+    if (id == fixedName || id == fixedName + QStringLiteral("_0")) {
+        m_subscriberId = id;
+        return true;
+    }
+    logError(__FUNCTION__) << "Video Monitor: Another Sartel instance is already subscribed";
+    fail(VideoErrorAlreadySubscribed);
+    try {
+        proxy->call<void>("unsubscribe", utf8(id));
+    } catch (const std::exception &e) {
+        logError(__FUNCTION__) << "VideoDeviceExecuter : cannot unsubscribe from VXVideoDevice: "
+                               << e.what();
+    }
+    return false;
+}
+
+int VideoDeviceExecuter::heldImages() const
+{
+    int held = 0;
+    for (const boost::weak_ptr<VX::VXValue> &sent : m_sent) {
+        const boost::shared_ptr<VX::VXValue> image = sent.lock();
+        if (!image)
+            continue;
+        // Not counting `image` itself, nor the executer's own latest image.
+        const long others = image.use_count() - 1 - (image == m_latestImage ? 1 : 0);
+        if (others > 0)
+            ++held;
+    }
+    return held;
+}
+
+ProtectedBuffer *VideoDeviceExecuter::tryTake(const boost::shared_ptr<ProtectedBuffer> &buffer)
+{
+    if (buffer && buffer->mutex.tryLock()) {
+        m_currentBuffer = buffer;
+        return buffer.get();
+    }
+    return nullptr;
+}
+
+void VideoDeviceExecuter::requestNewImage()
+{
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->videoDevice() : nullptr;
+    if (!proxy) {
+        logError(__FUNCTION__) << "Could not find VXVideoDevice Morvane module.";
+        fail(VideoErrorImageRetrieval);
+        stopAcquisition();
+        return;
+    }
+    // Images still queued to or held by the application: a slow reader loses
+    // images rather than piling them up.
+    m_sent.erase(std::remove_if(m_sent.begin(), m_sent.end(),
+                                [](const boost::weak_ptr<VX::VXValue> &w) { return w.expired(); }),
+                 m_sent.end());
+    if (heldImages() >= a_maxHeldImages) {
+        logError(__FUNCTION__) << "Skipped image. The buffers are occupied.";
+        ++m_skipped;
+        return;
+    }
+    try {
+        m_latestImage = boost::make_shared<VX::VXValue>(
+            proxy->call<VX::VXValue>("getImageRemote", utf8(m_subscriberId)));
+        const VX::VXValue &image = *m_latestImage;
+        bool usable = image.isArray() && image.getSize() >= 7;
+        int width = 0;
+        int height = 0;
+        if (usable) {
+            width = image[0].toInt();
+            height = image[1].toInt();
+            usable = width >= 0 && height >= 0 && image[6].isBinary()
+                && static_cast<int64_t>(image[6].getSize()) >= int64_t(2) * width * height;
+        }
+        if (!usable) {
+            logError(__FUNCTION__)
+                << "Cannot retrieve images from VXVideoDevice (returned image is NULL)";
+            fail(VideoErrorImageRetrieval);
+            stopAcquisition();
+            return;
+        }
+        m_width = width;
+        m_height = height;
+        ProtectedBuffer *buffer = tryTake(m_bufferOne);
+        if (!buffer)
+            buffer = tryTake(m_bufferTwo);
+        if (!buffer) {
+            logError(__FUNCTION__) << "Skipped image. The buffers are occupied.";
+            ++m_skipped;
+            return;
+        }
+        const uint64_t needed = uint64_t(4) * static_cast<uint64_t>(width) * height;
+        if (!buffer->data || buffer->size < needed) {
+            const std::size_t size = buffer->size;
+            buffer->mutex.unlock();
+            logError(__FUNCTION__) << "Cannot retrieve images from VXVideoDevice: a buffer of "
+                                   << size << " bytes cannot hold " << width << "x" << height;
+            fail(VideoErrorImageRetrieval);
+            stopAcquisition();
+            return;
+        }
+        convertYuv422ToBgra(static_cast<const unsigned char *>(image[6].GetBinary()), buffer->data,
+                            static_cast<std::size_t>(width) * height / 2);
+        buffer->mutex.unlock();
+        m_sent.push_back(m_latestImage);
+        emit imageReceived(m_currentBuffer, width, height, m_latestImage);
+    } catch (const std::exception &e) {
+        logError(__FUNCTION__) << "Cannot retrieve images from VXVideoDevice: " << e.what();
+        fail(VideoErrorImageRetrieval);
+        stopAcquisition();
+    }
+}
+
+void VideoDeviceExecuter::stopAcquisition()
+{
+    m_timer->stop();
+    if (!m_subscribed) {
+        if (!m_destroying)
+            logError(__FUNCTION__) << "The calling subscriber is already unsubscribed.";
+        stopped(false);
+        return;
+    }
+    m_subscribed = false;
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->videoDevice() : nullptr;
+    if (!proxy) {
+        stopped(false);
+        return;
+    }
+    try {
+        proxy->call<void>("unsubscribe", utf8(m_subscriberId));
+        stopped(true);
+    } catch (const std::exception &e) {
+        logError(__FUNCTION__) << "Cannot unsubscribe from VXVideoDevice: " << e.what();
+        stopped(false);
+    }
+}
+
+void VideoDeviceExecuter::pauseAcquisition()
+{
+    m_timer->stop();
+}
+
+void VideoDeviceExecuter::resumeAcquisition()
+{
+    if (!m_timer->isActive())
+        m_timer->start();
+}
+
+void VideoDeviceExecuter::setPeriod(int period)
+{
+    m_timer->setInterval(period);
+}
+
+void VideoDeviceExecuter::setResolution(int resolution)
+{
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection)
+        return;
+    const boost::shared_ptr<VX::VXProxy> proxy = connection->videoDevice();
+    if (!proxy || !connection->videoDeviceInterface())
+        return;
+    try {
+        proxy->call<void>("setResolution", utf8(m_subscriberId), resolution);
+        m_resolution = resolution;
+    } catch (const std::exception &e) {
+        logError(__FUNCTION__) << "Fail to call" << e.what();
+    }
+}
+
+} // namespace RK

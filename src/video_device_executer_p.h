@@ -1,0 +1,79 @@
+#pragma once
+
+#include <connection/video_device_interface.h>
+
+#include <QObject>
+#include <QString>
+#include <QTimer>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <atomic>
+#include <deque>
+
+namespace RK {
+
+class Connection;
+
+// Subscribes to "VXVideoDevice", polls it on a timer and converts each image
+// into one of the application's two buffers. Lives on its ExecuterThread.
+class VideoDeviceExecuter : public QObject
+{
+    Q_OBJECT
+
+public:
+    static const int a_defaultPeriod = 20;
+    // Images the application may hold (queued or in use) before polls are
+    // skipped.
+    static const int a_maxHeldImages = 3;
+
+    explicit VideoDeviceExecuter(boost::shared_ptr<Connection> connection);
+    // Unsubscribes from the robot, and tells nobody: the interface is going.
+    ~VideoDeviceExecuter() override;
+
+    int skippedImages() const { return m_skipped.load(); }
+
+public slots:
+    void startAcquisition(int period, int quality, boost::shared_ptr<RK::ProtectedBuffer> bufferOne,
+                          boost::shared_ptr<RK::ProtectedBuffer> bufferTwo);
+    void stopAcquisition();
+    void pauseAcquisition();
+    void resumeAcquisition();
+    void setResolution(int resolution);
+    void setPeriod(int period);
+    void requestNewImage();
+    // Runs on the executer's thread as it ends: its timer must stop there.
+    void onThreadFinished();
+
+signals:
+    void acquisitionError(RK::VideoAcquisitionError errorCode);
+    void imageReceived(boost::shared_ptr<RK::ProtectedBuffer> newImageBuffer, int width, int height,
+                       boost::shared_ptr<VX::VXValue> rawImage);
+    void acquisitionStopped(bool isok);
+
+private:
+    void fail(VideoAcquisitionError code);
+    void stopped(bool isok);
+    bool subscribeOlderRoute(int quality);
+    int heldImages() const;
+    ProtectedBuffer *tryTake(const boost::shared_ptr<ProtectedBuffer> &buffer);
+
+    boost::weak_ptr<Connection> m_connection;
+    QString m_subscriberId;
+    int m_resolution = -1;
+    int m_width = 0;
+    int m_height = 0;
+    bool m_subscribed = false;
+    QTimer *m_timer;
+    boost::shared_ptr<ProtectedBuffer> m_currentBuffer;
+    boost::shared_ptr<ProtectedBuffer> m_bufferOne;
+    boost::shared_ptr<ProtectedBuffer> m_bufferTwo;
+    boost::shared_ptr<VX::VXValue> m_latestImage;
+    // Images signalled lately, to see how many the application still holds.
+    std::deque<boost::weak_ptr<VX::VXValue>> m_sent;
+    std::atomic<int> m_skipped {0};
+    bool m_destroying = false;
+};
+
+} // namespace RK

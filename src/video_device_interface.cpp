@@ -1,0 +1,79 @@
+#include "video_device_executer_p.h"
+
+#include "executer_thread_p.h"
+#include "morvane_interface_p.h"
+#include <connection/video_device_interface.h>
+
+#include <QMetaType>
+
+namespace RK {
+
+VideoDeviceInterface::VideoDeviceInterface(boost::shared_ptr<Connection> connection)
+    : QObject(nullptr), MorvaneInterface(connection, QStringLiteral("VideoDeviceInterface"))
+{
+    qRegisterMetaType<RK::VideoAcquisitionError>("RK::VideoAcquisitionError");
+    qRegisterMetaType<boost::shared_ptr<RK::ProtectedBuffer>>(
+        "boost::shared_ptr<RK::ProtectedBuffer>");
+    qRegisterMetaType<boost::shared_ptr<VX::VXValue>>("boost::shared_ptr<VX::VXValue>");
+
+    using E = VideoDeviceExecuter;
+    using I = VideoDeviceInterface;
+    request(this, &I::startVideoRequested, &E::startAcquisition);
+    request(this, &I::stopVideoRequested, &E::stopAcquisition);
+    request(this, &I::pauseVideoRequested, &E::pauseAcquisition);
+    request(this, &I::resumeVideoRequested, &E::resumeAcquisition);
+    request(this, &I::setResolutionRequested, &E::setResolution);
+    request(this, &I::setPeriodRequested, &E::setPeriod);
+    forward(&E::acquisitionError, this, &I::acquisitionError);
+    forward(&E::imageReceived, this, &I::imageReceived);
+    forward(&E::acquisitionStopped, this, &I::acquisitionStopped);
+    // finished() comes from the thread itself, as it ends: the timer stops
+    // on the thread it runs on.
+    QObject::connect(executerThread(), &QThread::finished, executer(), &E::onThreadFinished,
+                     Qt::DirectConnection);
+}
+
+VideoDeviceInterface::~VideoDeviceInterface()
+{
+    // Nothing of the executer's last words may reach this half-destroyed object.
+    QObject::disconnect(executer(), nullptr, this, nullptr);
+}
+
+void VideoDeviceInterface::startVideo(int period, int quality,
+                                      boost::shared_ptr<ProtectedBuffer> bufferOne,
+                                      boost::shared_ptr<ProtectedBuffer> bufferTwo)
+{
+    emit startVideoRequested(period, quality, bufferOne, bufferTwo);
+}
+
+void VideoDeviceInterface::stopVideo()
+{
+    emit stopVideoRequested();
+}
+
+void VideoDeviceInterface::pauseVideo()
+{
+    emit pauseVideoRequested();
+}
+
+void VideoDeviceInterface::resumeVideo()
+{
+    emit resumeVideoRequested();
+}
+
+void VideoDeviceInterface::setResolution(int resolution)
+{
+    emit setResolutionRequested(resolution);
+}
+
+void VideoDeviceInterface::setPeriod(int period)
+{
+    emit setPeriodRequested(period);
+}
+
+int VideoDeviceInterface::skippedImages() const
+{
+    return executer()->skippedImages();
+}
+
+} // namespace RK

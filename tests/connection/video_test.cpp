@@ -1,0 +1,306 @@
+#include "robot_fixture.h"
+
+#include <connection/connection.h>
+#include <connection/video_device_interface.h>
+
+#include <QImage>
+#include <QTemporaryDir>
+
+#pragma push_macro("signals")
+#undef signals
+#include <sim/video_device_service.h>
+#pragma pop_macro("signals")
+
+#include <array>
+#include <memory>
+#include <vector>
+
+namespace {
+
+using Bgra = std::array<int, 4>;
+
+Bgra convertOne(int y, int u, int v)
+{
+    const unsigned char in[4] = {static_cast<unsigned char>(y), static_cast<unsigned char>(u),
+                                 static_cast<unsigned char>(y), static_cast<unsigned char>(v)};
+    unsigned char out[8] = {};
+    RK::convertYuv422ToBgra(in, out, 1);
+    return {out[0], out[1], out[2], out[3]};
+}
+
+TEST(VideoConversion, KnownVectors)
+{
+    // Clipping at both ends.
+    EXPECT_EQ(convertOne(255, 128, 128), (Bgra {255, 255, 255, 255}));
+    EXPECT_EQ(convertOne(0, 128, 128), (Bgra {0, 0, 0, 255}));
+    // No rounding term: 298 * 4 / 256 = 4.66 gives 4.
+    EXPECT_EQ(convertOne(20, 128, 128), (Bgra {4, 4, 4, 255}));
+    // The weights: blue 517 on U, green -208 on U and -100 on V, red 409 on V.
+    EXPECT_EQ(convertOne(100, 90, 200), (Bgra {21, 100, 212, 255}));
+    EXPECT_EQ(convertOne(150, 200, 60), (Bgra {255, 124, 47, 255}));
+    // Arithmetic shift of a negative sum.
+    EXPECT_EQ(convertOne(16, 0, 128), (Bgra {0, 104, 0, 255}));
+
+    EXPECT_EQ(RK::xKlip(256), -1);
+    EXPECT_EQ(RK::xKlip(255), 255);
+    EXPECT_EQ(RK::xKlip(-1), 0);
+
+    // The two pixels of a pair share U and V but not Y.
+    const unsigned char pair[4] = {255, 128, 0, 128};
+    unsigned char out[8] = {};
+    RK::convertYuv422ToBgra(pair, out, 1);
+    EXPECT_EQ(out[0], 255);
+    EXPECT_EQ(out[4], 0);
+}
+
+struct Image
+{
+    RK::ProtectedBuffer *buffer;
+    int width;
+    int height;
+};
+
+class VideoTest : public test::RobotTest
+{
+protected:
+    void SetUp() override
+    {
+        test::RobotTest::SetUp();
+        camera().reset();
+        recorder = std::make_unique<test::Recorder>();
+        ASSERT_TRUE(recorder->connectAndWait(robot()));
+        video = recorder->manager->videoDeviceInterface();
+        ASSERT_TRUE(video);
+        QObject::connect(video.get(), &RK::VideoDeviceInterface::imageReceived, &context,
+                         [this](boost::shared_ptr<RK::ProtectedBuffer> buffer, int w, int h,
+                                boost::shared_ptr<VX::VXValue> raw) {
+                             images.push_back({buffer.get(), w, h});
+                             if (keepRaw)
+                                 raws.push_back(raw);
+                             else
+                                 lastRaw = raw ? *raw : VX::VXValue();
+                         });
+        QObject::connect(video.get(), &RK::VideoDeviceInterface::acquisitionError, &context,
+                         [this](RK::VideoAcquisitionError e) { errors.push_back(e); });
+        QObject::connect(video.get(), &RK::VideoDeviceInterface::acquisitionStopped, &context,
+                         [this](bool ok) { stops.push_back(ok); });
+        one = RK::makeProtectedBuffer(640 * 480 * 4);
+        two = RK::makeProtectedBuffer(640 * 480 * 4);
+    }
+    void TearDown() override
+    {
+        video.reset();
+        recorder.reset();
+        camera().reset();
+        test::RobotTest::TearDown();
+    }
+
+    static sim::VideoDeviceService &camera()
+    {
+        return *robot().serviceAs<sim::VideoDeviceService>("VXVideoDevice");
+    }
+    bool imagesAtLeast(size_t n)
+    {
+        return test::processUntil([&] { return images.size() >= n; });
+    }
+    bool stopped()
+    {
+        return test::processUntil([&] { return !stops.empty(); });
+    }
+    bool failed()
+    {
+        return test::processUntil([&] { return !errors.empty(); });
+    }
+
+    QObject context;
+    std::unique_ptr<test::Recorder> recorder;
+    boost::shared_ptr<RK::VideoDeviceInterface> video;
+    boost::shared_ptr<RK::ProtectedBuffer> one;
+    boost::shared_ptr<RK::ProtectedBuffer> two;
+    std::vector<Image> images;
+    std::vector<RK::VideoAcquisitionError> errors;
+    std::vector<bool> stops;
+    bool keepRaw = false;
+    std::vector<boost::shared_ptr<VX::VXValue>> raws;
+    VX::VXValue lastRaw;
+};
+
+TEST_F(VideoTest, ImageRoundTripsToPng)
+{
+    video->startVideo(20, 0, one, two);
+    ASSERT_TRUE(imagesAtLeast(1));
+    ASSERT_EQ(images[0].width, 160);
+    ASSERT_EQ(images[0].height, 120);
+    video->stopVideo();
+    ASSERT_TRUE(stopped());
+
+    // The robot's bytes are its documented picture of some frame.
+    const std::string yuv(static_cast<const char *>(lastRaw[6].GetBinary()), 160 * 120 * 2);
+    const uint64_t frame = static_cast<unsigned char>(yuv[0]) - 16;
+    ASSERT_EQ(frame % 3, 0u);
+    ASSERT_EQ(yuv, sim::VideoDeviceService::frameBytes(160, 120, frame / 3));
+
+    QTemporaryDir dir;
+    const QString path = dir.filePath(QStringLiteral("frame.png"));
+    {
+        RK::ProtectedBuffer *b = images.back().buffer;
+        QMutexLocker lock(&b->mutex);
+        ASSERT_TRUE(QImage(b->data, 160, 120, QImage::Format_ARGB32).save(path));
+    }
+    const QImage png(path);
+    ASSERT_EQ(png.size(), QSize(160, 120));
+    for (const QPoint p : {QPoint(0, 0), QPoint(37, 5), QPoint(158, 119), QPoint(80, 60)}) {
+        const int pair = (p.y() * 160 + (p.x() & ~1)) * 2;
+        const Bgra expected = convertOne(
+            static_cast<unsigned char>(yuv[pair + ((p.x() & 1) ? 2 : 0)]),
+            static_cast<unsigned char>(yuv[pair + 1]), static_cast<unsigned char>(yuv[pair + 3]));
+        const QRgb got = png.pixel(p);
+        EXPECT_EQ(qBlue(got), expected[0]) << p.x() << "," << p.y();
+        EXPECT_EQ(qGreen(got), expected[1]);
+        EXPECT_EQ(qRed(got), expected[2]);
+        EXPECT_EQ(qAlpha(got), 255);
+    }
+}
+
+TEST_F(VideoTest, AcquisitionBuffersPauseResumeAndRestart)
+{
+    video->startVideo(20, 1, one, two);
+    ASSERT_TRUE(imagesAtLeast(2));
+    EXPECT_EQ(images[0].width, 320);
+    EXPECT_EQ(images[0].buffer, one.get()) << "buffer one is tried first";
+    ASSERT_EQ(camera().subscribers().size(), 1u);
+
+    // The reader holds buffer one: pictures land in buffer two.
+    one->mutex.lock();
+    size_t mark = images.size();
+    ASSERT_TRUE(test::processUntil(
+        [&] { return images.size() > mark + 1 && images.back().buffer == two.get(); }));
+    // Both held: polls are skipped, nothing is signalled.
+    two->mutex.lock();
+    const int skippedBefore = video->skippedImages();
+    ASSERT_TRUE(test::processUntil([&] { return video->skippedImages() > skippedBefore + 2; }));
+    mark = images.size();
+    one->mutex.unlock();
+    two->mutex.unlock();
+    ASSERT_TRUE(imagesAtLeast(mark + 1));
+
+    // Paused, the robot keeps the subscription; resumed, images come again.
+    video->pauseVideo();
+    video->resumeVideo();
+    mark = images.size();
+    ASSERT_TRUE(imagesAtLeast(mark + 2));
+    EXPECT_EQ(camera().subscribers().size(), 1u);
+
+    // A second start while running: new resolution, same buffers.
+    video->startVideo(20, 2, RK::makeProtectedBuffer(4), RK::makeProtectedBuffer(4));
+    ASSERT_TRUE(test::processUntil([&] { return images.back().width == 640; }));
+    EXPECT_TRUE(images.back().buffer == one.get() || images.back().buffer == two.get());
+
+    video->stopVideo();
+    ASSERT_TRUE(stopped());
+    EXPECT_TRUE(stops[0]);
+    EXPECT_TRUE(camera().subscribers().empty());
+    EXPECT_TRUE(errors.empty());
+
+    // Stopping again: nothing to unsubscribe.
+    video->stopVideo();
+    ASSERT_TRUE(test::processUntil([&] { return stops.size() == 2; }));
+    EXPECT_FALSE(stops[1]);
+
+    // A fresh start at the largest resolution with buffers to match.
+    auto big1 = RK::makeProtectedBuffer(1280 * 960 * 4);
+    auto big2 = RK::makeProtectedBuffer(1280 * 960 * 4);
+    mark = images.size();
+    video->startVideo(20, 3, big1, big2);
+    ASSERT_TRUE(imagesAtLeast(mark + 1));
+    EXPECT_EQ(images.back().width, 1280);
+    EXPECT_EQ(images.back().height, 960);
+    EXPECT_EQ(images.back().buffer, big1.get());
+}
+
+TEST_F(VideoTest, ImagesHeldByTheApplicationSkipPolls)
+{
+    keepRaw = true;
+    video->startVideo(20, 0, one, two);
+    ASSERT_TRUE(test::processUntil([&] { return video->skippedImages() > 2; }));
+    EXPECT_EQ(raws.size(), 3u);
+    raws.clear();
+    const size_t mark = images.size();
+    keepRaw = false;
+    ASSERT_TRUE(imagesAtLeast(mark + 2));
+}
+
+TEST_F(VideoTest, SubscriptionFallbacksAndErrors)
+{
+    // The older route, when subscribeCamera fails: the fixed name, or its
+    // "_0" form, stands.
+    robot().scenario().failMethod("VXVideoDevice", "subscribeCamera", "no such method here");
+    camera().holdName("VideoMonitorSartel");
+    video->startVideo(20, 0, one, two);
+    ASSERT_TRUE(imagesAtLeast(1));
+    EXPECT_EQ(camera().subscribers(), std::vector<std::string> {"VideoMonitorSartel_0"});
+    video->stopVideo();
+    ASSERT_TRUE(stopped());
+
+    // Another application holds both forms: -2, and nothing is left behind.
+    camera().holdName("VideoMonitorSartel_0");
+    video->startVideo(20, 0, one, two);
+    ASSERT_TRUE(failed());
+    EXPECT_EQ(errors[0], RK::VideoErrorAlreadySubscribed);
+    EXPECT_TRUE(camera().subscribers().empty());
+
+    // Neither route: -1.
+    robot().scenario().failMethod("VXVideoDevice", "subscribe", "camera unplugged");
+    errors.clear();
+    video->startVideo(20, 0, one, two);
+    ASSERT_TRUE(failed());
+    EXPECT_EQ(errors[0], RK::VideoErrorCouldNotSubscribe);
+}
+
+TEST_F(VideoTest, BadImagesStopTheAcquisition)
+{
+    const std::vector<sim::VideoDeviceService::ImageFault> faults = {
+        sim::VideoDeviceService::ImageFault::Malformed, sim::VideoDeviceService::ImageFault::Short};
+    for (auto fault : faults) {
+        errors.clear();
+        stops.clear();
+        camera().setImageFault(fault);
+        video->startVideo(20, 0, one, two);
+        ASSERT_TRUE(failed());
+        EXPECT_EQ(errors[0], RK::VideoErrorImageRetrieval);
+        ASSERT_TRUE(stopped());
+        EXPECT_TRUE(stops[0]);
+        EXPECT_TRUE(camera().subscribers().empty());
+    }
+    EXPECT_TRUE(images.empty());
+
+    // A buffer too small for the picture is refused, never overrun.
+    camera().setImageFault(sim::VideoDeviceService::ImageFault::None);
+    errors.clear();
+    auto small = RK::makeProtectedBuffer(160 * 120 * 4 - 1);
+    video->startVideo(20, 0, small, small);
+    ASSERT_TRUE(failed());
+    EXPECT_EQ(errors[0], RK::VideoErrorImageRetrieval);
+    EXPECT_TRUE(images.empty());
+
+    // A failing poll, too.
+    errors.clear();
+    robot().scenario().failMethod("VXVideoDevice", "getImageRemote", "sensor fault");
+    video->startVideo(20, 0, one, two);
+    ASSERT_TRUE(failed());
+    EXPECT_EQ(errors[0], RK::VideoErrorImageRetrieval);
+}
+
+TEST_F(VideoTest, DisconnectionDuringAcquisition)
+{
+    video->startVideo(10, 2, one, two);
+    ASSERT_TRUE(imagesAtLeast(2));
+    ASSERT_TRUE(recorder->disconnectAndWait());
+    // The robot forgets the subscriber of a client that left.
+    EXPECT_TRUE(test::processUntil([] { return camera().subscribers().empty(); }));
+    // The application's copy of the interface still answers, to nobody.
+    video->stopVideo();
+    video.reset();
+}
+
+} // namespace
