@@ -28,6 +28,9 @@ struct RobotOptions
     bool holdReadiness = false;
     // Logs each call with its caller at info level (debug otherwise).
     bool verbose = false;
+    // Root of the file server's store; a fresh temporary directory, removed
+    // with the robot, when empty.
+    std::string storeDir;
     // The services to offer; empty means defaultServices().
     std::vector<ServiceEntry> services;
 };
