@@ -72,8 +72,7 @@ Refusal splitTarget(std::string target, std::vector<std::string> &parts)
             decoded += target[i];
             continue;
         }
-        if (i + 2 >= target.size() || hexValue(target[i + 1]) < 0
-            || hexValue(target[i + 2]) < 0)
+        if (i + 2 >= target.size() || hexValue(target[i + 1]) < 0 || hexValue(target[i + 2]) < 0)
             return Refusal::BadRequest;
         decoded += char(hexValue(target[i + 1]) * 16 + hexValue(target[i + 2]));
         i += 2;
@@ -138,19 +137,32 @@ fs::path walk(const fs::path &root, const std::vector<std::string> &parts, size_
 std::string statusText(int status)
 {
     switch (status) {
-    case 100: return "Continue";
-    case 200: return "OK";
-    case 201: return "Created";
-    case 204: return "No Content";
-    case 400: return "Bad Request";
-    case 403: return "Forbidden";
-    case 404: return "Not Found";
-    case 405: return "Method Not Allowed";
-    case 409: return "Conflict";
-    case 413: return "Payload Too Large";
-    case 500: return "Internal Server Error";
-    case 507: return "Insufficient Storage";
-    default: return "Status";
+    case 100:
+        return "Continue";
+    case 200:
+        return "OK";
+    case 201:
+        return "Created";
+    case 204:
+        return "No Content";
+    case 400:
+        return "Bad Request";
+    case 403:
+        return "Forbidden";
+    case 404:
+        return "Not Found";
+    case 405:
+        return "Method Not Allowed";
+    case 409:
+        return "Conflict";
+    case 413:
+        return "Payload Too Large";
+    case 500:
+        return "Internal Server Error";
+    case 507:
+        return "Insufficient Storage";
+    default:
+        return "Status";
     }
 }
 
@@ -193,8 +205,7 @@ FileServer::FileServer(const std::string &store)
         || ::listen(m_listenFd, 64) != 0
         || ::getsockname(m_listenFd, reinterpret_cast<sockaddr *>(&address), &length) != 0) {
         ::close(m_listenFd);
-        throw std::runtime_error(std::string("file server cannot listen: ")
-                                 + std::strerror(errno));
+        throw std::runtime_error(std::string("file server cannot listen: ") + std::strerror(errno));
     }
     m_port = ntohs(address.sin_port);
     m_acceptThread = std::thread([this]() { acceptLoop(); });
@@ -318,7 +329,8 @@ void FileServer::acceptLoop()
             try {
                 serve(c);
             } catch (const std::exception &e) {
-                logLine(wz::LogLevel_Warning, "serve", std::string("connection ended: ") + e.what());
+                logLine(wz::LogLevel_Warning, "serve",
+                        std::string("connection ended: ") + e.what());
             }
             boost::system::error_code ignored;
             c->socket.shutdown(tcp::socket::shutdown_both, ignored);
@@ -338,14 +350,14 @@ public:
     Responder(tcp::socket &socket, const HttpFault *fault,
               std::function<bool(std::chrono::milliseconds)> stopping)
         : m_socket(socket), m_fault(fault), m_stopping(std::move(stopping))
-    {
-    }
+    { }
 
     // False when the connection must end.
     bool send(int status, const std::vector<std::pair<std::string, std::string>> &headers,
               const std::string &body, bool keepAlive)
     {
-        return sendHead(status, headers, body.size(), keepAlive) && sendBody(body.data(), body.size());
+        return sendHead(status, headers, body.size(), keepAlive)
+            && sendBody(body.data(), body.size());
     }
 
     bool sendHead(int status, const std::vector<std::pair<std::string, std::string>> &headers,
@@ -466,22 +478,29 @@ void FileServer::serve(Connection *connection)
         // Reads (and with `file` keeps) the request body; false on a broken connection.
         bool writeFailed = false;
         auto readBody = [&](std::FILE *file) {
+            // A slow disk: the body taken `bytes` at a time, `delay` apart.
+            const bool slow = faulty && fault.kind == HttpFault::Kind::SlowBody && method == "PUT";
+            const size_t piece
+                = slow ? std::min(sizeof chunk, std::max<size_t>(1, fault.bytes)) : sizeof chunk;
             while (!parser.is_done()) {
+                if (slow && waitStopping(fault.delay))
+                    return false;
                 parser.get().body().data = chunk;
-                parser.get().body().size = sizeof chunk;
+                parser.get().body().size = piece;
                 http::read(socket, buffer, parser, ec);
                 if (ec == http::error::need_buffer)
                     ec = {};
                 if (ec)
                     return false;
-                const size_t got = sizeof chunk - parser.get().body().size;
+                const size_t got = piece - parser.get().body().size;
                 if (file && got && std::fwrite(chunk, 1, got, file) != got)
                     file = nullptr, writeFailed = true;
             }
             return !ec;
         };
         auto refuse = [&](int status, const std::string &why) {
-            logLine(wz::LogLevel_Info, "serve", method + " " + target + ": " + std::to_string(status) + " " + why);
+            logLine(wz::LogLevel_Info, "serve",
+                    method + " " + target + ": " + std::to_string(status) + " " + why);
             if (expect && method == "PUT") // the body never comes: the connection ends
                 return out.send(status, {}, why + "\n", false) && false;
             if (!readBody(nullptr))
@@ -500,7 +519,8 @@ void FileServer::serve(Connection *connection)
             return;
         }
         if (faulty && fault.kind == HttpFault::Kind::Status && !(method == "PUT")) {
-            if (!readBody(nullptr) || !out.send(fault.status, {}, fault.body, keepAlive) || !keepAlive)
+            if (!readBody(nullptr) || !out.send(fault.status, {}, fault.body, keepAlive)
+                || !keepAlive)
                 return;
             continue;
         }
@@ -514,7 +534,15 @@ void FileServer::serve(Connection *connection)
         }
 
         bool keep = keepAlive;
-        if (method == "GET" || method == "HEAD") {
+        if (faulty && fault.kind == HttpFault::Kind::Listing && method == "GET") {
+            // A hostile robot: every GET is a directory of these names.
+            std::string body;
+            for (const auto &n : fault.names)
+                body += n + "\n";
+            keep = readBody(nullptr)
+                && out.send(200, {{"morvane-file-type", "directory"}}, body, keepAlive)
+                && keepAlive;
+        } else if (method == "GET" || method == "HEAD") {
             bool conflict = false;
             const fs::path p = walk(root, parts, parts.size(), false, conflict);
             std::error_code sec;
@@ -523,12 +551,7 @@ void FileServer::serve(Connection *connection)
             } else if (conflict || !fs::exists(p, sec)) {
                 keep = refuse(404, "not found");
             } else if (fs::is_directory(p, sec)) {
-                std::string body = listing(p);
-                if (faulty && fault.kind == HttpFault::Kind::Listing) {
-                    body.clear();
-                    for (const auto &n : fault.names)
-                        body += n + "\n";
-                }
+                const std::string body = listing(p);
                 keep = readBody(nullptr)
                     && out.send(200, {{"morvane-file-type", "directory"}}, body, keepAlive)
                     && keepAlive;
@@ -588,7 +611,9 @@ void FileServer::serve(Connection *connection)
                     conflict = true;
             }
             const fs::path destination = parent.empty() ? fs::path() : parent / parts.back();
-            struct statvfs space {};
+            struct statvfs space
+            {
+            };
             if (parts.empty()) {
                 keep = refuse(403, "the store itself cannot be written");
             } else if (parent.empty()) {

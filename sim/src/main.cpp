@@ -17,7 +17,7 @@ void usage(FILE *out)
 {
     std::fprintf(out,
                  "usage: morvane-sim [--listen tcp://127.0.0.1:9559] [--scenario FILE] "
-                 "[--verbose]\n");
+                 "[--store DIR] [--verbose]\n");
 }
 
 } // namespace
@@ -31,6 +31,8 @@ int main(int argc, char **argv)
         const std::string arg = argv[i];
         if ((arg == "--listen" || arg == "--scenario") && i + 1 < argc) {
             (arg == "--listen" ? options.listenUrl : scenarioFile) = argv[++i];
+        } else if (arg == "--store" && i + 1 < argc) {
+            options.storeDir = argv[++i];
         } else if (arg == "--verbose") {
             options.verbose = true;
         } else if (arg == "--help" || arg == "-h") {

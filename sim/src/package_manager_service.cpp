@@ -182,14 +182,16 @@ void PackageManagerService::describe(ServiceBuilder &b)
     b.method("installCheckMd5", [installFrom](const std::string &path, const std::string &md5) {
         return installFrom(path, md5);
     });
-    b.method("install", [installFrom](const std::string &path, const std::string &, const std::string &md5) {
-        try {
-            return installFrom(path, md5) ? 0 : 2;
-        } catch (const std::exception &e) {
-            wz::log::LogStream(wz::LogLevel_Warning, "sim.packages", "install") << e.what();
-            return 1;
-        }
-    });
+    b.method("install",
+             [installFrom](const std::string &path, const std::string &, const std::string &md5) {
+                 try {
+                     return installFrom(path, md5) ? 0 : 2;
+                 } catch (const std::exception &e) {
+                     wz::log::LogStream(wz::LogLevel_Warning, "sim.packages", "install")
+                         << e.what();
+                     return 1;
+                 }
+             });
     b.method("removePkg", [removeOne](const std::string &uuid) {
         if (!removeOne(uuid))
             throw std::runtime_error("package \"" + uuid + "\" not found");
@@ -263,7 +265,8 @@ void PackageManagerService::configure(const wz::AnyValue &settings)
                 || (field.second.toInt() != 1 && field.second.toInt() != 2))
                 throw std::runtime_error("generation is 1 or 2");
         } else if (field.first == "packages") {
-            if (field.second.kind() != wz::AnyValue::Kind::String || field.second.toStr() != "clear")
+            if (field.second.kind() != wz::AnyValue::Kind::String
+                || field.second.toStr() != "clear")
                 throw std::runtime_error("packages takes \"clear\"");
         } else {
             throw std::runtime_error("unknown setting \"" + field.first + "\"");

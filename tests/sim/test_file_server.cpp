@@ -97,7 +97,8 @@ fs::path FileServerTest::outside;
 
 TEST_F(FileServerTest, PutGetListAndDeleteOnOneConnection)
 {
-    EXPECT_EQ(exchange(http::verb::put, "/proj/sub%20dir/caf%C3%A9.txt", "hello").result_int(), 201);
+    EXPECT_EQ(exchange(http::verb::put, "/proj/sub%20dir/caf%C3%A9.txt", "hello").result_int(),
+              201);
     EXPECT_EQ(exchange(http::verb::put, "//proj//empty", "").result_int(), 201);
     EXPECT_EQ(readFile(fs::path(store) / "proj" / "sub dir" / "café.txt"), "hello");
 
@@ -127,16 +128,18 @@ TEST_F(FileServerTest, ExpectContinueChecksBeforeTheBody)
 {
     fs::create_directories(fs::path(store) / "d");
     // Refused before any byte of the body: the answer comes instead of 100.
-    asio::write(socket, asio::buffer(std::string("PUT /d HTTP/1.1\r\nContent-Length: 3\r\n"
-                                                 "Expect: 100-continue\r\n\r\n")));
+    asio::write(socket,
+                asio::buffer(std::string("PUT /d HTTP/1.1\r\nContent-Length: 3\r\n"
+                                         "Expect: 100-continue\r\n\r\n")));
     std::string head(12, '\0');
     asio::read(socket, asio::buffer(&head[0], head.size()));
     EXPECT_EQ(head, "HTTP/1.1 409");
 
     tcp::socket second(io);
     second.connect(socket.remote_endpoint());
-    asio::write(second, asio::buffer(std::string("PUT /d/f HTTP/1.1\r\nContent-Length: 3\r\n"
-                                                 "Expect: 100-continue\r\n\r\n")));
+    asio::write(second,
+                asio::buffer(std::string("PUT /d/f HTTP/1.1\r\nContent-Length: 3\r\n"
+                                         "Expect: 100-continue\r\n\r\n")));
     std::string interim(25, '\0');
     asio::read(second, asio::buffer(&interim[0], interim.size()));
     EXPECT_EQ(interim, "HTTP/1.1 100 Continue\r\n\r\n");
@@ -146,7 +149,8 @@ TEST_F(FileServerTest, ExpectContinueChecksBeforeTheBody)
     EXPECT_EQ(final.result_int(), 201);
     EXPECT_EQ(readFile(fs::path(store) / "d" / "f"), "abc");
     // No temporary file is left beside it.
-    EXPECT_EQ(std::distance(fs::directory_iterator(fs::path(store) / "d"), fs::directory_iterator()), 1);
+    EXPECT_EQ(
+        std::distance(fs::directory_iterator(fs::path(store) / "d"), fs::directory_iterator()), 1);
 }
 
 TEST_F(FileServerTest, HostilePathsNeverLeaveTheStore)
@@ -160,8 +164,9 @@ TEST_F(FileServerTest, HostilePathsNeverLeaveTheStore)
           "/link/secret", "/link"}) {
         SCOPED_TRACE(target);
         EXPECT_EQ(rawStatus(std::string("GET ") + target + " HTTP/1.1\r\n\r\n"), "403");
-        EXPECT_EQ(rawStatus(std::string("PUT ") + target + "/x HTTP/1.1\r\nContent-Length: 2\r\n\r\nno"),
-                  "403");
+        EXPECT_EQ(
+            rawStatus(std::string("PUT ") + target + "/x HTTP/1.1\r\nContent-Length: 2\r\n\r\nno"),
+            "403");
         EXPECT_EQ(rawStatus(std::string("DELETE ") + target + "/secret HTTP/1.1\r\n\r\n"), "403");
     }
     EXPECT_EQ(rawStatus("GET /%zz HTTP/1.1\r\n\r\n"), "400");

@@ -33,15 +33,15 @@ struct HttpFault
 {
     enum class Kind {
         None,
-        Status,                 // answer `status` with `body` (after a PUT's body)
+        Status, // answer `status` with `body` (after a PUT's body)
         FinalInsteadOfContinue, // PUT with Expect: a final 200 at once, no 100
-        NoContinue,             // PUT with Expect: never a 100, just wait for the body
-        Stall,                  // read the request, never answer
-        SlowBody,               // the answer's body in `bytes`-sized pieces, `delay` apart
-        DropAfter,              // close after `bytes` bytes of the answer
-        LengthOff,              // Content-Length off by `lengthDelta`
-        Malformed,              // `body` (or a broken status line) as the whole answer, then close
-        Listing,                // a directory's listing is `names`, one a line, as given
+        NoContinue, // PUT with Expect: never a 100, just wait for the body
+        Stall, // read the request, never answer
+        SlowBody, // a GET answer sent, or a PUT body read, `bytes` at a time, `delay` apart
+        DropAfter, // close after `bytes` bytes of the answer
+        LengthOff, // Content-Length off by `lengthDelta`
+        Malformed, // `body` (or a broken status line) as the whole answer, then close
+        Listing, // a directory's listing is `names`, one a line, as given
     };
     Kind kind = Kind::None;
     std::string method;
