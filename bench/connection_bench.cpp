@@ -7,8 +7,8 @@
 //   cycles    50 connect/disconnect cycles: threads and resident memory
 //             before and after.
 
+#include "connection_threads_manager_p.h"
 #include <connection/connection_manager.h>
-#include <connection/connection_threads_manager.h>
 #include <connection/platform.h>
 
 #include <QCoreApplication>

@@ -9,9 +9,10 @@
 //          against the getData call alone on the same thread.
 // The goal is a parse of at most 100 ms.
 
+#include "connection_threads_manager_p.h"
+#include "memory_executer_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
-#include <connection/connection_threads_manager.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
 

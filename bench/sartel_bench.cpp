@@ -11,9 +11,10 @@
 //           thread through the same proxy, with nothing emitted. Goal: within
 //           the 60 ms period.
 
+#include "connection_threads_manager_p.h"
+#include "sartel_executer_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
-#include <connection/connection_threads_manager.h>
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
 

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <connection/nimiob_export.h>
+
 #include <QString>
 
 // How the parts of a behaviour box's name are put together.
-struct BoxNameStandard
+struct NIMIOB_EXPORT BoxNameStandard
 {
     // Separates the parts of a box's name in an output signal.
     static const QString a_pathSeparator;

@@ -2,6 +2,7 @@
 
 // First, so that the types it declares are declared before any signal uses them.
 #include <connection/meta_types.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -12,6 +13,7 @@
 
 #include <exception>
 #include <utility>
+#include <vector>
 
 namespace wz {
 class Session;
@@ -59,7 +61,7 @@ class BasicAwarenessInterface;
 // Destroys a QObject on the thread it lives on: at once when called there,
 // else by deleteLater(), which that thread runs before it ends. When that
 // thread has ended already, on a thread of its own.
-void destroyOnOwnThread(QObject *object);
+NIMIOB_EXPORT void destroyOnOwnThread(QObject *object);
 
 // Interface objects are made with this rather than boost::make_shared. An
 // executer may hold the last copy of one for the length of a call, and the
@@ -75,13 +77,13 @@ boost::shared_ptr<T> makeInterface(Args &&...args)
 // One connected robot: a proxy for each remote service it offers and an
 // interface object for each service the application can use. Built on a
 // connection worker by create(); any proxy and any interface may be null.
-class Connection : public QObject, public boost::enable_shared_from_this<Connection>
+class NIMIOB_EXPORT Connection : public QObject, public boost::enable_shared_from_this<Connection>
 {
     Q_OBJECT
 
 public:
     // The session ended while we were waiting for the robot to become ready.
-    class Interrupted : public std::exception
+    class NIMIOB_EXPORT Interrupted : public std::exception
     {
     public:
         const char *what() const noexcept override;
@@ -126,30 +128,30 @@ public:
     QStringList boundServices() const;
     QStringList missingServices() const;
 
-    // Proxies of the remote services.
+    // Proxies of the remote services; null when the robot lacks one.
     boost::shared_ptr<VX::VXMemoryProxy> memory() const { return m_memory; }
-    boost::shared_ptr<VX::VXProxy> memoryWatcher() const { return m_memoryWatcher; }
+    boost::shared_ptr<VX::VXProxy> memoryWatcher() const;
     boost::shared_ptr<VX::VXPreferencesProxy> preferences() const { return m_preferences; }
-    boost::shared_ptr<VX::VXProxy> config() const { return m_config; }
+    boost::shared_ptr<VX::VXProxy> config() const;
     boost::shared_ptr<VX::VXMotionProxy> motion() const { return m_motion; }
-    boost::shared_ptr<VX::VXProxy> frameManager() const { return m_frameManager; }
-    boost::shared_ptr<VX::VXProxy> videoDevice() const { return m_videoDevice; }
-    boost::shared_ptr<VX::VXProxy> visionRecognition() const { return m_visionRecognition; }
-    boost::shared_ptr<VX::VXProxy> behaviorManager() const { return m_behaviorManager; }
-    boost::shared_ptr<VX::VXProxy> robotPosture() const { return m_robotPosture; }
-    boost::shared_ptr<VX::VXProxy> resourceManager() const { return m_resourceManager; }
-    boost::shared_ptr<VX::VXProxy> motionRecorder() const { return m_motionRecorder; }
+    boost::shared_ptr<VX::VXProxy> frameManager() const;
+    boost::shared_ptr<VX::VXProxy> videoDevice() const;
+    boost::shared_ptr<VX::VXProxy> visionRecognition() const;
+    boost::shared_ptr<VX::VXProxy> behaviorManager() const;
+    boost::shared_ptr<VX::VXProxy> robotPosture() const;
+    boost::shared_ptr<VX::VXProxy> resourceManager() const;
+    boost::shared_ptr<VX::VXProxy> motionRecorder() const;
     boost::shared_ptr<wz::LogListenerProxy> logListener() const { return m_logListener; }
-    boost::shared_ptr<VX::VXProxy> audioDevice() const { return m_audioDevice; }
-    boost::shared_ptr<VX::VXProxy> textToSpeech() const { return m_textToSpeech; }
-    boost::shared_ptr<VX::VXProxy> batteryDevice() const { return m_batteryDevice; }
-    boost::shared_ptr<VX::VXProxy> launcher() const { return m_launcher; }
-    boost::shared_ptr<VX::VXProxy> dialog() const { return m_dialog; }
+    boost::shared_ptr<VX::VXProxy> audioDevice() const;
+    boost::shared_ptr<VX::VXProxy> textToSpeech() const;
+    boost::shared_ptr<VX::VXProxy> batteryDevice() const;
+    boost::shared_ptr<VX::VXProxy> launcher() const;
+    boost::shared_ptr<VX::VXProxy> dialog() const;
     boost::shared_ptr<VX::VXWorldRepresentationProxy> worldRepresentation() const
     {
         return m_worldRepresentation;
     }
-    boost::shared_ptr<VX::VXProxy> packageManager() const { return m_packageManager; }
+    boost::shared_ptr<VX::VXProxy> packageManager() const;
     boost::shared_ptr<VX::VXEngagementZonesProxy> engagementZones() const
     {
         return m_engagementZones;
@@ -158,6 +160,10 @@ public:
     {
         return m_peoplePerception;
     }
+
+    // The module check's text: one line for each missing service the check
+    // reports, required ones first; empty when every required one is bound.
+    QString missingModulesReport() const;
 
     // The module the robot calls back into; null without its interface.
     boost::shared_ptr<VXSartel> sartelModule() const;
@@ -196,6 +202,9 @@ private:
     create(wz::Session *session, const boost::shared_ptr<wz::Session> &keep, const QString &name);
     void waitForReadiness();
     void initProxiesConnections();
+    void bindService(std::size_t row);
+    bool isBound(std::size_t row) const;
+    boost::shared_ptr<VX::VXProxy> proxyAt(std::size_t row) const;
     void buildInterfaces();
     void connectInterfaceSignals();
     void readVersion();
@@ -205,27 +214,15 @@ private:
     // its owners, not here).
     boost::shared_ptr<wz::Session> m_sessionOwner;
 
-    // Proxies, in the order of the service table.
+    // One generic proxy for each row of the service table, in its order
+    // (null for a service that is missing or has no generic proxy), and the
+    // typed ones that wrap some of them.
+    std::vector<boost::shared_ptr<VX::VXProxy>> m_proxies;
     boost::shared_ptr<VX::VXMemoryProxy> m_memory;
-    boost::shared_ptr<VX::VXProxy> m_memoryWatcher;
     boost::shared_ptr<VX::VXPreferencesProxy> m_preferences;
-    boost::shared_ptr<VX::VXProxy> m_config;
     boost::shared_ptr<VX::VXMotionProxy> m_motion;
-    boost::shared_ptr<VX::VXProxy> m_frameManager;
-    boost::shared_ptr<VX::VXProxy> m_videoDevice;
-    boost::shared_ptr<VX::VXProxy> m_visionRecognition;
-    boost::shared_ptr<VX::VXProxy> m_behaviorManager;
-    boost::shared_ptr<VX::VXProxy> m_robotPosture;
-    boost::shared_ptr<VX::VXProxy> m_resourceManager;
-    boost::shared_ptr<VX::VXProxy> m_motionRecorder;
     boost::shared_ptr<wz::LogListenerProxy> m_logListener;
-    boost::shared_ptr<VX::VXProxy> m_audioDevice;
-    boost::shared_ptr<VX::VXProxy> m_textToSpeech;
-    boost::shared_ptr<VX::VXProxy> m_batteryDevice;
-    boost::shared_ptr<VX::VXProxy> m_launcher;
-    boost::shared_ptr<VX::VXProxy> m_dialog;
     boost::shared_ptr<VX::VXWorldRepresentationProxy> m_worldRepresentation;
-    boost::shared_ptr<VX::VXProxy> m_packageManager;
     boost::shared_ptr<VX::VXEngagementZonesProxy> m_engagementZones;
     boost::shared_ptr<VX::VXPeoplePerceptionProxy> m_peoplePerception;
     boost::shared_ptr<VX::VXBasicAwarenessProxy> m_basicAwareness;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <connection/connection.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -23,7 +24,7 @@ class ReconnectionManager;
 // The one object through which the application reaches a robot. Lives on the
 // GUI thread; every slow step runs on a connection worker, and results come
 // back as signals.
-class ConnectionManager : public QObject
+class NIMIOB_EXPORT ConnectionManager : public QObject
 {
     Q_OBJECT
 
@@ -41,6 +42,10 @@ public:
 
     bool isConnected() const;
     bool isConnecting() const { return m_connecting; }
+    // True while a connection is being made or closed on a worker: after
+    // disconnected(), the session is closed only once this turns false,
+    // which teardownFinished() tells.
+    bool hasActiveWorkers() const;
     bool wasDisconnectionRequested() const { return m_disconnectionRequested; }
     bool getCurrentConnection(QString &ip, int &port) const;
     bool getCurrentConnection(QString &ip, int &port, QString &name) const;
@@ -85,6 +90,9 @@ signals:
     void connectionTested(bool success);
     void disconnected();
     void connectionLost();
+    // Every worker has ended and every session it held is closed, so the
+    // robot has seen this desktop leave.
+    void teardownFinished();
     void displayErrorRequested(QString title, QString contents, QString details,
                                bool checkWarningEnable = false);
 

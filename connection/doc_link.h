@@ -1,12 +1,14 @@
 #pragma once
 
+#include <connection/nimiob_export.h>
+
 #include <QString>
 
 namespace RK {
 
 // Links to the offline documentation installed with the SDK, as encoded
 // file URLs. Nothing checks that the pages exist.
-class DocLink
+class NIMIOB_EXPORT DocLink
 {
 public:
     // The SDK's installation prefix with symbolic links resolved; empty when

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/nimiob_export.h>
+
 #include <QFuture>
 #include <QFutureWatcher>
 #include <QObject>
@@ -8,7 +10,7 @@ namespace RK {
 
 // A pending asynchronous result of any type, seen through one interface so
 // that an interface object can keep all of its own and wait for them.
-class FutureBase : public QObject
+class NIMIOB_EXPORT FutureBase : public QObject
 {
     Q_OBJECT
 

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <connection/executer_thread.h>
-#include <connection/memory_executer.h>
 #include <connection/morvane_interface.h>
+#include <connection/nimiob_export.h>
 
 #include <QFuture>
 #include <QMap>
@@ -16,13 +15,16 @@
 namespace RK {
 
 class Connection;
+class ExecuterThread;
+class MemoryExecuter;
 
 // The application's door to the robot's memory: following keys over time
 // (dataGathered batches) and the catalogue of keys, events and micro events.
 // Every method returns at once. Watching requests are queued to the
 // executer's thread; catalogue requests run on the thread pool and answer by
 // future.
-class MemoryInterface : public QObject, public MorvaneInterface<MemoryExecuter, ExecuterThread>
+class NIMIOB_EXPORT MemoryInterface : public QObject,
+                                      public MorvaneInterface<MemoryExecuter, ExecuterThread>
 {
     Q_OBJECT
 

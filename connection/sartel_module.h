@@ -1,9 +1,8 @@
 #pragma once
 
-#include <connection/executer_thread.h>
 #include <connection/meta_types.h>
 #include <connection/morvane_interface.h>
-#include <connection/sartel_executer.h>
+#include <connection/nimiob_export.h>
 
 #include <QObject>
 #include <QString>
@@ -20,6 +19,8 @@ namespace RK {
 
 class Connection;
 class VXSartel;
+class VXSartelExecuter;
+class ExecuterThread;
 
 // The general door to the robot, and the road of its events. Everything
 // here is asynchronous: the request signals are public and may be emitted
@@ -28,8 +29,9 @@ class VXSartel;
 // Every micro event subscribed through subscribeToMicroEventRequested, and
 // every watched key at each 60 ms poll, comes out of dataSubscribedChanged;
 // timelines, speech, pose and awake state come out of their own signals.
-class SartelModuleInterface : public QObject,
-                              public MorvaneInterface<VXSartelExecuter, ExecuterThread>
+class NIMIOB_EXPORT SartelModuleInterface
+    : public QObject,
+      public MorvaneInterface<VXSartelExecuter, ExecuterThread>
 {
     Q_OBJECT
 

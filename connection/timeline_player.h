@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/nimiob_export.h>
+
 #include <QObject>
 
 namespace RK {
@@ -7,7 +9,7 @@ namespace RK {
 // What a player of timelines shows to the user interface: its state, its
 // current frame, and the commands on them. The behaviour debugger is the
 // player of the library.
-class TimelinePlayer : public QObject
+class NIMIOB_EXPORT TimelinePlayer : public QObject
 {
     Q_OBJECT
 

@@ -1,8 +1,11 @@
+#include "sartel_almodule_p.h"
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
-#include <connection/sartel_almodule.h>
 #include <connection/sartel_module.h>
+
+#include "sartel_almodule_p.h"
+#include "service_table_p.h"
 
 #include <QCoreApplication>
 #include <QEventLoop>
@@ -14,6 +17,7 @@
 
 #include <wz/log.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <thread>
 
@@ -29,19 +33,6 @@ boost::shared_ptr<VX::VXProxy> makeGenericProxy(wz::Session *session, const std:
 {
     wz::Object object = session->service(name, "").value();
     return boost::make_shared<VX::VXProxy>(object, name);
-}
-
-// One row of the binding: a failure leaves the proxy null and is logged, and
-// binding goes on with the next row.
-template<typename Bind>
-void bindRow(wz::LogLevel level, const char *text, Bind bind)
-{
-    try {
-        bind();
-    } catch (const std::exception &e) {
-        wz::log::LogStream(level, k_category, "initProxiesConnections") << text << "\n"
-                                                                        << e.what() << "\n";
-    }
 }
 
 template<typename T>
@@ -82,7 +73,12 @@ const char *Connection::Interrupted::what() const noexcept
 }
 
 Connection::Connection(wz::Session *session, const QString &address, int port, const QString &name)
-    : QObject(nullptr), m_session(session), m_address(address), m_port(port), m_name(name)
+    : QObject(nullptr),
+      m_proxies(k_serviceCount),
+      m_session(session),
+      m_address(address),
+      m_port(port),
+      m_name(name)
 { }
 
 Connection::~Connection()
@@ -157,7 +153,7 @@ bool Connection::isReady()
     try {
         if (m_memory)
             return m_memory->getData("MorvaneReady").toBool();
-        m_memory = boost::make_shared<VX::VXMemoryProxy>(makeGenericProxy(m_session, "VXMemory"));
+        bindService(serviceIndex(ServiceId::Memory));
         return false;
     } catch (const std::exception &) {
         return false;
@@ -174,121 +170,90 @@ void Connection::initProxiesConnections()
             m_hasDCM = true;
     }
 
-    wz::Session *session = m_session;
-    using wz::LogLevel_Info;
-    using wz::LogLevel_Warning;
+    // A failure leaves the row's proxy null and is logged; binding goes on
+    // with the next row.
+    for (std::size_t row = 0; row < k_serviceCount; ++row) {
+        const ServiceRow &service = k_serviceTable[row];
+        try {
+            bindService(row);
+        } catch (const std::exception &e) {
+            wz::log::LogStream(service.failureLevel, k_category, "initProxiesConnections")
+                << service.failureText << "\n"
+                << e.what() << "\n";
+            if (service.kind == ProxyKind::Battery)
+                wz::log::LogStream(wz::LogLevel_Info, k_category, "initProxiesConnections")
+                    << "trying to connect to Sentinel instead...";
+        }
+    }
+}
 
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXMemory:", [&] {
-        if (!m_memory)
-            m_memory = boost::make_shared<VX::VXMemoryProxy>(makeGenericProxy(session, "VXMemory"));
-    });
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXFrameManager:", [&] {
-        m_frameManager = makeGenericProxy(session, "VXFrameManager");
-    });
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXBehaviorManager:", [&] {
-        m_behaviorManager = makeGenericProxy(session, "VXBehaviorManager");
-    });
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXRobotModel:", [&] {
-        m_config = makeGenericProxy(session, "VXRobotModel");
-    });
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXMotion:", [&] {
-        m_motion = boost::make_shared<VX::VXMotionProxy>(makeGenericProxy(session, "VXMotion"));
-    });
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXPreferences:", [&] {
-        m_preferences = boost::make_shared<VX::VXPreferencesProxy>(
-            makeGenericProxy(session, "VXPreferences"));
-    });
-    bindRow(LogLevel_Warning, "Error while creating proxy to logger service:", [&] {
-        wz::Object logManager = session->service("LogManager", "").value();
+void Connection::bindService(std::size_t row)
+{
+    const ServiceRow &service = k_serviceTable[row];
+    // The memory proxy may exist already: the readiness wait made it.
+    if (service.kind == ProxyKind::Memory && m_memory)
+        return;
+    if (service.kind == ProxyKind::LogListener) {
+        wz::Object logManager = m_session->service(service.name, "").value();
         if (!logManager)
             throw std::runtime_error("This object is null");
         m_logListener = logManager.call<boost::shared_ptr<wz::LogListenerProxy>>("getListener");
-    });
-    bindRow(LogLevel_Warning,
-            "Error while creating proxy "
-            "to VXResourcesManager:",
-            [&] { m_resourceManager = makeGenericProxy(session, "VXResourceManager"); });
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXMotionRecorder:", [&] {
-        m_motionRecorder = makeGenericProxy(session, "VXMotionRecorder");
-    });
-    bindRow(LogLevel_Info, "Error while creating proxy to VXVideoDevice:", [&] {
-        m_videoDevice = makeGenericProxy(session, "VXVideoDevice");
-    });
-    bindRow(LogLevel_Info, "Error while creating proxy to VXVisionRecognition:", [&] {
-        m_visionRecognition = makeGenericProxy(session, "VXVisionRecognition");
-    });
-    bindRow(LogLevel_Warning, "Error while creating proxy to VXRobotPosture:", [&] {
-        m_robotPosture = makeGenericProxy(session, "VXRobotPosture");
-    });
-    bindRow(LogLevel_Info, "Error while creating proxy to VXMemoryWatcher:", [&] {
-        m_memoryWatcher = makeGenericProxy(session, "VXMemoryWatcher");
-    });
-    bindRow(LogLevel_Info, "Error while creating proxy to VXAudioDevice:", [&] {
-        m_audioDevice = makeGenericProxy(session, "VXAudioDevice");
-    });
-    bindRow(LogLevel_Info, "Error while creating proxy to VXTextToSpeech:", [&] {
-        m_textToSpeech = makeGenericProxy(session, "VXTextToSpeech");
-    });
-
-    // The battery is kept only if it answers; the executer has the fallback.
-    m_batteryDevice.reset();
-    try {
-        m_batteryDevice = makeGenericProxy(session, "VXBattery");
-        m_batteryDevice->call<void>("getBatteryCharge");
-    } catch (const std::exception &e) {
-        wz::log::LogStream(LogLevel_Info, k_category, __FUNCTION__)
-            << "Error while creating proxy to VXBattery:"
-            << "\n"
-            << e.what() << "\n";
-        wz::log::LogStream(LogLevel_Info, k_category, __FUNCTION__)
-            << "trying to connect to Sentinel instead...";
-        m_batteryDevice.reset();
+        return;
     }
 
-    bindRow(LogLevel_Info, "Error while creating proxy to VXLauncher:", [&] {
-        m_launcher = makeGenericProxy(session, "VXLauncher");
-    });
-    bindRow(LogLevel_Info, "Error while creating proxy to VXDialog:", [&] {
-        m_dialog = makeGenericProxy(session, "VXDialog");
-    });
-    bindRow(LogLevel_Info,
-            "Error while creating proxy to "
-            "VXWorldRepresentation:",
-            [&] {
-                m_worldRepresentation = boost::make_shared<VX::VXWorldRepresentationProxy>(
-                    makeGenericProxy(session, "VXWorldRepresentation"));
-            });
-    bindRow(LogLevel_Warning, "Error while creating proxy to PackageManager:", [&] {
-        m_packageManager = makeGenericProxy(session, "PackageManager");
+    const boost::shared_ptr<VX::VXProxy> proxy = makeGenericProxy(m_session, service.name);
+    switch (service.kind) {
+    case ProxyKind::Memory:
+        m_memory = boost::make_shared<VX::VXMemoryProxy>(proxy);
+        break;
+    case ProxyKind::Motion:
+        m_motion = boost::make_shared<VX::VXMotionProxy>(proxy);
+        break;
+    case ProxyKind::Preferences:
+        m_preferences = boost::make_shared<VX::VXPreferencesProxy>(proxy);
+        break;
+    case ProxyKind::WorldRepresentation:
+        m_worldRepresentation = boost::make_shared<VX::VXWorldRepresentationProxy>(proxy);
+        break;
+    case ProxyKind::EngagementZones:
+        m_engagementZones = boost::make_shared<VX::VXEngagementZonesProxy>(proxy);
+        break;
+    case ProxyKind::PeoplePerception:
+        m_peoplePerception = boost::make_shared<VX::VXPeoplePerceptionProxy>(proxy);
+        break;
+    case ProxyKind::BasicAwareness:
+        m_basicAwareness = boost::make_shared<VX::VXBasicAwarenessProxy>(proxy);
+        break;
+    case ProxyKind::Battery:
+        // Kept only if it answers; the executer has the fallback.
+        proxy->call<void>("getBatteryCharge");
+        break;
+    case ProxyKind::PackageManager:
         // An older package manager has no file server port of its own: the
         // files then go through the session's port.
         try {
-            m_httpTransferPort = m_packageManager->call<int>("_getHttpTransferPort");
+            m_httpTransferPort = proxy->call<int>("_getHttpTransferPort");
         } catch (...) {
             m_httpTransferPort = m_port;
         }
-    });
-    bindRow(LogLevel_Info,
-            "Error while creating proxy to "
-            "VXEngagementZones:",
-            [&] {
-                m_engagementZones = boost::make_shared<VX::VXEngagementZonesProxy>(
-                    makeGenericProxy(session, "VXEngagementZones"));
-            });
-    bindRow(LogLevel_Info,
-            "Error while creating proxy to "
-            "VXPeoplePerception:",
-            [&] {
-                m_peoplePerception = boost::make_shared<VX::VXPeoplePerceptionProxy>(
-                    makeGenericProxy(session, "VXPeoplePerception"));
-            });
-    bindRow(LogLevel_Info,
-            "Error while creating proxy to "
-            "VXBasicAwareness:",
-            [&] {
-                m_basicAwareness = boost::make_shared<VX::VXBasicAwarenessProxy>(
-                    makeGenericProxy(session, "VXBasicAwareness"));
-            });
+        break;
+    case ProxyKind::Generic:
+    case ProxyKind::LogListener:
+        break;
+    }
+    m_proxies[row] = proxy;
+}
+
+bool Connection::isBound(std::size_t row) const
+{
+    if (k_serviceTable[row].kind == ProxyKind::LogListener)
+        return bool(m_logListener);
+    return bool(m_proxies[row]);
+}
+
+boost::shared_ptr<VX::VXProxy> Connection::proxyAt(std::size_t row) const
+{
+    return m_proxies[row];
 }
 
 // Each interface object has its place in this order; a service lands by
@@ -315,7 +280,7 @@ void Connection::buildInterfaces()
     // [4 RobotStateReceiver] always:
     //   m_robotStateReceiver = makeInterface<RobotStateReceiver>(self);
 
-    if (m_videoDevice) {
+    if (videoDevice()) {
         // [5 VideoDeviceInterface] with the camera proxy:
         //   m_videoDeviceInterface = makeInterface<VideoDeviceInterface>(self);
     }
@@ -329,16 +294,16 @@ void Connection::buildInterfaces()
     // [12 BatteryInterface] always.
     // [13 LauncherInterface] always.
 
-    if (m_robotPosture) {
+    if (robotPosture()) {
         // [14 RobotPostureInterface]
     }
-    if (m_dialog) {
+    if (dialog()) {
         // [15 DialogInterface]
     }
     if (m_worldRepresentation) {
         // [16 WorldRepresentationInterface]
     }
-    if (m_packageManager) {
+    if (packageManager()) {
         // [17 PackageManagerInterface]
     }
 
@@ -475,39 +440,18 @@ void Connection::destroyInterfaces()
 
 void Connection::destroyProxiesConnections()
 {
-    std::vector<boost::shared_ptr<VX::VXProxy>> proxies;
-    const auto add = [&proxies](const boost::shared_ptr<VX::VXProxy> &proxy) {
-        if (proxy)
-            proxies.push_back(proxy);
-    };
-    if (m_memory)
-        add(m_memory->getGenericProxy());
-    add(m_config);
-    if (m_preferences)
-        add(m_preferences->getGenericProxy());
-    if (m_motion)
-        add(m_motion->getGenericProxy());
-    add(m_frameManager);
-    add(m_videoDevice);
-    add(m_visionRecognition);
-    add(m_behaviorManager);
-    add(m_resourceManager);
-    add(m_motionRecorder);
-    add(m_audioDevice);
-    add(m_textToSpeech);
-    add(m_batteryDevice);
-    add(m_launcher);
-    add(m_dialog);
-    if (m_worldRepresentation)
-        add(m_worldRepresentation->getGenericProxy());
-    add(m_packageManager);
-    if (m_engagementZones)
-        add(m_engagementZones->getGenericProxy());
+    std::vector<std::pair<int, boost::shared_ptr<VX::VXProxy>>> proxies;
+    for (std::size_t row = 0; row < k_serviceCount; ++row) {
+        if (k_serviceTable[row].closePosition > 0 && m_proxies[row])
+            proxies.emplace_back(k_serviceTable[row].closePosition, m_proxies[row]);
+    }
+    std::sort(proxies.begin(), proxies.end(),
+              [](const auto &a, const auto &b) { return a.first < b.first; });
 
     m_logListener.reset();
-    for (const boost::shared_ptr<VX::VXProxy> &proxy : proxies) {
+    for (const auto &proxy : proxies) {
         try {
-            proxy->destroyConnection();
+            proxy.second->destroyConnection();
         } catch (const std::exception &) { }
     }
 }
@@ -515,69 +459,60 @@ void Connection::destroyProxiesConnections()
 QStringList Connection::boundServices() const
 {
     QStringList bound;
-    const auto add = [&bound](bool present, const char *name) {
-        if (present)
-            bound << QString::fromLatin1(name);
-    };
-    add(bool(m_memory), "VXMemory");
-    add(bool(m_frameManager), "VXFrameManager");
-    add(bool(m_behaviorManager), "VXBehaviorManager");
-    add(bool(m_config), "VXRobotModel");
-    add(bool(m_motion), "VXMotion");
-    add(bool(m_preferences), "VXPreferences");
-    add(bool(m_logListener), "LogManager");
-    add(bool(m_resourceManager), "VXResourceManager");
-    add(bool(m_motionRecorder), "VXMotionRecorder");
-    add(bool(m_videoDevice), "VXVideoDevice");
-    add(bool(m_visionRecognition), "VXVisionRecognition");
-    add(bool(m_robotPosture), "VXRobotPosture");
-    add(bool(m_memoryWatcher), "VXMemoryWatcher");
-    add(bool(m_audioDevice), "VXAudioDevice");
-    add(bool(m_textToSpeech), "VXTextToSpeech");
-    add(bool(m_batteryDevice), "VXBattery");
-    add(bool(m_launcher), "VXLauncher");
-    add(bool(m_dialog), "VXDialog");
-    add(bool(m_worldRepresentation), "VXWorldRepresentation");
-    add(bool(m_packageManager), "PackageManager");
-    add(bool(m_engagementZones), "VXEngagementZones");
-    add(bool(m_peoplePerception), "VXPeoplePerception");
-    add(bool(m_basicAwareness), "VXBasicAwareness");
+    for (std::size_t row = 0; row < k_serviceCount; ++row) {
+        if (isBound(row))
+            bound << QString::fromLatin1(k_serviceTable[row].name);
+    }
     return bound;
 }
 
 QStringList Connection::missingServices() const
 {
-    static const char *const all[] = {"VXMemory",
-                                      "VXFrameManager",
-                                      "VXBehaviorManager",
-                                      "VXRobotModel",
-                                      "VXMotion",
-                                      "VXPreferences",
-                                      "LogManager",
-                                      "VXResourceManager",
-                                      "VXMotionRecorder",
-                                      "VXVideoDevice",
-                                      "VXVisionRecognition",
-                                      "VXRobotPosture",
-                                      "VXMemoryWatcher",
-                                      "VXAudioDevice",
-                                      "VXTextToSpeech",
-                                      "VXBattery",
-                                      "VXLauncher",
-                                      "VXDialog",
-                                      "VXWorldRepresentation",
-                                      "PackageManager",
-                                      "VXEngagementZones",
-                                      "VXPeoplePerception",
-                                      "VXBasicAwareness"};
-    const QStringList bound = boundServices();
     QStringList missing;
-    for (const char *name : all) {
-        if (!bound.contains(QLatin1String(name)))
-            missing << QString::fromLatin1(name);
+    for (std::size_t row = 0; row < k_serviceCount; ++row) {
+        if (!isBound(row))
+            missing << QString::fromLatin1(k_serviceTable[row].name);
     }
     return missing;
 }
+
+QString Connection::missingModulesReport() const
+{
+    QString required;
+    QString optional;
+    for (std::size_t row = 0; row < k_serviceCount; ++row) {
+        const ServiceRow &service = k_serviceTable[row];
+        if (isBound(row) || !service.checkText)
+            continue;
+        (service.required ? required : optional)
+            += QCoreApplication::translate("RK::ConnectionManager", service.checkText)
+            + QLatin1Char('\n');
+    }
+    // Optional services are worth a word only when something required is missing.
+    return required.isEmpty() ? QString() : required + optional;
+}
+
+#define NIMIOB_GENERIC_ACCESSOR(accessor, id) \
+    boost::shared_ptr<VX::VXProxy> Connection::accessor() const \
+    { \
+        return proxyAt(serviceIndex(ServiceId::id)); \
+    }
+NIMIOB_GENERIC_ACCESSOR(memoryWatcher, MemoryWatcher)
+NIMIOB_GENERIC_ACCESSOR(config, Config)
+NIMIOB_GENERIC_ACCESSOR(frameManager, FrameManager)
+NIMIOB_GENERIC_ACCESSOR(videoDevice, VideoDevice)
+NIMIOB_GENERIC_ACCESSOR(visionRecognition, VisionRecognition)
+NIMIOB_GENERIC_ACCESSOR(behaviorManager, BehaviorManager)
+NIMIOB_GENERIC_ACCESSOR(robotPosture, RobotPosture)
+NIMIOB_GENERIC_ACCESSOR(resourceManager, ResourceManager)
+NIMIOB_GENERIC_ACCESSOR(motionRecorder, MotionRecorder)
+NIMIOB_GENERIC_ACCESSOR(audioDevice, AudioDevice)
+NIMIOB_GENERIC_ACCESSOR(textToSpeech, TextToSpeech)
+NIMIOB_GENERIC_ACCESSOR(batteryDevice, Battery)
+NIMIOB_GENERIC_ACCESSOR(launcher, Launcher)
+NIMIOB_GENERIC_ACCESSOR(dialog, Dialog)
+NIMIOB_GENERIC_ACCESSOR(packageManager, PackageManager)
+#undef NIMIOB_GENERIC_ACCESSOR
 
 boost::shared_ptr<SartelModuleInterface> Connection::sartelModuleInterface() const
 {

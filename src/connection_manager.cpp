@@ -1,6 +1,6 @@
+#include "connection_threads_manager_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
-#include <connection/connection_threads_manager.h>
 #include <connection/meta_types.h>
 #include <connection/platform.h>
 
@@ -34,6 +34,8 @@ ConnectionManager::ConnectionManager(QObject *parent)
     qRegisterMetaType<std::string>("std::string");
     // [ReconnectionManager] m_reconnectionManager = new ReconnectionManager(this);
     m_threadsManager = new ConnectionThreadsManager(this);
+    connect(m_threadsManager, &ConnectionThreadsManager::allWorkersFinished, this,
+            &ConnectionManager::teardownFinished);
     connect(m_threadsManager, &ConnectionThreadsManager::displayErrorRequested, this,
             &ConnectionManager::displayErrorRequested);
 }
@@ -135,52 +137,17 @@ void ConnectionManager::checkAvailableModules()
             << "No connection to check the modules of";
         return;
     }
-    const Connection &c = *m_connection;
-    QString details;
-    const auto report = [&details](bool present, const char *text) {
-        if (!present)
-            details += tr(text) + QLatin1Char('\n');
-    };
-    report(bool(c.memory()), QT_TR_NOOP("- VXMemory: Behaviors are not going to work..."));
-    report(bool(c.frameManager()), QT_TR_NOOP("- VXFrameManager: Behaviors cannot be executed."));
-    report(bool(c.behaviorManager()),
-           QT_TR_NOOP("- VXBehaviorManager: Behaviors cannot be executed."));
-    report(bool(c.config()),
-           QT_TR_NOOP("- VXRobotModel: The motion module may not work as expected."));
-    report(bool(c.motion()), QT_TR_NOOP("- VXMotion: The robot will not move..."));
-    report(bool(c.preferences()), QT_TR_NOOP("- VXPreferences"));
-    report(bool(c.logListener()), QT_TR_NOOP("- LogManager"));
-    report(bool(c.resourceManager()),
-           QT_TR_NOOP(" - VXResourceManager: The resource explorer will not work as expected."));
-    report(
-        bool(c.packageManager()),
-        QT_TR_NOOP("- PackageManager: You will not be able to send application to the robot..."));
-    // Optional services are worth a word only when something required is missing.
+    const QString details = m_connection->missingModulesReport();
     if (details.isEmpty())
         return;
-    report(bool(c.motionRecorder()),
-           QT_TR_NOOP("- VXMotionRecorder (optional): Recording mode will not work."));
-    report(bool(c.videoDevice()),
-           QT_TR_NOOP("- VXVideoDevice (optional): Video Monitor won't work."));
-    report(bool(c.robotPosture()),
-           QT_TR_NOOP("- VXRobotPosture (optional): Pose Library will not work properly."));
-    report(bool(c.memoryWatcher()),
-           QT_TR_NOOP("- VXMemoryWatcher (optional): Sampling period for data "
-                      "watching cannot be set below 200 ms."));
-    report(bool(c.audioDevice()),
-           QT_TR_NOOP("- VXAudioDevice (optional): You will not be able to use it..."));
-    report(bool(c.textToSpeech()),
-           QT_TR_NOOP("- VXTextToSpeech (optional): You will not be able to use it..."));
-    report(bool(c.batteryDevice()),
-           QT_TR_NOOP("- VXBattery (optional): You will not be able to use it..."));
-    report(bool(c.launcher()),
-           QT_TR_NOOP("- VXLauncher (optional): You will not be able to flash your Pelvon..."));
-    report(bool(c.dialog()),
-           QT_TR_NOOP("- VXDialog (optional): You will not be able to simulate speech "
-                      "recognition using Dialog widget..."));
     emit displayErrorRequested(tr("Error"),
                                tr("Some modules are missing, some features may not fully work"),
                                details, true);
+}
+
+bool ConnectionManager::hasActiveWorkers() const
+{
+    return m_threadsManager && !m_threadsManager->threads().isEmpty();
 }
 
 bool ConnectionManager::isConnected() const

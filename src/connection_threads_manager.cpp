@@ -1,7 +1,7 @@
+#include "connection_thread_p.h"
+#include "connection_threads_manager_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
-#include <connection/connection_thread.h>
-#include <connection/connection_threads_manager.h>
 #include <connection/meta_types.h>
 #include <connection/platform.h>
 
@@ -81,6 +81,8 @@ void ConnectionThreadsManager::onThreadDestroyed(QObject *connectionThread)
     for (int i = 0; i < m_threads.size(); ++i) {
         if (m_threads.at(i)->objectName() == name) {
             m_threads.removeAt(i);
+            if (m_threads.isEmpty())
+                emit allWorkersFinished();
             return;
         }
     }

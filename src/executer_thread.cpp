@@ -1,4 +1,4 @@
-#include <connection/executer_thread.h>
+#include "executer_thread_p.h"
 
 namespace RK {
 

@@ -1,5 +1,5 @@
+#include "future_list_watcher_p.h"
 #include <connection/future_interface.h>
-#include <connection/future_list_watcher.h>
 
 #include <QMutexLocker>
 #include <QSignalMapper>

@@ -1,7 +1,7 @@
+#include "memory_executer_p.h"
+#include "sartel_almodule_p.h"
 #include <connection/connection.h>
-#include <connection/memory_executer.h>
 #include <connection/platform.h>
-#include <connection/sartel_almodule.h>
 #include <connection/value_conversion.h>
 
 #include <QMetaObject>

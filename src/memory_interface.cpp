@@ -1,5 +1,8 @@
 #include <connection/memory_interface.h>
 
+#include "memory_executer_p.h"
+#include "morvane_interface_p.h"
+
 #include <QMetaObject>
 #include <QMetaType>
 

@@ -1,5 +1,5 @@
+#include "sartel_almodule_p.h"
 #include <connection/platform.h>
-#include <connection/sartel_almodule.h>
 
 #include <QMutex>
 #include <QMutexLocker>

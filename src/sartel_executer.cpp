@@ -1,11 +1,13 @@
+#include "sartel_almodule_p.h"
+#include "sartel_executer_p.h"
 #include <connection/connection.h>
 #include <connection/platform.h>
-#include <connection/sartel_almodule.h>
-#include <connection/sartel_executer.h>
 #include <connection/sartel_module.h>
 
 #include <QMetaObject>
 #include <QTimer>
+
+#include <boost/make_shared.hpp>
 
 #include <wz/log.h>
 

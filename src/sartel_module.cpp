@@ -1,6 +1,9 @@
 #include <connection/doc_link.h>
-#include <connection/sartel_almodule.h>
 #include <connection/sartel_module.h>
+
+#include "morvane_interface_p.h"
+#include "sartel_almodule_p.h"
+#include "sartel_executer_p.h"
 
 #include <QMetaObject>
 #include <QMetaType>

@@ -87,7 +87,7 @@ int callCommand(Console &console, const QStringList &arguments)
     // and its dialog is on the way here once the module's thread has passed
     // it on.
     QMetaObject::invokeMethod(
-        module->executer(), [] {}, Qt::BlockingQueuedConnection);
+        module->executerObject(), [] {}, Qt::BlockingQueuedConnection);
     QMetaObject::invokeMethod(
         module.get(), [] {}, Qt::BlockingQueuedConnection);
     QCoreApplication::processEvents();

@@ -1,7 +1,5 @@
 #include "console.h"
 
-#include <connection/connection_threads_manager.h>
-
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -109,9 +107,8 @@ void Console::disconnectFromRobot()
     m_manager->disconnectBroker();
     // The worker closes the session after disconnected(): wait for it, so that
     // the robot sees a goodbye rather than a vanished peer.
-    const RK::ConnectionThreadsManager *workers
-        = m_manager->findChild<RK::ConnectionThreadsManager *>();
-    if (workers && !waitUntil([workers] { return workers->threads().isEmpty(); }, 30000))
+    const RK::ConnectionManager *manager = m_manager.get();
+    if (!waitUntil([manager] { return !manager->hasActiveWorkers(); }, 30000))
         m_err << "warning: the connection was still closing after 30 s" << Qt::endl;
 }
 

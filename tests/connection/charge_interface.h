@@ -3,7 +3,7 @@
 // A test-only service on the frame over the robot's real "VXBattery": proves
 // that a service needs nothing but its executer's slots and signals.
 
-#include <connection/morvane_interface.h>
+#include "morvane_interface_p.h"
 
 #include <QFuture>
 #include <QObject>

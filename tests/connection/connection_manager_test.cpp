@@ -1,4 +1,5 @@
 #include "robot_fixture.h"
+#include "service_table_p.h"
 
 #include <connection/connection.h>
 
@@ -11,9 +12,12 @@
 #pragma push_macro("signals")
 #undef signals
 #include <sim/memory_service.h>
+#include <sim/service.h>
 #pragma pop_macro("signals")
 
 #include <chrono>
+#include <set>
+#include <string>
 
 using namespace std::chrono_literals;
 using test::Recorder;
@@ -541,6 +545,29 @@ TEST_F(ConnectionManagerTest, VersionCompatibility)
 
     QCoreApplication::setApplicationVersion(appVersion);
     robot().memory().setVersion(original);
+}
+
+} // namespace
+
+namespace {
+
+// The robot is an independent peer with its own catalogue; the two must still
+// agree on what a connection binds, or a service silently stays unbound.
+TEST(ServiceTable, NamesTheServicesTheSimulatedRobotOffers)
+{
+    std::set<std::string> bound;
+    for (const RK::ServiceRow &row : RK::k_serviceTable)
+        EXPECT_TRUE(bound.insert(row.name).second) << row.name << " has two rows";
+
+    std::set<std::string> offered;
+    for (const sim::ServiceEntry &entry : sim::defaultServices())
+        offered.insert(entry.name);
+    // Asked of the session directly, at the moment they are needed.
+    for (const char *direct : {"DCM", "VXAutonomousLife", "VXAnimatedSpeech"})
+        offered.erase(direct);
+
+    EXPECT_EQ(bound, offered);
+    EXPECT_EQ(bound.size(), 23u);
 }
 
 } // namespace

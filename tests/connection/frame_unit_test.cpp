@@ -1,8 +1,8 @@
 #include "gate_interface.h"
 
+#include "future_list_watcher_p.h"
 #include <connection/connection.h>
 #include <connection/future_interface.h>
-#include <connection/future_list_watcher.h>
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

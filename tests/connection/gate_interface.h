@@ -3,7 +3,7 @@
 // A test-only service on the frame whose work is local and held at a gate,
 // so that tests decide when a call may end.
 
-#include <connection/morvane_interface.h>
+#include "morvane_interface_p.h"
 
 #include <QFuture>
 #include <QObject>

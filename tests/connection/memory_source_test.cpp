@@ -6,6 +6,7 @@
 #include "memory_test_support.h"
 #include "robot_fixture.h"
 
+#include "memory_executer_p.h"
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>

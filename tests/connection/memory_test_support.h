@@ -5,6 +5,9 @@
 
 #include <connection/memory_interface.h>
 
+#include "memory_executer_p.h"
+#include "morvane_interface_p.h"
+
 #include <QMap>
 #include <QObject>
 #include <QString>

@@ -1,6 +1,6 @@
 // The history format of the robot's memory watcher, without a robot.
 
-#include <connection/memory_executer.h>
+#include "memory_executer_p.h"
 #include <connection/platform.h>
 
 #include <gtest/gtest.h>

@@ -4,9 +4,9 @@
 #include "memory_test_support.h"
 #include "robot_fixture.h"
 
+#include "sartel_almodule_p.h"
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
-#include <connection/sartel_almodule.h>
 
 #include <QDateTime>
 #include <QFuture>

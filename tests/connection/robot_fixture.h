@@ -3,9 +3,9 @@
 // One simulated robot per test binary, and a recorder of everything a
 // connection manager tells its application, in order.
 
+#include "connection_thread_p.h"
+#include "connection_threads_manager_p.h"
 #include <connection/connection_manager.h>
-#include <connection/connection_thread.h>
-#include <connection/connection_threads_manager.h>
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

@@ -6,8 +6,9 @@
 
 #include "robot_fixture.h"
 
-#include <connection/sartel_almodule.h>
-#include <connection/sartel_executer.h>
+#include "executer_thread_p.h"
+#include "sartel_almodule_p.h"
+#include "sartel_executer_p.h"
 #include <connection/sartel_module.h>
 
 #include <QMetaObject>

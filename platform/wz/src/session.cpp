@@ -147,12 +147,12 @@ void SessionImpl::onAccepted(tcp::socket socket)
 {
     tuneSocket(socket);
     const std::string peer = peerIdOf(socket);
-    std::shared_ptr<Connection> conn;
+    std::shared_ptr<PeerLink> conn;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_acceptors.empty())
             return; // closed meanwhile: the socket closes with this scope
-        conn = std::make_shared<Connection>(weak_from_this(), std::move(socket), peer, m_heartbeat);
+        conn = std::make_shared<PeerLink>(weak_from_this(), std::move(socket), peer, m_heartbeat);
         m_peers[peer] = conn;
     }
     conn->start();
@@ -193,16 +193,16 @@ Future<void> SessionImpl::connect(const Url &url)
                     }
                     tuneSocket(*socket);
                     const std::string peer = peerIdOf(*socket);
-                    std::shared_ptr<Connection> conn;
-                    std::shared_ptr<Connection> old;
+                    std::shared_ptr<PeerLink> conn;
+                    std::shared_ptr<PeerLink> old;
                     {
                         std::lock_guard<std::mutex> lock(self->m_mutex);
                         if (self->m_generation != generation) {
                             promise.setError("disconnected: session closed");
                             return;
                         }
-                        conn = std::make_shared<Connection>(self, std::move(*socket), peer,
-                                                            self->m_heartbeat);
+                        conn = std::make_shared<PeerLink>(self, std::move(*socket), peer,
+                                                          self->m_heartbeat);
                         old = std::move(self->m_directory);
                         self->m_directory = conn;
                         self->m_directoryUrl = url;
@@ -222,9 +222,9 @@ Future<void> SessionImpl::connect(const Url &url)
 void SessionImpl::close(const std::string &reason)
 {
     std::vector<std::shared_ptr<tcp::acceptor>> acceptors;
-    std::map<std::string, std::shared_ptr<Connection>> peers;
+    std::map<std::string, std::shared_ptr<PeerLink>> peers;
     std::map<unsigned, ServiceEntry> services;
-    std::shared_ptr<Connection> directory;
+    std::shared_ptr<PeerLink> directory;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         ++m_generation;
@@ -242,9 +242,9 @@ void SessionImpl::close(const std::string &reason)
         });
     }
     if (directory)
-        directory->close(reason, Connection::CloseMode::Graceful);
+        directory->close(reason, PeerLink::CloseMode::Graceful);
     for (auto &p : peers)
-        p.second->close(reason, Connection::CloseMode::Graceful);
+        p.second->close(reason, PeerLink::CloseMode::Graceful);
 }
 
 bool SessionImpl::isConnected() const
@@ -269,13 +269,13 @@ std::vector<Url> SessionImpl::endpoints() const
     return m_endpoints;
 }
 
-std::shared_ptr<Connection> SessionImpl::directoryLink() const
+std::shared_ptr<PeerLink> SessionImpl::directoryLink() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_directory;
 }
 
-std::shared_ptr<Connection> SessionImpl::findPeer(const std::string &peer) const
+std::shared_ptr<PeerLink> SessionImpl::findPeer(const std::string &peer) const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto it = m_peers.find(peer);
@@ -295,7 +295,7 @@ void SessionImpl::closeClient(const std::string &peer)
 {
     if (auto c = findPeer(peer)) {
         log::LogStream(LogLevel_Info, kSession, __FUNCTION__) << "dropping client " << peer;
-        c->close("disconnected: dropped by the directory", Connection::CloseMode::Reset);
+        c->close("disconnected: dropped by the directory", PeerLink::CloseMode::Reset);
     } else {
         log::LogStream(LogLevel_Warning, kSession, __FUNCTION__) << "no client " << peer;
     }
@@ -317,9 +317,9 @@ void SessionImpl::sendRaw(const std::string &peer, const std::string &bytes)
         log::LogStream(LogLevel_Warning, kSession, __FUNCTION__) << "no client " << peer;
 }
 
-void SessionImpl::setHeartbeat(Connection::Heartbeat heartbeat)
+void SessionImpl::setHeartbeat(PeerLink::Heartbeat heartbeat)
 {
-    std::vector<std::shared_ptr<Connection>> conns;
+    std::vector<std::shared_ptr<PeerLink>> conns;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_heartbeat = heartbeat;
@@ -332,8 +332,7 @@ void SessionImpl::setHeartbeat(Connection::Heartbeat heartbeat)
         c->setHeartbeat(heartbeat);
 }
 
-void SessionImpl::onConnectionClosed(const std::shared_ptr<Connection> &conn,
-                                     const std::string &reason)
+void SessionImpl::onLinkClosed(const std::shared_ptr<PeerLink> &conn, const std::string &reason)
 {
     bool wasDirectory = false;
     bool wasPeer = false;
@@ -374,7 +373,7 @@ void SessionImpl::onConnectionClosed(const std::shared_ptr<Connection> &conn,
 }
 
 unsigned SessionImpl::addService(const std::string &name, const Object &object,
-                                 const Connection *owner, const std::string &endpoint,
+                                 const PeerLink *owner, const std::string &endpoint,
                                  std::string &error)
 {
     if (name.empty()) {
@@ -415,7 +414,7 @@ std::vector<ServiceInfo> SessionImpl::listServices(bool localOnly) const
     return out;
 }
 
-void SessionImpl::handleDirectoryRequest(const std::shared_ptr<Connection> &conn, Message &msg)
+void SessionImpl::handleDirectoryRequest(const std::shared_ptr<PeerLink> &conn, Message &msg)
 {
     Message reply;
     reply.kind = MsgKind::Reply;
@@ -712,7 +711,7 @@ std::string Session::currentCaller()
 
 void Session::setHeartbeat(std::chrono::milliseconds interval, std::chrono::milliseconds timeout)
 {
-    d->setHeartbeat(detail::Connection::Heartbeat {interval, timeout});
+    d->setHeartbeat(detail::PeerLink::Heartbeat {interval, timeout});
 }
 
 } // namespace wz

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "connection.h"
+#include "peer_link.h"
 
 #include <wz/session.h>
 
@@ -39,13 +39,13 @@ public:
     void closeClient(const std::string &peer);
     void stallClient(const std::string &peer, bool stalled);
     void sendRaw(const std::string &peer, const std::string &bytes);
-    void setHeartbeat(Connection::Heartbeat heartbeat);
+    void setHeartbeat(PeerLink::Heartbeat heartbeat);
     void detachOwner();
 
     // From connections (any thread).
-    void onConnectionClosed(const std::shared_ptr<Connection> &conn, const std::string &reason);
+    void onLinkClosed(const std::shared_ptr<PeerLink> &conn, const std::string &reason);
     // On the I/O thread.
-    void handleDirectoryRequest(const std::shared_ptr<Connection> &conn, Message &msg);
+    void handleDirectoryRequest(const std::shared_ptr<PeerLink> &conn, Message &msg);
 
 private:
     struct ServiceEntry
@@ -53,17 +53,17 @@ private:
         unsigned id = 0;
         std::string name;
         Object object;
-        const Connection *owner = nullptr; // null: registered by this session
+        const PeerLink *owner = nullptr; // null: registered by this session
         std::string endpoint;
     };
 
     void startAccept(std::shared_ptr<boost::asio::ip::tcp::acceptor> acceptor);
     void onAccepted(boost::asio::ip::tcp::socket socket);
     void emitOwner(Signal<std::string> Session::*signal, const std::string &arg);
-    std::shared_ptr<Connection> findPeer(const std::string &peer) const;
-    std::shared_ptr<Connection> directoryLink() const;
+    std::shared_ptr<PeerLink> findPeer(const std::string &peer) const;
+    std::shared_ptr<PeerLink> directoryLink() const;
     // Returns the new id, or 0 with `error` set.
-    unsigned addService(const std::string &name, const Object &object, const Connection *owner,
+    unsigned addService(const std::string &name, const Object &object, const PeerLink *owner,
                         const std::string &endpoint, std::string &error);
     std::vector<ServiceInfo> listServices(bool localOnly) const;
 
@@ -76,13 +76,13 @@ private:
     boost::asio::strand<boost::asio::io_context::executor_type> m_strand;
     std::vector<std::shared_ptr<boost::asio::ip::tcp::acceptor>> m_acceptors;
     std::vector<Url> m_endpoints;
-    std::shared_ptr<Connection> m_directory;
+    std::shared_ptr<PeerLink> m_directory;
     Url m_directoryUrl;
-    std::map<std::string, std::shared_ptr<Connection>> m_peers;
+    std::map<std::string, std::shared_ptr<PeerLink>> m_peers;
     std::map<unsigned, ServiceEntry> m_services;
     unsigned m_nextServiceId = 1;
     std::set<unsigned> m_registeredRemotely;
-    Connection::Heartbeat m_heartbeat;
+    PeerLink::Heartbeat m_heartbeat;
     uint64_t m_generation = 0; // bumped by close(), so that late connects are dropped
 };
 

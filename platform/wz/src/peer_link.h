@@ -1,6 +1,10 @@
 #pragma once
 
-// One TCP link to a peer and the objects reached over it.
+// One TCP link to a peer and the objects reached over it. Its code is spread
+// by concern: peer_link.cpp (life and closing), peer_link_framing.cpp (bytes
+// and frames), peer_link_dispatch.cpp (incoming messages, serving local
+// objects), peer_link_calls.cpp (requests in flight, remote objects),
+// peer_link_heartbeat.cpp; io_runtime.cpp holds the I/O threads.
 
 #include "runtime.h"
 #include "wire.h"
@@ -44,7 +48,7 @@ private:
         m_work;
 };
 
-class Connection;
+class PeerLink;
 class SessionImpl;
 
 // Sets the caller id seen by Session::currentCaller() for one task.
@@ -61,7 +65,7 @@ private:
 // Called with the outcome of a request: ok and the value, or the error text.
 using Done = std::function<void(bool ok, const AnyValue &value, const std::string &error)>;
 
-class Connection : public std::enable_shared_from_this<Connection>, public ObjectCodec
+class PeerLink : public std::enable_shared_from_this<PeerLink>, public ObjectCodec
 {
 public:
     struct Heartbeat
@@ -70,9 +74,9 @@ public:
         std::chrono::milliseconds timeout {8000};
     };
 
-    Connection(std::weak_ptr<SessionImpl> session, boost::asio::ip::tcp::socket socket,
-               std::string peerId, Heartbeat heartbeat);
-    ~Connection() override;
+    PeerLink(std::weak_ptr<SessionImpl> session, boost::asio::ip::tcp::socket socket,
+             std::string peerId, Heartbeat heartbeat);
+    ~PeerLink() override;
 
     // On the I/O thread: starts reading and the heartbeat.
     void start();

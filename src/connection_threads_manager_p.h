@@ -51,6 +51,8 @@ public:
 signals:
     void displayErrorRequested(QString title, QString contents, QString details,
                                bool checkWarningEnable = false);
+    // The last live worker has ended: every session it held is closed.
+    void allWorkersFinished();
 
 public slots:
     void onThreadDestroyed(QObject *connectionThread);

@@ -1,0 +1,149 @@
+// A link's life: creation, start, closing and stalling.
+
+#include "peer_link.h"
+#include "peer_link_support.h"
+
+#include "session_impl.h"
+
+#include <boost/asio/post.hpp>
+
+namespace wz {
+namespace detail {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+PeerLink::PeerLink(std::weak_ptr<SessionImpl> session, tcp::socket socket, std::string peerId,
+                   Heartbeat heartbeat)
+    : m_session(std::move(session)),
+      m_socket(std::move(socket)),
+      m_fd(m_socket.native_handle()),
+      m_peerId(std::move(peerId)),
+      m_strand(asio::make_strand(IoRuntime::instance().context())),
+      m_timer(IoRuntime::instance().context()),
+      m_lastReceived(nowMs()),
+      m_lastSent(nowMs()),
+      m_intervalMs(heartbeat.interval.count()),
+      m_timeoutMs(heartbeat.timeout.count()),
+      m_rx(new char[kRxCapacity])
+{ }
+
+PeerLink::~PeerLink() = default;
+
+void PeerLink::start()
+{
+    auto self = shared_from_this();
+    asio::post(m_strand, [self]() {
+        self->readSome();
+        self->armHeartbeat();
+    });
+}
+
+std::string PeerLink::closeReason() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_reason.empty() ? std::string("disconnected: connection closed") : m_reason;
+}
+
+void PeerLink::setHeartbeat(Heartbeat heartbeat)
+{
+    m_intervalMs = heartbeat.interval.count();
+    m_timeoutMs = heartbeat.timeout.count();
+}
+
+// ---- closing ----
+
+void PeerLink::close(const std::string &reason, CloseMode mode)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_writeMutex);
+        if (m_closed)
+            return;
+        if (mode == CloseMode::Graceful && m_queue.empty() && !m_stalled) {
+            // Best effort: tell the peer why, if the socket takes it now.
+            Message bye;
+            bye.kind = MsgKind::Goodbye;
+            bye.name = reason;
+            FrameBuffer fb;
+            try {
+                encodeMessage(bye, nullptr, fb);
+                std::string ignored;
+                sendSome(m_fd, fb.iovecs(), ignored);
+            } catch (const std::exception &) { }
+        }
+        m_closed = true;
+        m_queue.clear();
+        m_queuedBytes = 0;
+    }
+    m_open = false;
+
+    std::map<uint64_t, Done> pending;
+    std::map<uint64_t, Future<AnyValue>> incoming;
+    std::map<uint64_t, Export> exports;
+    std::map<uint64_t, Served> served;
+    std::map<uint64_t, Held> held;
+    std::map<uint64_t, std::shared_ptr<SerialQueue>> postQueues, emitQueues;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_reason = reason;
+        pending.swap(m_pending);
+        incoming.swap(m_incoming);
+        exports.swap(m_exports);
+        served.swap(m_served);
+        held.swap(m_held);
+        postQueues.swap(m_postQueues);
+        emitQueues.swap(m_emitQueues);
+        m_imports.clear();
+    }
+
+    auto self = shared_from_this();
+    asio::post(m_strand, [self, mode]() {
+        boost::system::error_code ec;
+        if (mode == CloseMode::Reset)
+            self->m_socket.set_option(asio::socket_base::linger(true, 0), ec);
+        self->m_socket.close(ec);
+        self->m_timer.cancel();
+    });
+
+    for (auto &p : pending)
+        p.second(false, AnyValue(), reason);
+    for (auto &f : incoming)
+        f.second.cancel();
+    for (auto &s : served)
+        s.second.object->disconnect(s.second.localLink);
+    held.clear();
+    if (!exports.empty()) {
+        // The last reference to a local object may run user code in its destructor.
+        auto doomed = std::make_shared<std::map<uint64_t, Export>>(std::move(exports));
+        FrameworkPool::instance().post([doomed]() { doomed->clear(); });
+    }
+    if (auto session = m_session.lock())
+        session->onLinkClosed(self, reason);
+}
+
+void PeerLink::setStalled(bool stalled)
+{
+    bool schedule = false;
+    {
+        std::lock_guard<std::mutex> lock(m_writeMutex);
+        if (m_closed || m_stalled == stalled)
+            return;
+        m_stalled = stalled;
+        if (!stalled && !m_queue.empty() && !m_flushScheduled) {
+            m_flushScheduled = true;
+            schedule = true;
+        }
+    }
+    if (stalled)
+        return;
+    m_lastReceived = nowMs();
+    if (schedule)
+        scheduleFlush();
+    auto self = shared_from_this();
+    asio::post(m_strand, [self]() {
+        self->m_lastReceived = nowMs();
+        self->processInput();
+    });
+}
+} // namespace detail
+} // namespace wz

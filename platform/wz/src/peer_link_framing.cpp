@@ -1,0 +1,393 @@
+// Framing: bytes to and from the socket, cut into frames and decoded.
+
+#include "peer_link.h"
+#include "peer_link_support.h"
+
+#include <wz/log.h>
+
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/post.hpp>
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+namespace wz {
+namespace detail {
+
+namespace asio = boost::asio;
+using asio::ip::tcp;
+
+namespace {
+
+constexpr size_t kMaxQueuedBytes = size_t(256) << 20;
+
+// Large frames reuse a few buffers: a fresh multi-megabyte allocation is
+// mapped anew by the allocator and costs a page fault per 4 KiB written, which
+// on a camera stream is more than the copy from the socket itself.
+class LargeBufferPool
+{
+public:
+    static LargeBufferPool &instance()
+    {
+        static LargeBufferPool *pool = new LargeBufferPool; // leaked: buffers may outlive statics
+        return *pool;
+    }
+
+    std::shared_ptr<char[]> get(size_t size)
+    {
+        std::unique_ptr<char[]> buf;
+        size_t capacity = size;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            // The smallest kept buffer that fits without wasting more than half.
+            auto best = m_free.end();
+            for (auto it = m_free.begin(); it != m_free.end(); ++it) {
+                if (it->first >= size && it->first <= size * 2
+                    && (best == m_free.end() || it->first < best->first))
+                    best = it;
+            }
+            if (best != m_free.end()) {
+                capacity = best->first;
+                buf = std::move(best->second);
+                m_keptBytes -= capacity;
+                m_free.erase(best);
+            }
+        }
+        if (!buf)
+            buf.reset(new char[size]);
+        char *raw = buf.release();
+        return std::shared_ptr<char[]>(raw, [capacity](char *p) {
+            LargeBufferPool::instance().put(std::unique_ptr<char[]>(p), capacity);
+        });
+    }
+
+private:
+    void put(std::unique_ptr<char[]> buf, size_t capacity)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_free.size() >= kMaxKept || m_keptBytes + capacity > kMaxKeptBytes)
+            return; // freed here
+        m_keptBytes += capacity;
+        m_free.emplace_back(capacity, std::move(buf));
+    }
+
+    static constexpr size_t kMaxKept = 8;
+    static constexpr size_t kMaxKeptBytes = size_t(96) << 20;
+    std::mutex m_mutex;
+    std::vector<std::pair<size_t, std::unique_ptr<char[]>>> m_free;
+    size_t m_keptBytes = 0;
+};
+
+std::shared_ptr<char[]> largeFrameBuffer(size_t size)
+{
+    return LargeBufferPool::instance().get(size);
+}
+
+} // namespace
+
+// ---- writing ----
+
+size_t sendSome(int fd, std::vector<iovec> iov, std::string &error)
+{
+    size_t written = 0;
+    size_t first = 0;
+    while (first < iov.size()) {
+        msghdr mh {};
+        mh.msg_iov = iov.data() + first;
+        mh.msg_iovlen = std::min<size_t>(iov.size() - first, IOV_MAX);
+        const ssize_t n = ::sendmsg(fd, &mh, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n < 0) {
+            if (errno == EINTR)
+                continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK)
+                error = errno == EPIPE || errno == ECONNRESET ? "connection reset by peer"
+                                                              : std::strerror(errno);
+            break;
+        }
+        written += static_cast<size_t>(n);
+        size_t left = static_cast<size_t>(n);
+        while (left > 0 && first < iov.size()) {
+            if (left >= iov[first].iov_len) {
+                left -= iov[first].iov_len;
+                ++first;
+            } else {
+                iov[first].iov_base = static_cast<char *>(iov[first].iov_base) + left;
+                iov[first].iov_len -= left;
+                left = 0;
+            }
+        }
+    }
+    return written;
+}
+
+namespace {
+
+std::vector<iovec> piecesOf(const std::shared_ptr<FrameBuffer> &frame, const std::string &raw,
+                            size_t offset)
+{
+    if (frame)
+        return frame->iovecs(offset);
+    return {iovec {const_cast<char *>(raw.data() + offset), raw.size() - offset}};
+}
+
+} // namespace
+
+bool PeerLink::write(std::shared_ptr<FrameBuffer> frame, std::string raw)
+{
+    std::string error;
+    bool schedule = false;
+    {
+        std::lock_guard<std::mutex> lock(m_writeMutex);
+        if (m_closed)
+            return false;
+        Queued q {std::move(frame), std::move(raw), 0};
+        const size_t size = q.size();
+        if (m_queue.empty() && !m_stalled) {
+            q.offset = sendSome(m_fd, piecesOf(q.frame, q.raw, 0), error);
+            if (error.empty() && q.offset == size) {
+                m_lastSent = nowMs();
+                return true;
+            }
+        }
+        if (error.empty()) {
+            m_queuedBytes += size - q.offset;
+            m_queue.push_back(std::move(q));
+            if (m_queuedBytes > kMaxQueuedBytes) {
+                error = "the peer does not read (over 256 MiB queued)";
+            } else if (!m_flushScheduled && !m_stalled) {
+                m_flushScheduled = true;
+                schedule = true;
+            }
+        }
+    }
+    if (!error.empty()) {
+        log::LogStream(LogLevel_Warning, kTransport, __FUNCTION__)
+            << "closing connection to " << m_peerId << ": " << error;
+        close("disconnected: " + error, CloseMode::Reset);
+        return false;
+    }
+    if (schedule)
+        scheduleFlush();
+    return true;
+}
+
+bool PeerLink::flushLocked(std::string &error)
+{
+    while (!m_queue.empty()) {
+        Queued &q = m_queue.front();
+        const size_t n = sendSome(m_fd, piecesOf(q.frame, q.raw, q.offset), error);
+        q.offset += n;
+        m_queuedBytes -= n;
+        if (n > 0)
+            m_lastSent = nowMs();
+        if (q.offset < q.size())
+            return false;
+        m_queue.pop_front();
+    }
+    return true;
+}
+
+void PeerLink::scheduleFlush()
+{
+    auto self = shared_from_this();
+    asio::post(m_strand, [self]() {
+        self->m_socket.async_wait(
+            tcp::socket::wait_write,
+            asio::bind_executor(self->m_strand, [self](const boost::system::error_code &ec) {
+                self->onWritable(ec);
+            }));
+    });
+}
+
+void PeerLink::onWritable(const boost::system::error_code &ec)
+{
+    std::string error;
+    bool again = false;
+    {
+        std::lock_guard<std::mutex> lock(m_writeMutex);
+        if (m_closed)
+            return;
+        if (ec) {
+            error = ec.message();
+        } else if (!m_stalled) {
+            flushLocked(error);
+        }
+        if (error.empty()) {
+            if (!m_queue.empty() && !m_stalled)
+                again = true;
+            else
+                m_flushScheduled = false;
+        }
+    }
+    if (!error.empty()) {
+        close("disconnected: " + error, CloseMode::Quiet);
+        return;
+    }
+    if (again) {
+        auto self = shared_from_this();
+        m_socket.async_wait(
+            tcp::socket::wait_write,
+            asio::bind_executor(
+                m_strand, [self](const boost::system::error_code &e) { self->onWritable(e); }));
+    }
+}
+
+void PeerLink::sendRaw(const std::string &bytes)
+{
+    write(nullptr, bytes);
+}
+
+// ---- reading ----
+
+void PeerLink::readSome()
+{
+    if (m_reading || !m_open || m_stalled)
+        return;
+    if (m_rxBegin == m_rxEnd) {
+        m_rxBegin = m_rxEnd = 0;
+    } else if (m_rxEnd == kRxCapacity) {
+        std::memmove(m_rx.get(), m_rx.get() + m_rxBegin, m_rxEnd - m_rxBegin);
+        m_rxEnd -= m_rxBegin;
+        m_rxBegin = 0;
+    }
+    m_reading = true;
+    auto self = shared_from_this();
+    m_socket.async_read_some(
+        asio::buffer(m_rx.get() + m_rxEnd, kRxCapacity - m_rxEnd),
+        asio::bind_executor(m_strand, [self](const boost::system::error_code &ec, size_t n) {
+            self->onRead(ec, n);
+        }));
+}
+
+void PeerLink::failRead(const boost::system::error_code &ec)
+{
+    if (!m_open)
+        return;
+    std::string reason;
+    if (ec == asio::error::eof)
+        reason = "disconnected: connection closed by peer";
+    else if (ec == asio::error::connection_reset)
+        reason = "disconnected: connection reset by peer";
+    else
+        reason = "disconnected: " + ec.message();
+    log::LogStream(LogLevel_Info, kTransport, __FUNCTION__) << m_peerId << ": " << reason;
+    close(reason, CloseMode::Quiet);
+}
+
+void PeerLink::onRead(const boost::system::error_code &ec, size_t n)
+{
+    m_reading = false;
+    if (ec) {
+        failRead(ec);
+        return;
+    }
+    m_rxEnd += n;
+    m_lastReceived = nowMs();
+    processInput();
+}
+
+void PeerLink::protocolError(const std::string &why)
+{
+    if (!m_open)
+        return;
+    log::LogStream(LogLevel_Error, kTransport, __FUNCTION__)
+        << "closing connection to " << m_peerId << ": protocol error: " << why;
+    close("disconnected: protocol error: " + why, CloseMode::Quiet);
+}
+
+void PeerLink::processInput()
+{
+    while (m_open && !m_stalled && !m_reading) {
+        const size_t avail = m_rxEnd - m_rxBegin;
+        if (avail < kHeaderSize)
+            break;
+        size_t body;
+        try {
+            body = parseHeader(reinterpret_cast<const unsigned char *>(m_rx.get() + m_rxBegin));
+        } catch (const ProtocolError &e) {
+            protocolError(e.what());
+            return;
+        }
+        if (avail >= kHeaderSize + body) {
+            std::shared_ptr<char[]> frame(new char[body]);
+            std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, body);
+            m_rxBegin += kHeaderSize + body;
+            handleFrame(frame, frame.get(), body);
+            continue;
+        }
+        if (kHeaderSize + body > kRxCapacity) {
+            readLargeFrame(body);
+            return;
+        }
+        break;
+    }
+    readSome();
+}
+
+void PeerLink::readLargeFrame(size_t body)
+{
+    // Read straight into the frame's own buffer: a large binary value is
+    // then handed to the caller without another copy.
+    std::shared_ptr<char[]> frame = largeFrameBuffer(body);
+    const size_t have = m_rxEnd - m_rxBegin - kHeaderSize;
+    std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, have);
+    m_rxBegin = m_rxEnd = 0;
+    m_reading = true;
+    auto self = shared_from_this();
+    auto filled = std::make_shared<size_t>(have);
+    auto step = std::make_shared<std::function<void()>>();
+    std::weak_ptr<std::function<void()>> weakStep = step;
+    *step = [self, frame, body, filled, weakStep]() {
+        auto next = weakStep.lock();
+        self->m_socket.async_read_some(
+            asio::buffer(frame.get() + *filled, body - *filled),
+            asio::bind_executor(
+                self->m_strand,
+                [self, frame, body, filled, next](const boost::system::error_code &ec, size_t n) {
+                    if (ec) {
+                        self->m_reading = false;
+                        self->failRead(ec);
+                        return;
+                    }
+                    self->m_lastReceived = nowMs();
+                    *filled += n;
+                    if (*filled < body) {
+                        (*next)();
+                        return;
+                    }
+                    self->m_reading = false;
+                    self->handleFrame(frame, frame.get(), body);
+                    self->processInput();
+                }));
+    };
+    (*step)();
+}
+
+void PeerLink::handleFrame(const std::shared_ptr<const void> &owner, const char *body, size_t size)
+{
+    Message msg;
+    try {
+        msg = decodeMessage(owner, body, size, this);
+    } catch (const ProtocolError &e) {
+        protocolError(e.what());
+        return;
+    } catch (const std::exception &e) {
+        // Out of memory and the like while decoding: still this peer's doing.
+        protocolError(std::string("undecodable frame: ") + e.what());
+        return;
+    }
+    try {
+        dispatch(msg);
+    } catch (const std::exception &e) {
+        log::LogStream(LogLevel_Error, kTransport, __FUNCTION__)
+            << "handling a " << msgKindName(msg.kind) << " message from " << m_peerId
+            << " failed: " << e.what();
+        if (msg.id != 0 && msg.kind != MsgKind::Reply && msg.kind != MsgKind::Error)
+            sendError(msg.id, e.what());
+    }
+}
+} // namespace detail
+} // namespace wz
