@@ -1,10 +1,6 @@
 #pragma once
 
-#if __has_include(<connection/nimiob_export.h>)
-#    include <connection/nimiob_export.h>
-#else
-#    define NIMIOB_EXPORT __attribute__((visibility("default")))
-#endif
+#include <connection/nimiob_export.h>
 
 #include <wz/project/project_model.h>
 

@@ -1,6 +1,7 @@
 #include "sartel_almodule_p.h"
 #include <connection/connection.h>
 #include <connection/memory_interface.h>
+#include <connection/package_manager_interface.h>
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
 
@@ -305,6 +306,7 @@ void Connection::buildInterfaces()
     }
     if (packageManager()) {
         // [17 PackageManagerInterface]
+        m_packageManagerInterface = makeInterface<PackageManagerInterface>(self);
     }
 
     if (m_engagementZones) {
