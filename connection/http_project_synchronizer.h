@@ -48,6 +48,8 @@ private:
 
     mutable QMutex m_mutex;
     SynchronizationThread *m_thread = nullptr;
+    // The thread a wait() is taking; onFinished leaves it alone.
+    SynchronizationThread *m_waitedFor = nullptr;
     bool m_cancelled = false;
     int m_noDataTimeout = 30000;
     std::atomic<int> m_latestValue {0};

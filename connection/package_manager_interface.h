@@ -6,7 +6,6 @@
 #include <wz/package_info.h>
 
 #include <QFuture>
-#include <QImage>
 #include <QMetaType>
 #include <QObject>
 #include <QPair>
@@ -17,6 +16,9 @@
 #include <boost/shared_ptr.hpp>
 
 Q_DECLARE_METATYPE(wz::PackageInfo)
+
+// Icons are QImage values: a caller of getPackageIcon includes <QImage> and links QtGui.
+QT_FORWARD_DECLARE_CLASS(QImage)
 
 namespace RK {
 
@@ -49,8 +51,8 @@ public:
     QFuture<QString> install(const QString &path, const QString &option, const QString &md5);
     // Sends a local package file through `synchronizer` (which the caller
     // owns, and may follow and cancel), then installs it.
-    QFuture<QString> installFromRemote(HttpProjectSynchronizer *synchronizer,
-                                       const QString &source, const QString &option);
+    QFuture<QString> installFromRemote(HttpProjectSynchronizer *synchronizer, const QString &source,
+                                       const QString &option);
     QFuture<QString> remove(const QString &uuid);
     // Empty when all went well; otherwise a count first, then one text per failure.
     QFuture<QStringList> removeSeveral(const QStringList &uuids);

@@ -145,8 +145,8 @@ void HttpProjectSynchronizer::onFinished()
     bool cancelled = false;
     {
         QMutexLocker lock(&m_mutex);
-        if (sender() != m_thread || !m_thread)
-            return; // already taken by wait()
+        if (sender() != m_thread || !m_thread || m_thread == m_waitedFor)
+            return; // taken by wait()
         thread = m_thread;
         m_thread = nullptr;
         cancelled = m_cancelled;
@@ -166,21 +166,23 @@ QString HttpProjectSynchronizer::wait()
     {
         QMutexLocker lock(&m_mutex);
         thread = m_thread;
-        if (!thread)
+        if (!thread || m_waitedFor)
             return QString();
-        m_thread = nullptr; // a queued onFinished finds nothing to take
+        m_waitedFor = thread; // still busy until it has ended
     }
     disconnect(thread, &QThread::finished, this, &HttpProjectSynchronizer::onFinished);
     disconnect(thread, &SynchronizationThread::connectionLost, this,
                &ProjectSynchronizer::connectionLost);
     thread->wait();
     const QString error = thread->lastError();
-    delete thread;
     bool cancelled = false;
     {
         QMutexLocker lock(&m_mutex);
+        m_thread = nullptr;
+        m_waitedFor = nullptr;
         cancelled = m_cancelled;
     }
+    delete thread;
     if (!error.isEmpty())
         return error;
     return cancelled ? tr("cancelled") : QString();

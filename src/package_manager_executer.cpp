@@ -100,7 +100,8 @@ wz::PackageInfo PackageManagerExecuter::getPackage(QString uuid)
     try {
         return wz::PackageInfo(proxy->call<VX::VXValue>("getPackage", uuid.toStdString()));
     } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__) << "getPackage: " << e.what();
+        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
+            << "getPackage: " << e.what();
         return wz::PackageInfo();
     }
 }
@@ -119,8 +120,8 @@ QImage PackageManagerExecuter::getPackageIcon(QString uuid)
         const VX::VXValue icon = proxy->call<VX::VXValue>("getPackageIcon", uuid.toStdString());
         if (!icon.isBinary())
             return QImage();
-        return QImage::fromData(QByteArray(static_cast<const char *>(icon.GetBinary()),
-                                           int(icon.getSize())));
+        return QImage::fromData(
+            QByteArray(static_cast<const char *>(icon.GetBinary()), int(icon.getSize())));
     } catch (const std::exception &e) {
         wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
             << "getPackageIcon: " << e.what();
@@ -185,7 +186,8 @@ QString PackageManagerExecuter::install(QString path, QString option, QString md
     try {
         if (xInstallPackage(path, option, md5))
             return QString();
-        return installText(QStringLiteral("Package ") + path + QStringLiteral(" already installed."));
+        return installText(QStringLiteral("Package ") + path
+                           + QStringLiteral(" already installed."));
     } catch (const std::exception &e) {
         return installText(QString::fromUtf8(e.what()));
     }
@@ -236,7 +238,8 @@ QString PackageManagerExecuter::installFromRemote(HttpProjectSynchronizer *synch
     try {
         if (xInstallPackage(target, option, QString()))
             return QString();
-        return installText(QStringLiteral("Package ") + target + QStringLiteral(" already installed."));
+        return installText(QStringLiteral("Package ") + target
+                           + QStringLiteral(" already installed."));
     } catch (const std::exception &e) {
         return installText(QString::fromUtf8(e.what()));
     }

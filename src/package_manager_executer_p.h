@@ -45,7 +45,8 @@ public:
     QPair<QString, QString> openFileTransferSession(QString name);
     void closeFileTransferSession(QString session);
     QString install(QString path, QString option, QString md5);
-    QString installFromRemote(HttpProjectSynchronizer *synchronizer, QString source, QString option);
+    QString installFromRemote(HttpProjectSynchronizer *synchronizer, QString source,
+                              QString option);
     QString remove(QString uuid);
     QStringList removeSeveral(QStringList uuids);
 

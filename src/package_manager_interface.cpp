@@ -11,7 +11,8 @@ PackageManagerInterface::PackageManagerInterface(boost::shared_ptr<Connection> c
     qRegisterMetaType<wz::PackageInfo>("wz::PackageInfo");
     forward(&PackageManagerExecuter::packageInstalled, this,
             &PackageManagerInterface::packageInstalled);
-    forward(&PackageManagerExecuter::packageRemoved, this, &PackageManagerInterface::packageRemoved);
+    forward(&PackageManagerExecuter::packageRemoved, this,
+            &PackageManagerInterface::packageRemoved);
 }
 
 PackageManagerInterface::~PackageManagerInterface() = default;
@@ -31,7 +32,8 @@ QFuture<QImage> PackageManagerInterface::getPackageIcon(const QString &uuid)
     return run(&PackageManagerExecuter::getPackageIcon, uuid);
 }
 
-QFuture<QPair<QString, QString>> PackageManagerInterface::openFileTransferSession(const QString &name)
+QFuture<QPair<QString, QString>>
+PackageManagerInterface::openFileTransferSession(const QString &name)
 {
     return run(&PackageManagerExecuter::openFileTransferSession, name);
 }

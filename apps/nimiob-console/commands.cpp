@@ -18,7 +18,15 @@ namespace console {
       "subscribe micro events and print each one as it arrives, until Ctrl-C or --for") \
     X(call, "MODULE METHOD [VALUE...] [--check]", \
       "post a call by name with up to 6 values (true/false, numbers, text); --check asks the " \
-      "box whether it is enabled first; failures are shown as their dialog texts")
+      "box whether it is enabled first; failures are shown as their dialog texts") \
+    X(push, "DIR REMOTE [--merge]", \
+      "send a local project directory to the robot's store with a progress line; --merge " \
+      "keeps the remote files it does not replace; Ctrl-C cancels (exit 130)") \
+    X(pull, "REMOTE DIR", "fetch a remote project into a new or empty directory; Ctrl-C cancels") \
+    X(rm, "REMOTE", "delete a remote project; Ctrl-C cancels") \
+    X(packages, "", "list the installed packages: uuid, version, name") \
+    X(install, "FILE", "send a package file to the robot and install it; Ctrl-C cancels") \
+    X(uninstall, "UUID...", "remove packages by uuid")
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);
