@@ -1,9 +1,12 @@
-#include "sartel_almodule_p.h"
+#include <connection/basic_awareness_interface.h>
 #include <connection/connection.h>
+#include <connection/engagement_zones_interface.h>
 #include <connection/memory_interface.h>
 #include <connection/package_manager_interface.h>
+#include <connection/people_perception_interface.h>
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
+#include <connection/world_representation_interface.h>
 
 #include "sartel_almodule_p.h"
 #include "service_table_p.h"
@@ -303,6 +306,7 @@ void Connection::buildInterfaces()
     }
     if (m_worldRepresentation) {
         // [16 WorldRepresentationInterface]
+        m_worldRepresentationInterface = makeInterface<WorldRepresentationInterface>(self);
     }
     if (packageManager()) {
         // [17 PackageManagerInterface]
@@ -312,6 +316,7 @@ void Connection::buildInterfaces()
     if (m_engagementZones) {
         try {
             // [18 EngagementZonesInterface]
+            m_engagementZonesInterface = makeInterface<EngagementZonesInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize EngagementZones interface: " << e.what();
@@ -331,6 +336,7 @@ void Connection::buildInterfaces()
     if (m_peoplePerception) {
         try {
             // [20 PeoplePerceptionInterface]
+            m_peoplePerceptionInterface = makeInterface<PeoplePerceptionInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize PeoplePerception interface: " << e.what();
@@ -341,6 +347,7 @@ void Connection::buildInterfaces()
     if (m_basicAwareness) {
         try {
             // [21 BasicAwarenessInterface]
+            m_basicAwarenessInterface = makeInterface<BasicAwarenessInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize BasicAwareness interface: " << e.what();

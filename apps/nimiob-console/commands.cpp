@@ -19,6 +19,16 @@ namespace console {
     X(call, "MODULE METHOD [VALUE...] [--check]", \
       "post a call by name with up to 6 values (true/false, numbers, text); --check asks the " \
       "box whether it is enabled first; failures are shown as their dialog texts") \
+    X(world, "[--for SECONDS] [--period MS]", \
+      "list the robot's objects (category, parent, position, Display label), then print " \
+      "changes as they come: added, removed, moved, displayed") \
+    X(object, "NAME", \
+      "show one object: category, position from its parent and from the root, every " \
+      "attribute field") \
+    X(people, "[--for SECONDS]", \
+      "show the detection range and who is present, then arrivals, departures and positions") \
+    X(zones, "[--for SECONDS]", \
+      "show the three engagement zone limits and who is tracked; with --for, the changes too") \
     X(push, "DIR REMOTE [--merge]", \
       "send a local project directory to the robot's store with a progress line; --merge " \
       "keeps the remote files it does not replace; Ctrl-C cancels (exit 130)") \

@@ -1,9 +1,13 @@
+#include <sim/basic_awareness_service.h>
 #include <sim/device_services.h>
+#include <sim/engagement_zones_service.h>
 #include <sim/frame_manager_service.h>
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
 #include <sim/motion_service.h>
+#include <sim/people_perception_service.h>
 #include <sim/service.h>
+#include <sim/world_representation_service.h>
 
 namespace sim {
 
@@ -45,11 +49,11 @@ std::vector<ServiceEntry> defaultServices()
         entry<BatteryService>("VXBattery"),
         placeholder("VXLauncher"),
         placeholder("VXDialog"),
-        placeholder("VXWorldRepresentation"),
+        entry<WorldRepresentationService>("VXWorldRepresentation"),
         entry<PackageManagerService>("PackageManager"),
-        placeholder("VXEngagementZones"),
-        placeholder("VXPeoplePerception"),
-        placeholder("VXBasicAwareness"),
+        entry<EngagementZonesService>("VXEngagementZones"),
+        entry<PeoplePerceptionService>("VXPeoplePerception"),
+        entry<BasicAwarenessService>("VXBasicAwareness"),
         placeholder("VXAutonomousLife"),
         placeholder("DCM"),
     };
