@@ -1,4 +1,6 @@
+#include <connection/autonomous_life_interface.h>
 #include <connection/basic_awareness_interface.h>
+#include <connection/behavior_manager_interface.h>
 #include <connection/connection.h>
 #include <connection/engagement_zones_interface.h>
 #include <connection/memory_interface.h>
@@ -291,6 +293,7 @@ void Connection::buildInterfaces()
 
     // [6 ResourcesInterface] always.
     // [7 BehaviorManagerInterface] always.
+    m_behaviorManagerInterface = makeInterface<BehaviorManagerInterface>(self);
     // [8 ConfigInterface] always.
     // [9 LogListenerInterface] always.
     // [10 AudioInterface] always.
@@ -325,13 +328,13 @@ void Connection::buildInterfaces()
     }
 
     // [19 AutonomousLifeInterface] only if the session gives the service
-    // "VXAutonomousLife"; any std::exception clears the field without a word:
-    //   try {
-    //       wz::Object life = m_session->service("VXAutonomousLife", "").value();
-    //       m_autonomousLifeInterface = makeInterface<AutonomousLifeInterface>(self, life);
-    //   } catch (const std::exception &) {
-    //       releaseField(m_autonomousLifeInterface);
-    //   }
+    // "VXAutonomousLife"; any std::exception clears the field without a word.
+    try {
+        wz::Object life = m_session->service("VXAutonomousLife", "").value();
+        m_autonomousLifeInterface = makeInterface<AutonomousLifeInterface>(self, life);
+    } catch (const std::exception &) {
+        releaseField(m_autonomousLifeInterface);
+    }
 
     if (m_peoplePerception) {
         try {
@@ -369,6 +372,9 @@ void Connection::connectInterfaceSignals()
     }
     // [VXSartelRecorder] displayErrorRequested.
     // [BehaviorManagerInterface] displayErrorRequested.
+    if (m_behaviorManagerInterface)
+        connect(m_behaviorManagerInterface.get(), &BehaviorManagerInterface::displayErrorRequested,
+                this, &Connection::displayErrorRequested);
     // [RobotPostureInterface] displayErrorRequested.
 }
 

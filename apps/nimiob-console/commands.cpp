@@ -29,6 +29,17 @@ namespace console {
       "show the detection range and who is present, then arrivals, departures and positions") \
     X(zones, "[--for SECONDS]", \
       "show the three engagement zone limits and who is tracked; with --for, the changes too") \
+    X(behaviors, "", "list the installed, running and default behaviours and the box libraries") \
+    X(run, "NAME [--for SECONDS]", \
+      "run a behaviour and print its states with times, box errors and error dialogs; Ctrl-C " \
+      "or the end of --for stops it") \
+    X(stop, "NAME|--all", "stop a behaviour, or all of them, and print what still runs") \
+    X(debug, "NAME [--io BOX__IO,...] [--timeline NAME] [--for SECONDS]", \
+      "load a behaviour in the debugger, run it and print each input and output as it fires " \
+      "and the timeline's frame") \
+    X(life, "[STATE] | --focus NAME", \
+      "print the autonomous life state; with STATE set it, with --focus hand the focus to a " \
+      "behaviour; then print the change as the robot reports it") \
     X(push, "DIR REMOTE [--merge]", \
       "send a local project directory to the robot's store with a progress line; --merge " \
       "keeps the remote files it does not replace; Ctrl-C cancels (exit 130)") \

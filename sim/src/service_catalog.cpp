@@ -1,4 +1,5 @@
 #include <sim/basic_awareness_service.h>
+#include <sim/behavior_manager_service.h>
 #include <sim/device_services.h>
 #include <sim/engagement_zones_service.h>
 #include <sim/frame_manager_service.h>
@@ -33,7 +34,7 @@ std::vector<ServiceEntry> defaultServices()
     return {
         entry<MemoryService>("VXMemory"),
         entry<FrameManagerService>("VXFrameManager"),
-        placeholder("VXBehaviorManager"),
+        entry<BehaviorManagerService>("VXBehaviorManager"),
         placeholder("VXRobotModel"),
         entry<MotionService>("VXMotion"),
         placeholder("VXPreferences"),
@@ -54,7 +55,7 @@ std::vector<ServiceEntry> defaultServices()
         entry<EngagementZonesService>("VXEngagementZones"),
         entry<PeoplePerceptionService>("VXPeoplePerception"),
         entry<BasicAwarenessService>("VXBasicAwareness"),
-        placeholder("VXAutonomousLife"),
+        entry<AutonomousLifeService>("VXAutonomousLife"),
         placeholder("DCM"),
     };
 }
