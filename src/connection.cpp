@@ -11,6 +11,7 @@
 #include <connection/launcher_interface.h>
 #include <connection/log_listener_interface.h>
 #include <connection/memory_interface.h>
+#include <connection/package_manager_interface.h>
 #include <connection/people_perception_interface.h>
 #include <connection/platform.h>
 #include <connection/recorder_module.h>
@@ -336,6 +337,7 @@ void Connection::buildInterfaces()
     }
     if (packageManager()) {
         // [17 PackageManagerInterface]
+        m_packageManagerInterface = makeInterface<PackageManagerInterface>(self);
     }
 
     if (m_engagementZones) {

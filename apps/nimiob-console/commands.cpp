@@ -67,7 +67,15 @@ namespace console {
       "and the timeline's frame") \
     X(life, "[STATE] | --focus NAME", \
       "print the autonomous life state; with STATE set it, with --focus hand the focus to a " \
-      "behaviour; then print the change as the robot reports it")
+      "behaviour; then print the change as the robot reports it") \
+    X(push, "DIR REMOTE [--merge]", \
+      "send a local project directory to the robot's store with a progress line; --merge " \
+      "keeps the remote files it does not replace; Ctrl-C cancels (exit 130)") \
+    X(pull, "REMOTE DIR", "fetch a remote project into a new or empty directory; Ctrl-C cancels") \
+    X(rm, "REMOTE", "delete a remote project; Ctrl-C cancels") \
+    X(packages, "", "list the installed packages: uuid, version, name") \
+    X(install, "FILE", "send a package file to the robot and install it; Ctrl-C cancels") \
+    X(uninstall, "UUID...", "remove packages by uuid")
 
 #define NIMIOB_DECLARE_COMMAND(name, usage, summary) \
     int name##Command(Console &console, const QStringList &arguments);

@@ -18,7 +18,7 @@ void usage(FILE *out)
 {
     std::fprintf(out,
                  "usage: morvane-sim [--listen tcp://127.0.0.1:9559] [--scenario FILE] "
-                 "[--behaviors DIR] [--verbose]\n"
+                 "[--behaviors DIR] [--store DIR] [--verbose]\n"
                  "SIGHUP stops the robot and starts a fresh one on the same port.\n");
 }
 
@@ -37,6 +37,8 @@ int main(int argc, char **argv)
             (arg == "--listen" ? options.listenUrl : scenarioFile) = argv[++i];
         } else if (arg == "--behaviors" && i + 1 < argc) {
             behaviorDir = argv[++i];
+        } else if (arg == "--store" && i + 1 < argc) {
+            options.storeDir = argv[++i];
         } else if (arg == "--verbose") {
             options.verbose = true;
         } else if (arg == "--help" || arg == "-h") {

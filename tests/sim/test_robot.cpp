@@ -12,6 +12,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
 
 #include <gtest/gtest.h>
 
@@ -105,7 +106,7 @@ TEST_F(SimRobot, OffersEveryServiceABindingLooksFor)
     EXPECT_EQ(client->service("VXNoSuch").error(10000), wz::serviceNotFoundText("VXNoSuch"));
 }
 
-TEST_F(SimRobot, HttpPortAnswersUntilAFileServerExists)
+TEST_F(SimRobot, HttpPortIsTheFileServers)
 {
     const wz::Object packages = client->service("PackageManager").value(10000);
     const int port = packages.call<int>("_getHttpTransferPort");
@@ -116,9 +117,11 @@ TEST_F(SimRobot, HttpPortAnswersUntilAFileServerExists)
     asio::io_context io;
     asio::ip::tcp::socket socket(io);
     socket.connect({asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(port)});
+    const std::string request = "GET / HTTP/1.1\r\n\r\n";
+    asio::write(socket, asio::buffer(request));
     std::string reply(12, '\0');
     asio::read(socket, asio::buffer(&reply[0], reply.size()));
-    EXPECT_EQ(reply, "HTTP/1.1 503");
+    EXPECT_EQ(reply, "HTTP/1.1 200");
 }
 
 TEST_F(SimRobot, KeysReadWriteAndFailLikeARobot)

@@ -6,12 +6,14 @@
 #include <wz/log.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace sim {
 
@@ -32,9 +34,43 @@ private:
     std::atomic<int> m_charge {87};
 };
 
-// "PackageManager": for now only the port of the HTTP side channel. Until a
-// file server claims the port (Robot::setHttpTransferPort), a placeholder
-// listener answers every request with 503.
+// A misbehaviour of the file server, for tests of the client's error paths.
+// It hits the requests whose method and target match (empty: any), `times`
+// of them (-1: until cleared).
+struct HttpFault
+{
+    enum class Kind {
+        None,
+        Status, // answer `status` with `body` (after a PUT's body)
+        FinalInsteadOfContinue, // PUT with Expect: a final 200 at once, no 100
+        NoContinue, // PUT with Expect: never a 100, just wait for the body
+        Stall, // read the request, never answer
+        SlowBody, // a GET answer sent, or a PUT body read, `bytes` at a time, `delay` apart
+        DropAfter, // close after `bytes` bytes of the answer
+        LengthOff, // Content-Length off by `lengthDelta`
+        Malformed, // `body` (or a broken status line) as the whole answer, then close
+        Listing, // a directory's listing is `names`, one a line, as given
+    };
+    Kind kind = Kind::None;
+    std::string method;
+    std::string pathContains;
+    int status = 0;
+    std::string body;
+    size_t bytes = 1024;
+    std::chrono::milliseconds delay {0};
+    long long lengthDelta = 0;
+    std::vector<std::string> names;
+    int times = -1;
+};
+
+class FileServer;
+struct PackageRecord;
+
+// "PackageManager": installed packages, file transfer sessions and the HTTP
+// file server on the port of _getHttpTransferPort, serving the store
+// directory (RobotOptions::storeDir, a fresh temporary directory when empty).
+// Generation 2 offers installCheckMd5, removePkg and packageIcon beside the
+// older install, remove and getPackageIcon; generation 1 only the older ones.
 class SIM_API PackageManagerService : public Service
 {
 public:
@@ -43,10 +79,22 @@ public:
     void describe(ServiceBuilder &builder) override;
     void start() override;
     void stop() override;
+    // Settings: {"generation": 1|2, "packages": "clear"}.
+    void configure(const wz::AnyValue &settings) override;
+
+    void setGeneration(int generation);
+    int generation() const;
+    // The store on disk ("" before start()).
+    std::string storeDir() const;
+    void setHttpFault(const HttpFault &fault);
+    void clearHttpFault() { setHttpFault(HttpFault()); }
+    std::vector<std::string> installedUuids() const;
+    void clearPackages();
+    std::vector<std::string> openSessions() const;
 
 private:
-    class Placeholder;
-    std::unique_ptr<Placeholder> m_placeholder;
+    struct State;
+    std::unique_ptr<State> d;
 };
 
 // "LogManager": getListener() hands out a new listener object fed by this

@@ -32,6 +32,9 @@ struct RobotOptions
     // moving, people coming and going), unless a scenario says otherwise.
     // Off by default so that a test's robot raises only what the test asks.
     bool lively = false;
+    // Root of the file server's store; a fresh temporary directory, removed
+    // with the robot, when empty.
+    std::string storeDir;
     // The services to offer; empty means defaultServices().
     std::vector<ServiceEntry> services;
 };

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <connection/meta_types.h>
+#include <connection/package_manager_interface.h>
+
+#include <vx/vxvalue.h>
+
+#include <QImage>
+#include <QObject>
+#include <QPair>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <atomic>
+
+namespace VX {
+class VXProxy;
+}
+
+namespace RK {
+
+class Connection;
+class HttpProjectSynchronizer;
+
+// Calls the robot's "PackageManager" on pool threads, taking the newer
+// method of each pair when the service offers it.
+class PackageManagerExecuter : public QObject
+{
+    Q_OBJECT
+
+public:
+    static const char *const a_packageInstalledKey;
+    static const char *const a_packageRemovedKey;
+
+    explicit PackageManagerExecuter(boost::shared_ptr<Connection> connection);
+    ~PackageManagerExecuter() override;
+
+    QVector<wz::PackageInfo> getPackages();
+    wz::PackageInfo getPackage(QString uuid);
+    QImage getPackageIcon(QString uuid);
+    QPair<QString, QString> openFileTransferSession(QString name);
+    void closeFileTransferSession(QString session);
+    QString install(QString path, QString option, QString md5);
+    QString installFromRemote(HttpProjectSynchronizer *synchronizer, QString source,
+                              QString option);
+    QString remove(QString uuid);
+    QStringList removeSeveral(QStringList uuids);
+
+signals:
+    void packageInstalled(wz::PackageInfo packageInfo);
+    void packageRemoved(wz::PackageInfo packageInfo);
+
+public slots:
+    void onDataChanged(const QString &name, const VX::VXValue &value);
+
+private:
+    bool xInstallPackage(const QString &path, const QString &option, const QString &md5);
+    static bool offers(const boost::shared_ptr<VX::VXProxy> &proxy, const char *method);
+
+    boost::weak_ptr<Connection> m_connection;
+    // The transfer now running; taken with compare-exchange so that two
+    // installs at once cannot both start one.
+    std::atomic<HttpProjectSynchronizer *> m_runningTransfer {nullptr};
+};
+
+} // namespace RK

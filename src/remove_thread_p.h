@@ -1,0 +1,35 @@
+#pragma once
+
+#include "synchronization_thread_p.h"
+
+#include <wz/project/project_model.h>
+
+#include <QString>
+
+#include <string>
+
+namespace RK {
+
+// Deletes one remote project with a single DELETE, connecting synchronously.
+class RemoveThread : public SynchronizationThread
+{
+    Q_OBJECT
+
+public:
+    RemoveThread(const std::string &host, int port, const QString &path,
+                 wz::project::ArchiveFormat format, QObject *parent = nullptr);
+
+    QString lastError() const override { return m_lastError; }
+
+protected:
+    void run() override;
+
+private:
+    QString m_lastError;
+    std::string m_host;
+    int m_port;
+    QString m_path;
+    wz::project::ArchiveFormat m_format;
+};
+
+} // namespace RK

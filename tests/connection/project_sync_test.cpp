@@ -1,0 +1,442 @@
+// Projects pushed, pulled and removed over HTTP against the simulated robot's
+// file server, with its fault hooks.
+#include "robot_fixture.h"
+
+#include <connection/http_project_synchronizer.h>
+
+#pragma push_macro("signals")
+#undef signals
+#include <sim/device_services.h>
+#pragma pop_macro("signals")
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QRandomGenerator>
+#include <QTcpServer>
+
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+QT_BEGIN_NAMESPACE
+inline void PrintTo(const QString &s, std::ostream *os)
+{
+    *os << '"' << s.toStdString() << '"';
+}
+QT_END_NAMESPACE
+
+namespace {
+
+namespace fs = std::filesystem;
+using Fault = sim::HttpFault;
+
+// What one synchronizer told, in order.
+struct Outcome
+{
+    explicit Outcome(RK::HttpProjectSynchronizer &s)
+    {
+        QObject::connect(&s, &RK::ProjectSynchronizer::done, [this] { ++done; });
+        QObject::connect(&s, &RK::ProjectSynchronizer::aborted, [this](const QString &reason) {
+            ++aborted;
+            reasons << reason;
+        });
+        QObject::connect(&s, &RK::ProjectSynchronizer::connectionLost, [this] { ++lost; });
+        QObject::connect(&s, &RK::ProjectSynchronizer::valueChanged, [this](int) { ++values; });
+    }
+    bool ended(int ms = 8000)
+    {
+        const int before = done + aborted;
+        return test::processUntil([&] { return done + aborted > before; }, ms);
+    }
+    int done = 0, aborted = 0, lost = 0, values = 0;
+    QStringList reasons;
+};
+
+void writeFile(wz::project::ProjectModel &model, const QString &path, const QByteArray &bytes)
+{
+    const QString dir = QFileInfo(path).path();
+    if (dir != ".") {
+        ASSERT_TRUE(model.mkdir(dir, true));
+    }
+    FILE *f = model.fopen(path, "wb");
+    ASSERT_NE(f, nullptr);
+    if (!bytes.isEmpty()) {
+        EXPECT_EQ(fwrite(bytes.constData(), 1, size_t(bytes.size()), f), size_t(bytes.size()));
+    }
+    fclose(f);
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("<missing>");
+}
+
+QMap<QString, QByteArray> contents(wz::project::ProjectModel &model)
+{
+    QMap<QString, QByteArray> all;
+    for (const QString &f : model.getFileList(QString(), true, true, false))
+        all[f] = readFile(model.rootPath() + "/" + f);
+    return all;
+}
+
+class ProjectSyncTest : public test::RobotTest
+{
+protected:
+    void SetUp() override
+    {
+        RobotTest::SetUp();
+        service = robot().serviceAs<sim::PackageManagerService>("PackageManager");
+        service->clearHttpFault();
+        store = service->storeDir();
+        for (const auto &e : fs::directory_iterator(store))
+            fs::remove_all(e.path());
+        port = robot().httpTransferPort();
+        sync = std::make_unique<RK::HttpProjectSynchronizer>();
+        sync->setNoDataTimeout(200);
+        outcome = std::make_unique<Outcome>(*sync);
+    }
+    void TearDown() override
+    {
+        service->clearHttpFault();
+        outcome.reset();
+        sync.reset();
+        RobotTest::TearDown();
+    }
+    std::unique_ptr<wz::project::ProjectModel> newModel()
+    {
+        auto m = std::make_unique<wz::project::ProjectModel>();
+        m->createNew();
+        return m;
+    }
+    // A small project of three files, for the fault cases.
+    std::unique_ptr<wz::project::ProjectModel> smallModel()
+    {
+        auto m = newModel();
+        writeFile(*m, "a.txt", "alpha");
+        writeFile(*m, "d/b.txt", QByteArray(3000, 'b'));
+        writeFile(*m, "d/c.txt", "gamma");
+        m->setMetadata("name", "small");
+        return m;
+    }
+    void push(wz::project::ProjectModel *m, const QString &path = "/p")
+    {
+        sync->push("127.0.0.1", port, m, path, wz::project::ArchiveFormat_Plain);
+    }
+    void pull(wz::project::ProjectModel *m, const QString &path = "/p")
+    {
+        sync->pull("127.0.0.1", port, path, m, wz::project::ArchiveFormat_Plain);
+    }
+    QString lastReason() const { return outcome->reasons.value(outcome->reasons.size() - 1); }
+    void setFault(Fault::Kind kind, const std::string &method, const std::string &path = "")
+    {
+        Fault f;
+        f.kind = kind;
+        f.method = method;
+        f.pathContains = path;
+        fault = f;
+    }
+    void applyFault() { service->setHttpFault(fault); }
+    // The robot works again after a fault: a plain push and pull round trip.
+    void expectHealthy()
+    {
+        service->clearHttpFault();
+        auto source = smallModel();
+        const int pushedBefore = outcome->done;
+        push(source.get());
+        ASSERT_TRUE(outcome->ended());
+        EXPECT_EQ(outcome->done, pushedBefore + 1) << lastReason().toStdString();
+        auto back = newModel();
+        const int doneBefore = outcome->done;
+        pull(back.get());
+        ASSERT_TRUE(outcome->ended());
+        EXPECT_EQ(outcome->done, doneBefore + 1) << lastReason().toStdString();
+        EXPECT_EQ(contents(*back), contents(*source));
+    }
+
+    sim::PackageManagerService *service = nullptr;
+    std::string store;
+    int port = 0;
+    Fault fault;
+    std::unique_ptr<RK::HttpProjectSynchronizer> sync;
+    std::unique_ptr<Outcome> outcome;
+};
+
+TEST_F(ProjectSyncTest, TreeRoundTripsByteIdenticalAndMergeKeepsRemoteFiles)
+{
+    auto source = newModel();
+    auto *random = QRandomGenerator::global();
+    int files = 0;
+    for (int d = 0; d < 10; ++d) {
+        for (int i = 0; i < 19; ++i, ++files) {
+            QByteArray bytes(100 * 1024 + 4 * int(random->bounded(2560)), Qt::Uninitialized);
+            random->fillRange(reinterpret_cast<quint32 *>(bytes.data()), bytes.size() / 4);
+            writeFile(*source, QString("dir%1/sub %2/file%3.bin").arg(d).arg(d % 3).arg(i), bytes);
+        }
+    }
+    writeFile(*source, "café/naïve ü.txt", "non-ASCII");
+    writeFile(*source, "with space.txt", "spaced");
+    writeFile(*source, "empty", QByteArray());
+    writeFile(*source, "deep/a/b/c/d/e/f.txt", "deep");
+    ASSERT_TRUE(source->mkdir("empty dir", true));
+    source->setMetadata("name", "round trip");
+    source->setMetadata("note", "a: b");
+    const auto sent = contents(*source);
+    ASSERT_GE(sent.size(), 190);
+
+    QElapsedTimer timer;
+    timer.start();
+    push(source.get(), "/projects/big one");
+    ASSERT_TRUE(outcome->ended(20000));
+    ASSERT_EQ(outcome->done, 1) << lastReason().toStdString();
+    EXPECT_GT(outcome->values, 0);
+    const qint64 pushMs = timer.restart();
+
+    auto back = newModel();
+    pull(back.get(), "/projects/big one");
+    ASSERT_TRUE(outcome->ended(20000));
+    ASSERT_EQ(outcome->done, 2) << lastReason().toStdString();
+    std::cout << "push " << pushMs << " ms, pull " << timer.elapsed() << " ms of " << sent.size()
+              << " files\n";
+    EXPECT_EQ(contents(*back), sent);
+    EXPECT_EQ(back->getMetadata(), source->getMetadata());
+
+    // A merge keeps what stands remotely; a plain push replaces it.
+    auto extra = newModel();
+    writeFile(*extra, "added.txt", "added");
+    sync->pushMerge("127.0.0.1", port, extra.get(), "/projects/big one",
+                    wz::project::ArchiveFormat_Plain);
+    ASSERT_TRUE(outcome->ended());
+    EXPECT_TRUE(fs::exists(fs::path(store) / "projects/big one/empty"));
+    EXPECT_TRUE(fs::exists(fs::path(store) / "projects/big one/added.txt"));
+    push(extra.get(), "/projects/big one");
+    ASSERT_TRUE(outcome->ended());
+    EXPECT_FALSE(fs::exists(fs::path(store) / "projects/big one/empty"));
+    EXPECT_TRUE(fs::exists(fs::path(store) / "projects/big one/added.txt"));
+    EXPECT_EQ(outcome->done, 4);
+}
+
+TEST_F(ProjectSyncTest, CancelEndsALargePushAndPullAtOnce)
+{
+    auto source = newModel();
+    writeFile(*source, "big.bin", QByteArray(8 << 20, 'x'));
+    // The robot takes the body slowly, so the transfer is still running.
+    setFault(Fault::Kind::SlowBody, "PUT");
+    fault.delay = std::chrono::milliseconds(2);
+    fault.bytes = 16 * 1024;
+    applyFault();
+    push(source.get());
+    ASSERT_TRUE(test::processUntil([&] { return outcome->values > 2; }));
+    QElapsedTimer timer;
+    timer.start();
+    sync->cancel();
+    ASSERT_TRUE(outcome->ended(2000));
+    const qint64 pushCancelMs = timer.elapsed();
+    EXPECT_LT(pushCancelMs, 200);
+    EXPECT_EQ(outcome->reasons, QStringList {QString()});
+    EXPECT_FALSE(sync->isBusy());
+
+    // Pull: the answer's body comes slowly.
+    service->clearHttpFault();
+    fs::create_directories(fs::path(store) / "p");
+    {
+        std::ofstream(fs::path(store) / "p/big.bin") << std::string(8 << 20, 'y');
+    }
+    setFault(Fault::Kind::SlowBody, "GET", "big.bin");
+    fault.delay = std::chrono::milliseconds(2);
+    fault.bytes = 16 * 1024;
+    applyFault();
+    auto target = newModel();
+    pull(target.get());
+    test::settle(100); // the GET of the big file is under way
+    timer.restart();
+    sync->cancel();
+    ASSERT_TRUE(outcome->ended(2000));
+    const qint64 pullCancelMs = timer.elapsed();
+    EXPECT_LT(pullCancelMs, 200);
+    EXPECT_EQ(outcome->reasons.value(1), QString());
+    std::cout << "cancel: push " << pushCancelMs << " ms, pull " << pullCancelMs << " ms\n";
+
+    // wait() after a cancel says so, and never blocks on this thread.
+    pull(target.get());
+    sync->cancel();
+    EXPECT_EQ(sync->wait(), QString("cancelled"));
+    EXPECT_EQ(sync->wait(), QString());
+    expectHealthy();
+}
+
+TEST_F(ProjectSyncTest, EachFaultGivesItsErrorAndTheNextTransferWorks)
+{
+    auto source = smallModel();
+    struct Case
+    {
+        Fault::Kind kind;
+        const char *method;
+        const char *path;
+        bool pushing;
+        QString expected;
+        bool lost;
+    };
+    const Case cases[] = {
+        {Fault::Kind::Status, "PUT", "b.txt", true, "Could not PUT file d/b.txt:\nfull", false},
+        {Fault::Kind::FinalInsteadOfContinue, "PUT", "b.txt", true,
+         "Didn't get expected 100-continue for file d/b.txt.", false},
+        {Fault::Kind::NoContinue, "PUT", "b.txt", true,
+         "Could not read 100-continue for file d/b.txt. (no data from the robot for 0.2 s)", false},
+        {Fault::Kind::Stall, "GET", "b.txt", false,
+         "Could not retrieve file d/b.txt: error in HTTP GET. (no data from the robot for 0.2 s)",
+         false},
+        {Fault::Kind::LengthOff, "GET", "b.txt", false,
+         "Could not retrieve file d/b.txt: error in HTTP GET. (no data from the robot for 0.2 s)",
+         false},
+        {Fault::Kind::DropAfter, "GET", "b.txt", false, "could not connect to robot", true},
+        {Fault::Kind::DropAfter, "PUT", "b.txt", true,
+         "has encountered a connection problem or the robot's hard drive may be full", true},
+        {Fault::Kind::Malformed, "GET", "b.txt", false,
+         "Could not retrieve file d/b.txt: error in HTTP GET.", false},
+        {Fault::Kind::Status, "GET", "b.txt", false, "Could not retrieve file d/b.txt: gone",
+         false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.expected.toStdString());
+        if (!c.pushing) { // a remote project to pull
+            service->clearHttpFault();
+            push(source.get());
+            ASSERT_TRUE(outcome->ended());
+        }
+        setFault(c.kind, c.method, c.path);
+        fault.status = c.kind == Fault::Kind::Status ? (c.pushing ? 507 : 404) : 0;
+        fault.body = c.kind == Fault::Kind::Status ? (c.pushing ? "full" : "gone") : "";
+        fault.lengthDelta = 5;
+        fault.bytes = 10;
+        applyFault();
+        const int lostBefore = outcome->lost;
+        auto target = newModel();
+        if (c.pushing)
+            push(source.get());
+        else
+            pull(target.get());
+        ASSERT_TRUE(outcome->ended());
+        EXPECT_EQ(lastReason(), c.expected);
+        EXPECT_EQ(outcome->lost - lostBefore, c.lost ? 1 : 0);
+        expectHealthy();
+    }
+    // A Content-Length short of the body: the rest spoils the next answer.
+    push(source.get());
+    ASSERT_TRUE(outcome->ended());
+    setFault(Fault::Kind::LengthOff, "GET", "a.txt");
+    fault.lengthDelta = -2;
+    applyFault();
+    auto target = newModel();
+    pull(target.get());
+    ASSERT_TRUE(outcome->ended());
+    EXPECT_EQ(lastReason(), "Could not retrieve file d/b.txt: error in HTTP GET.");
+    expectHealthy();
+}
+
+TEST_F(ProjectSyncTest, HostileListingsNeitherEscapeNorLoop)
+{
+    auto source = smallModel();
+    push(source.get());
+    ASSERT_TRUE(outcome->ended());
+    const std::vector<std::vector<std::string>> listings = {
+        {"../x"}, {"/etc/passwd"}, {"./"}, {"../"}, {"a\r\nGET /x HTTP/1.1"}, {"ok", "sub/../../x"},
+    };
+    for (const auto &names : listings) {
+        SCOPED_TRACE(names.front());
+        setFault(Fault::Kind::Listing, "GET");
+        fault.names = names;
+        applyFault();
+        auto target = newModel();
+        const QDir parent = QFileInfo(target->rootPath()).dir();
+        const QStringList before = parent.entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+        pull(target.get());
+        ASSERT_TRUE(outcome->ended());
+        EXPECT_TRUE(lastReason().startsWith("could not check for remote files\nthe robot listed"))
+            << lastReason().toStdString();
+        EXPECT_TRUE(contents(*target).isEmpty());
+        EXPECT_EQ(parent.entryList(QDir::AllEntries | QDir::NoDotAndDotDot), before);
+    }
+    // A directory that lists itself under every path: the depth limit ends the walk.
+    setFault(Fault::Kind::Listing, "GET");
+    fault.names = {"self/"};
+    applyFault();
+    auto target = newModel();
+    pull(target.get());
+    ASSERT_TRUE(outcome->ended());
+    EXPECT_EQ(
+        lastReason(),
+        "could not check for remote files\nthe robot listed directories deeper than 64 levels");
+    expectHealthy();
+}
+
+TEST_F(ProjectSyncTest, RemoveBusyAndUnreachable)
+{
+    auto source = smallModel();
+    push(source.get(), "/gone");
+    ASSERT_TRUE(outcome->ended());
+    sync->remove("127.0.0.1", port, "/gone", wz::project::ArchiveFormat_Plain);
+    ASSERT_TRUE(outcome->ended());
+    EXPECT_EQ(outcome->done, 2);
+    EXPECT_FALSE(fs::exists(fs::path(store) / "gone"));
+    // Nothing there is as good as removed.
+    sync->remove("127.0.0.1", port, "/gone", wz::project::ArchiveFormat_Plain);
+    ASSERT_TRUE(outcome->ended());
+    EXPECT_EQ(outcome->done, 3);
+
+    // The whole store is refused on this side too.
+    for (const char *root : {"", "/", "//"}) {
+        sync->remove("127.0.0.1", port, root, wz::project::ArchiveFormat_Plain);
+        ASSERT_TRUE(outcome->ended());
+        EXPECT_TRUE(lastReason().startsWith("Could not DELETE remote project.\n"));
+        push(nullptr, root);
+        ASSERT_TRUE(outcome->ended());
+        EXPECT_TRUE(lastReason().startsWith("Could not DELETE remote project.\n"));
+    }
+    EXPECT_TRUE(fs::exists(store));
+
+    // A second operation while one runs is refused; the first still ends well.
+    setFault(Fault::Kind::SlowBody, "PUT");
+    fault.delay = std::chrono::milliseconds(20);
+    fault.times = 1;
+    applyFault();
+    push(source.get());
+    auto target = newModel();
+    pull(target.get());
+    EXPECT_EQ(lastReason(), "a project synchronization operation is in progress");
+    const int doneBefore = outcome->done;
+    ASSERT_TRUE(test::processUntil([&] { return outcome->done > doneBefore; }));
+
+    // Nobody listening.
+    QTcpServer closed;
+    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost));
+    const int deadPort = closed.serverPort();
+    closed.close();
+    const int lostBefore = outcome->lost;
+    sync->remove("127.0.0.1", deadPort, "/x", wz::project::ArchiveFormat_Plain);
+    ASSERT_TRUE(outcome->ended(3000));
+    EXPECT_EQ(lastReason(), "Could not connect to robot.");
+    sync->pull("127.0.0.1", deadPort, "/p", target.get(), wz::project::ArchiveFormat_Plain);
+    ASSERT_TRUE(outcome->ended(3000));
+    EXPECT_EQ(lastReason(), "could not connect to robot");
+    EXPECT_EQ(outcome->lost, lostBefore + 2);
+}
+
+TEST_F(ProjectSyncTest, DestroyedWhileRunningCancelsAndWaits)
+{
+    auto source = newModel();
+    writeFile(*source, "big.bin", QByteArray(4 << 20, 'z'));
+    setFault(Fault::Kind::Stall, "PUT");
+    applyFault();
+    auto doomed = std::make_unique<RK::HttpProjectSynchronizer>();
+    doomed->push("127.0.0.1", port, source.get(), "/p", wz::project::ArchiveFormat_Plain);
+    test::settle(50);
+    QElapsedTimer timer;
+    timer.start();
+    doomed.reset();
+    EXPECT_LT(timer.elapsed(), 1000);
+}
+
+} // namespace
