@@ -69,8 +69,10 @@ VXSartelExecuter::VXSartelExecuter(boost::shared_ptr<Connection> connection)
     m_moduleServiceId = session->registerService(utf8(m_module->objectName()), object)
                             .value(wz::FutureTimeout_Infinite);
 
-    connect(m_module.get(), &VXSartel::dataSubscribedChanged, this,
-            &VXSartelExecuter::onDataChanged);
+    m_events = EventRelay::create(this, [this](const QString &name, const VX::VXValue &value) {
+        onDataChanged(name, value);
+    });
+    m_module->addRelay(m_events);
     initPollingTimers();
     subscribeToMicroEvent(QString::fromLatin1(a_keyRemovedName));
 }
@@ -79,6 +81,8 @@ VXSartelExecuter::~VXSartelExecuter()
 {
     // Nobody is left to hear what the way out reports.
     QObject::disconnect(this, nullptr, nullptr, nullptr);
+    m_module->removeRelaysTo(this);
+    m_events->detach();
     if (const boost::shared_ptr<Connection> connection = m_connection.lock()) {
         wz::Session *session = connection->session();
         if (session && session->isConnected() && m_moduleServiceId != 0) {

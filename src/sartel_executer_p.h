@@ -11,6 +11,7 @@
 
 #include <vx/vxvalue.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ class VXMotionProxy;
 namespace RK {
 
 class Connection;
+class EventRelay;
 class VXSartel;
 
 // The executer of RK::SartelModuleInterface, on its own thread: calls by
@@ -45,6 +47,8 @@ public:
     ~VXSartelExecuter() override;
 
     boost::shared_ptr<VXSartel> module() const { return m_module; }
+    // Events to onDataChanged on the executer's thread, batched; from any thread.
+    std::shared_ptr<EventRelay> eventRelay() const { return m_events; }
 
     // The polling steps the timers run; on the executer's thread only.
     void updateJointAngles();
@@ -107,6 +111,7 @@ private:
     QString m_currentTimeline;
     QStringList m_watchedData;
     boost::shared_ptr<VXSartel> m_module;
+    std::shared_ptr<EventRelay> m_events;
     unsigned int m_moduleServiceId = 0;
     int m_lastFrame = -1;
     std::vector<std::string> m_jointNames;
