@@ -43,8 +43,9 @@ FutureState FutureStateBase::wait(int msecs) const
     while (m_state == FutureState_Running) {
         int64_t left = -1;
         if (!forever) {
-            left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                       deadline - std::chrono::steady_clock::now())
+            // Rounded up: a wait never ends before its time.
+            left = std::chrono::ceil<std::chrono::milliseconds>(deadline
+                                                                - std::chrono::steady_clock::now())
                        .count();
             if (left <= 0)
                 break;
