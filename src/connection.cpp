@@ -1,8 +1,13 @@
-#include "sartel_almodule_p.h"
+#include <connection/autonomous_life_interface.h>
+#include <connection/basic_awareness_interface.h>
+#include <connection/behavior_manager_interface.h>
 #include <connection/connection.h>
+#include <connection/engagement_zones_interface.h>
 #include <connection/memory_interface.h>
+#include <connection/people_perception_interface.h>
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
+#include <connection/world_representation_interface.h>
 
 #include "sartel_almodule_p.h"
 #include "service_table_p.h"
@@ -287,6 +292,7 @@ void Connection::buildInterfaces()
 
     // [6 ResourcesInterface] always.
     // [7 BehaviorManagerInterface] always.
+    m_behaviorManagerInterface = makeInterface<BehaviorManagerInterface>(self);
     // [8 ConfigInterface] always.
     // [9 LogListenerInterface] always.
     // [10 AudioInterface] always.
@@ -302,6 +308,7 @@ void Connection::buildInterfaces()
     }
     if (m_worldRepresentation) {
         // [16 WorldRepresentationInterface]
+        m_worldRepresentationInterface = makeInterface<WorldRepresentationInterface>(self);
     }
     if (packageManager()) {
         // [17 PackageManagerInterface]
@@ -310,6 +317,7 @@ void Connection::buildInterfaces()
     if (m_engagementZones) {
         try {
             // [18 EngagementZonesInterface]
+            m_engagementZonesInterface = makeInterface<EngagementZonesInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize EngagementZones interface: " << e.what();
@@ -318,17 +326,18 @@ void Connection::buildInterfaces()
     }
 
     // [19 AutonomousLifeInterface] only if the session gives the service
-    // "VXAutonomousLife"; any std::exception clears the field without a word:
-    //   try {
-    //       wz::Object life = m_session->service("VXAutonomousLife", "").value();
-    //       m_autonomousLifeInterface = makeInterface<AutonomousLifeInterface>(self, life);
-    //   } catch (const std::exception &) {
-    //       releaseField(m_autonomousLifeInterface);
-    //   }
+    // "VXAutonomousLife"; any std::exception clears the field without a word.
+    try {
+        wz::Object life = m_session->service("VXAutonomousLife", "").value();
+        m_autonomousLifeInterface = makeInterface<AutonomousLifeInterface>(self, life);
+    } catch (const std::exception &) {
+        releaseField(m_autonomousLifeInterface);
+    }
 
     if (m_peoplePerception) {
         try {
             // [20 PeoplePerceptionInterface]
+            m_peoplePerceptionInterface = makeInterface<PeoplePerceptionInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize PeoplePerception interface: " << e.what();
@@ -339,6 +348,7 @@ void Connection::buildInterfaces()
     if (m_basicAwareness) {
         try {
             // [21 BasicAwarenessInterface]
+            m_basicAwarenessInterface = makeInterface<BasicAwarenessInterface>(self);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
                 << "Could not initialize BasicAwareness interface: " << e.what();
@@ -360,6 +370,9 @@ void Connection::connectInterfaceSignals()
     }
     // [VXSartelRecorder] displayErrorRequested.
     // [BehaviorManagerInterface] displayErrorRequested.
+    if (m_behaviorManagerInterface)
+        connect(m_behaviorManagerInterface.get(), &BehaviorManagerInterface::displayErrorRequested,
+                this, &Connection::displayErrorRequested);
     // [RobotPostureInterface] displayErrorRequested.
 }
 

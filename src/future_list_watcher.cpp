@@ -25,8 +25,13 @@ FutureListWatcher::~FutureListWatcher()
         }
         // Calls in progress are waited for, never cancelled: the remote call
         // under them ends by itself or throws when the connection goes.
-        if (future->isRunning())
-            future->waitForFinished();
+        // A failed call rethrows its error from the wait; nobody is left to
+        // hear it, and an exception here would end the program.
+        try {
+            if (future->isRunning())
+                future->waitForFinished();
+        } catch (...) {
+        }
         delete future;
     }
 }

@@ -1,4 +1,5 @@
 // morvane-sim: the simulated robot as a program.
+#include <sim/behavior_manager_service.h>
 #include <sim/robot.h>
 
 #include <wz/log.h>
@@ -17,7 +18,7 @@ void usage(FILE *out)
 {
     std::fprintf(out,
                  "usage: morvane-sim [--listen tcp://127.0.0.1:9559] [--scenario FILE] "
-                 "[--verbose]\n");
+                 "[--behaviors DIR] [--verbose]\n");
 }
 
 } // namespace
@@ -27,10 +28,13 @@ int main(int argc, char **argv)
     sim::RobotOptions options;
     options.listenUrl = "tcp://127.0.0.1:9559";
     std::string scenarioFile;
+    std::string behaviorDir;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if ((arg == "--listen" || arg == "--scenario") && i + 1 < argc) {
             (arg == "--listen" ? options.listenUrl : scenarioFile) = argv[++i];
+        } else if (arg == "--behaviors" && i + 1 < argc) {
+            behaviorDir = argv[++i];
         } else if (arg == "--verbose") {
             options.verbose = true;
         } else if (arg == "--help" || arg == "-h") {
@@ -54,6 +58,12 @@ int main(int argc, char **argv)
     wz::log::setLogLevel(options.verbose ? wz::LogLevel_Verbose : wz::LogLevel_Info);
     try {
         sim::Robot robot(options);
+        if (!behaviorDir.empty()) {
+            auto *behaviors
+                = robot.serviceAs<sim::BehaviorManagerService>(sim::BehaviorManagerService::kName);
+            if (behaviors)
+                behaviors->installDirectory(behaviorDir);
+        }
         if (!scenarioFile.empty())
             robot.scenario().loadFile(scenarioFile);
         robot.start();

@@ -1,9 +1,14 @@
+#include <sim/basic_awareness_service.h>
+#include <sim/behavior_manager_service.h>
 #include <sim/device_services.h>
+#include <sim/engagement_zones_service.h>
 #include <sim/frame_manager_service.h>
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
 #include <sim/motion_service.h>
+#include <sim/people_perception_service.h>
 #include <sim/service.h>
+#include <sim/world_representation_service.h>
 
 namespace sim {
 
@@ -29,7 +34,7 @@ std::vector<ServiceEntry> defaultServices()
     return {
         entry<MemoryService>("VXMemory"),
         entry<FrameManagerService>("VXFrameManager"),
-        placeholder("VXBehaviorManager"),
+        entry<BehaviorManagerService>("VXBehaviorManager"),
         placeholder("VXRobotModel"),
         entry<MotionService>("VXMotion"),
         placeholder("VXPreferences"),
@@ -45,12 +50,12 @@ std::vector<ServiceEntry> defaultServices()
         entry<BatteryService>("VXBattery"),
         placeholder("VXLauncher"),
         placeholder("VXDialog"),
-        placeholder("VXWorldRepresentation"),
+        entry<WorldRepresentationService>("VXWorldRepresentation"),
         entry<PackageManagerService>("PackageManager"),
-        placeholder("VXEngagementZones"),
-        placeholder("VXPeoplePerception"),
-        placeholder("VXBasicAwareness"),
-        placeholder("VXAutonomousLife"),
+        entry<EngagementZonesService>("VXEngagementZones"),
+        entry<PeoplePerceptionService>("VXPeoplePerception"),
+        entry<BasicAwarenessService>("VXBasicAwareness"),
+        entry<AutonomousLifeService>("VXAutonomousLife"),
         placeholder("DCM"),
     };
 }

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QMutex>
+#include <QMutexLocker>
+#include <QObject>
+
+#include <memory>
+
+namespace RK {
+
+// What framework callbacks reach their interface object through. The object
+// closes it first thing in its destructor; a callback runs its queued call
+// under the gate's lock, so once close() has returned no callback can still
+// be posting to the object, which a guarded pointer alone cannot promise
+// across threads.
+class CallbackGate
+{
+public:
+    explicit CallbackGate(QObject *target) : m_target(target) { }
+
+    // Runs `post(target)` if the gate is still open; tells whether it did.
+    template<typename Post>
+    bool post(Post post)
+    {
+        QMutexLocker locker(&m_mutex);
+        if (!m_target)
+            return false;
+        post(m_target);
+        return true;
+    }
+
+    bool isOpen() const
+    {
+        QMutexLocker locker(&m_mutex);
+        return m_target != nullptr;
+    }
+
+    void close()
+    {
+        QMutexLocker locker(&m_mutex);
+        m_target = nullptr;
+    }
+
+private:
+    mutable QMutex m_mutex;
+    QObject *m_target;
+};
+
+using CallbackGatePtr = std::shared_ptr<CallbackGate>;
+
+} // namespace RK

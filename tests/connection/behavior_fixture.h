@@ -1,0 +1,95 @@
+#pragma once
+
+// A connected application and the simulated robot's behaviour services, with
+// short behaviours installed for each case.
+
+#include "robot_fixture.h"
+
+#include <connection/autonomous_life_interface.h>
+#include <connection/behavior_instance_manager.h>
+#include <connection/behavior_manager_interface.h>
+
+#pragma push_macro("signals")
+#undef signals
+#include <sim/behavior_manager_service.h>
+#pragma pop_macro("signals")
+
+#include <QFuture>
+#include <QFutureWatcher>
+
+// Readable failures for Qt strings.
+QT_BEGIN_NAMESPACE
+inline void PrintTo(const QString &s, std::ostream *os)
+{
+    *os << '"' << s.toStdString() << '"';
+}
+QT_END_NAMESPACE
+
+namespace test {
+
+// Runs until the future has finished, without blocking the loop it needs.
+template<typename T>
+bool waitForFuture(const QFuture<T> &future, int ms = 10000)
+{
+    return processUntil([&future] { return future.isFinished(); }, ms);
+}
+
+class BehaviorTest : public RobotTest
+{
+protected:
+    void SetUp() override
+    {
+        RobotTest::SetUp();
+        behaviors().reset();
+        life().setState("disabled");
+        // Without nature, and with one; both run until stopped.
+        behaviors().install("plain",
+                            "length forever\n"
+                            "box Say in onStart out said\n"
+                            "timeline Main fps 50 frames 1000\n"
+                            "output 0.05 Say said hi\n"
+                            "answer Say onStart said\n");
+        behaviors().install("lively", "nature interactive\nlength forever\nbox Arm in go\n");
+    }
+    void TearDown() override
+    {
+        app.reset();
+        behaviors().reset();
+        life().setState("disabled");
+        RobotTest::TearDown();
+    }
+    void connect()
+    {
+        app = std::make_unique<Recorder>();
+        ASSERT_TRUE(app->connectAndWait(robot()));
+    }
+    static sim::BehaviorManagerService &behaviors()
+    {
+        return *robot().serviceAs<sim::BehaviorManagerService>("VXBehaviorManager");
+    }
+    static sim::AutonomousLifeService &life()
+    {
+        return *robot().serviceAs<sim::AutonomousLifeService>("VXAutonomousLife");
+    }
+    RK::ConnectionManager *manager() const { return app->manager.get(); }
+
+    std::unique_ptr<Recorder> app;
+};
+
+// Every state an instance goes through, in order.
+struct StateLog
+{
+    explicit StateLog(RK::BehaviorInstanceManager *instance)
+    {
+        QObject::connect(instance, &RK::BehaviorInstanceManager::stateChanged,
+                         [this](RK::BehaviorInstanceManager::State s) { states.push_back(s); });
+    }
+    bool waitFor(RK::BehaviorInstanceManager::State s, int ms = 10000)
+    {
+        return processUntil(
+            [this, s] { return std::find(states.begin(), states.end(), s) != states.end(); }, ms);
+    }
+    std::vector<RK::BehaviorInstanceManager::State> states;
+};
+
+} // namespace test

@@ -1,0 +1,313 @@
+// Behaviour lists, events, the instance's state machine and autonomous life,
+// against the simulated robot.
+#include "behavior_fixture.h"
+
+#include <QSignalSpy>
+
+using namespace test;
+using State = RK::BehaviorInstanceManager::State;
+using RK::BehaviorInstanceManager;
+
+namespace {
+
+TEST(PreloadError, SplitsIntoBoxAndError)
+{
+    using P = QPair<QString, QString>;
+    auto parse = &BehaviorInstanceManager::parsePreloadError;
+    EXPECT_EQ(parse("only a first line"), P());
+    EXPECT_EQ(parse("first\nno colon here"), P(QString(), "no colon here"));
+    EXPECT_EQ(parse("first\n Say : it: broke: twice\n(From : x)\n\t\tat y\n\nmore"),
+              P("Say", " it: broke: twice\nmore"));
+}
+
+TEST(BehaviorNames, CompareWithOrWithoutTheUserPrefix)
+{
+    EXPECT_TRUE(BehaviorInstanceManager::sameBehavior("User/wave", "wave"));
+    EXPECT_TRUE(BehaviorInstanceManager::sameBehavior("wave", "User/wave"));
+    EXPECT_FALSE(BehaviorInstanceManager::sameBehavior("Other/wave", "wave"));
+    EXPECT_FALSE(BehaviorInstanceManager::sameBehavior("my/User/wave", "wave"));
+}
+
+class BehaviorManagerTest : public BehaviorTest
+{
+};
+
+TEST_F(BehaviorManagerTest, ListsNamesAndEventsReachTheApplication)
+{
+    connect();
+    auto b = manager()->behaviorManagerInterface();
+    ASSERT_TRUE(b);
+    QSignalSpy received(b.get(), &RK::BehaviorManagerInterface::behaviorsReceived);
+    QSignalSpy present(b.get(), &RK::BehaviorManagerInterface::behaviorPresent);
+    QSignalSpy running(b.get(), &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
+    QSignalSpy defaults(b.get(), &RK::BehaviorManagerInterface::defaultBehaviorsReceived);
+    QSignalSpy libraries(b.get(), &RK::BehaviorManagerInterface::installedBoxLibrariesReceived);
+    QSignalSpy added(b.get(), &RK::BehaviorManagerInterface::behaviorAdded);
+    QSignalSpy removed(b.get(), &RK::BehaviorManagerInterface::behaviorRemoved);
+
+    b->requestBehaviors();
+    ASSERT_TRUE(processUntil([&] { return received.count() == 1; }));
+    const QStringList all = received.at(0).at(0).toStringList();
+    EXPECT_TRUE(all.contains("User/wave") && all.contains("User/plain"));
+    EXPECT_EQ(present.count(), all.size());
+
+    // "User/" goes from running and default lists only, and only at the front.
+    behaviors().install("Other/User/odd", "length forever\n");
+    behaviors().addDefault("wave");
+    behaviors().addDefault("Other/User/odd");
+    b->requestDefaultBehaviors();
+    ASSERT_TRUE(processUntil([&] { return defaults.count() == 1; }));
+    EXPECT_EQ(defaults.at(0).at(0).toStringList(), (QStringList {"Other/User/odd", "wave"}));
+    behaviors().startBehavior("plain");
+    ASSERT_TRUE(processUntil([&] { return !running.isEmpty(); }));
+    EXPECT_EQ(running.last().at(0).toStringList(), QStringList {"plain"});
+
+    // Removal of an unknown library fails, and the list comes all the same.
+    b->deleteBoxLibrary("NoSuchLibrary");
+    ASSERT_TRUE(processUntil([&] { return libraries.count() == 1; }));
+    EXPECT_EQ(libraries.at(0).at(0).toStringList(), (QStringList {"Common", "Dialog"}));
+
+    // Names in events come as the robot wrote them, unquoted.
+    behaviors().install("fresh", "length 1\n");
+    behaviors().removeBehavior("fresh");
+    ASSERT_TRUE(processUntil([&] { return removed.count() == 1; }));
+    EXPECT_EQ(added.last().at(0).toString(), "User/fresh");
+    EXPECT_EQ(removed.at(0).at(0).toString(), "User/fresh");
+
+    // Futures: natures, installed list, running flag, tags.
+    auto nature = b->behaviorNature("lively");
+    auto noNature = b->behaviorNature("plain");
+    auto unknown = b->behaviorNature("User/none");
+    auto isRunning = b->isBehaviorRunning("plain");
+    auto installed = b->behaviorsInstalled();
+    ASSERT_TRUE(waitForFuture(nature) && waitForFuture(noNature) && waitForFuture(unknown)
+                && waitForFuture(isRunning) && waitForFuture(installed));
+    EXPECT_EQ(nature.result(), "interactive");
+    EXPECT_EQ(noNature.result(), "");
+    EXPECT_EQ(unknown.result(), "getBehaviorNatureError");
+    EXPECT_TRUE(isRunning.result());
+    QStringList expected = all + QStringList {"Other/User/odd"};
+    expected.sort();
+    EXPECT_EQ(installed.result(), expected);
+}
+
+TEST_F(BehaviorManagerTest, MalformedEventsAreIgnored)
+{
+    connect();
+    auto b = manager()->behaviorManagerInterface();
+    QSignalSpy running(b.get(), &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
+    QSignalSpy failed(b.get(), &RK::BehaviorManagerInterface::behaviorFailed);
+    QSignalSpy life(manager()->autonomousLifeInterface().get(),
+                    &RK::AutonomousLifeInterface::stateChanged);
+    robot().scenario().raiseMicroEvent("BehaviorsRun", 42);
+    robot().scenario().raiseMicroEvent("VXBehaviorManager/BehaviorFailed", std::string("boom"));
+    robot().scenario().raiseMicroEvent("AutonomousLife/State", 3);
+    robot().scenario().raiseMicroEvent("AutonomousLife/State", std::string("dreaming"));
+    robot().scenario().raiseMicroEvent(
+        "VXBehaviorManager/BehaviorFailed",
+        wz::toAny(std::vector<std::string> {"User/plain", "Say", "late"}));
+    robot().scenario().raiseMicroEvent("BehaviorsRun", wz::toAny(std::vector<std::string> {}));
+    ASSERT_TRUE(processUntil([&] { return running.count() == 1 && failed.count() == 1; }));
+    EXPECT_EQ(failed.at(0).at(2).toString(), "late");
+    // An unknown state text is a state all the same: unknown.
+    ASSERT_TRUE(processUntil([&] { return life.count() == 1; }));
+    EXPECT_EQ(life.at(0).at(0).value<RK::LifeState>(), RK::LifeStateUnknown);
+}
+
+// Both natures under each life state: with a nature and a solitary or
+// interactive life, the focus is switched; otherwise the behaviour is started.
+TEST_F(BehaviorManagerTest, InstanceRunsThroughItsStatesForEachNatureAndLifeState)
+{
+    connect();
+    for (const char *lifeState : {"disabled", "solitary", "interactive", "reflex"}) {
+        life().setState(lifeState);
+        for (const char *name : {"plain", "lively"}) {
+            SCOPED_TRACE(std::string(name) + " under " + lifeState);
+            const uint64_t focusBefore
+                = robot().scenario().callCount("VXAutonomousLife", "switchFocus");
+            BehaviorInstanceManager instance(manager(), name, QString(), false);
+            StateLog log(&instance);
+            ASSERT_TRUE(processUntil([&] {
+                return instance.state() == State::Stopped
+                    && instance.lifeState()
+                    == RK::AutonomousLifeInterface::stateFromString(lifeState);
+            }));
+            log.states.clear();
+            instance.preloadBehavior();
+            ASSERT_TRUE(log.waitFor(State::Preloaded));
+            instance.playBehavior();
+            ASSERT_TRUE(log.waitFor(State::Running));
+            instance.stopBehavior();
+            ASSERT_TRUE(log.waitFor(State::Stopped));
+            EXPECT_EQ(log.states,
+                      (std::vector<State> {State::Preloading, State::Preloaded, State::Starting,
+                                           State::Running, State::Stopping, State::Stopped}));
+            const bool throughLife = std::string(name) == "lively"
+                && (std::string(lifeState) == "solitary"
+                    || std::string(lifeState) == "interactive");
+            EXPECT_EQ(robot().scenario().callCount("VXAutonomousLife", "switchFocus") - focusBefore,
+                      throughLife ? 1u : 0u);
+            EXPECT_FALSE(behaviors().isRunning(name));
+        }
+    }
+}
+
+TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
+{
+    connect();
+    // A missing behaviour.
+    BehaviorInstanceManager missing(manager(), "User/none", QString(), false);
+    QSignalSpy missingError(&missing, &BehaviorInstanceManager::errorStartingBehavior);
+    ASSERT_TRUE(processUntil([&] { return missingError.count() == 1; }));
+    EXPECT_EQ(missingError.at(0).at(0).toString(), "Behavior start failed");
+    EXPECT_EQ(missing.state(), State::Missing);
+    missing.playBehavior();
+    missing.preloadBehavior();
+    EXPECT_EQ(missing.state(), State::Missing);
+
+    // A preload error, parsed into box and text.
+    behaviors().install("broken", "box Say in x\npreload-error Say: the sound file is missing\n");
+    BehaviorInstanceManager broken(manager(), "broken", QString(), true);
+    QSignalSpy boxError(&broken, &BehaviorInstanceManager::errorInBox);
+    ASSERT_EQ(broken.state(), State::Stopped);
+    broken.preloadBehavior();
+    ASSERT_TRUE(processUntil([&] { return boxError.count() == 1; }));
+    EXPECT_EQ(boxError.at(0).at(0).toString(), "Say");
+    EXPECT_EQ(boxError.at(0).at(1).toString(), " the sound file is missing");
+    EXPECT_EQ(broken.state(), State::Missing);
+
+    // A failed focus switch shows the robot's own text.
+    life().setState("solitary");
+    robot().scenario().failMethod("VXAutonomousLife", "switchFocus", "focus held by another app");
+    BehaviorInstanceManager focused(manager(), "lively", QString(), true);
+    QSignalSpy startError(&focused, &BehaviorInstanceManager::errorStartingBehavior);
+    ASSERT_TRUE(processUntil([&] { return focused.lifeState() == RK::LifeStateSolitary; }));
+    focused.playBehavior();
+    ASSERT_TRUE(processUntil([&] { return startError.count() == 1; }));
+    EXPECT_EQ(startError.at(0).at(0).toString(), "Starting behavior failed");
+    EXPECT_EQ(startError.at(0).at(1).toString(),
+              "VXAutonomousLife::switchFocus failed.\nYour behavior lively will not run.");
+    // The robot's own text, as the framework carries it, not the pool's wrapper.
+    EXPECT_TRUE(startError.at(0).at(2).toString().startsWith("The error was: "));
+    EXPECT_TRUE(startError.at(0).at(2).toString().endsWith(": focus held by another app"));
+    EXPECT_EQ(focused.state(), State::Stopped);
+
+    // A box failure, an end on the robot's side, a removal.
+    BehaviorInstanceManager plain(manager(), "User/plain", QString(), true);
+    QSignalSpy plainBoxError(&plain, &BehaviorInstanceManager::errorInBox);
+    StateLog log(&plain);
+    behaviors().startBehavior("plain");
+    ASSERT_TRUE(log.waitFor(State::Running));
+    robot().scenario().raiseMicroEvent(
+        "VXBehaviorManager/BehaviorFailed",
+        wz::toAny(std::vector<std::string> {"User/plain", "Say", "too loud"}));
+    ASSERT_TRUE(processUntil([&] { return plainBoxError.count() == 1; }));
+    EXPECT_EQ(plainBoxError.at(0).at(1).toString(), "too loud");
+    behaviors().finishBehavior("plain");
+    ASSERT_TRUE(log.waitFor(State::Stopped));
+    behaviors().removeBehavior("plain");
+    ASSERT_TRUE(log.waitFor(State::Missing));
+}
+
+TEST_F(BehaviorManagerTest, LifeInterfaceReadsAndChangesTheState)
+{
+    connect();
+    auto lifeInterface = manager()->autonomousLifeInterface();
+    ASSERT_TRUE(lifeInterface);
+    QSignalSpy changed(lifeInterface.get(), &RK::AutonomousLifeInterface::stateChanged);
+    auto set = lifeInterface->setState(RK::LifeStateInteractive);
+    ASSERT_TRUE(waitForFuture(set));
+    ASSERT_TRUE(processUntil([&] { return changed.count() == 1; }));
+    EXPECT_EQ(changed.at(0).at(0).value<RK::LifeState>(), RK::LifeStateInteractive);
+    auto state = lifeInterface->state();
+    ASSERT_TRUE(waitForFuture(state));
+    EXPECT_EQ(state.result(), RK::LifeStateInteractive);
+    // An unknown state is sent as an empty text, which the robot refuses.
+    auto bad = lifeInterface->setState(RK::LifeStateUnknown);
+    ASSERT_TRUE(waitForFuture(bad));
+    ASSERT_EQ(robot().scenario().calls("VXAutonomousLife", "setState").back().at(0),
+              wz::AnyValue(""));
+    EXPECT_EQ(life().state(), "interactive");
+}
+
+TEST_F(BehaviorManagerTest, RobotWithoutLifeStartsDirectly)
+{
+    robot().scenario().omitService("VXAutonomousLife");
+    connect();
+    EXPECT_FALSE(manager()->autonomousLifeInterface());
+    BehaviorInstanceManager instance(manager(), "lively", QString(), true);
+    StateLog log(&instance);
+    instance.playBehavior();
+    ASSERT_TRUE(log.waitFor(State::Running));
+    EXPECT_EQ(robot().scenario().callCount("VXBehaviorManager", "startBehavior"), 1u);
+}
+
+TEST_F(BehaviorManagerTest, OlderManagerListsByNamesAndHasNoNatures)
+{
+    robot().scenario().removeMethod("VXBehaviorManager", "getInstalledBehaviors");
+    robot().scenario().removeMethod("VXBehaviorManager", "getBehaviorNature");
+    connect();
+    auto b = manager()->behaviorManagerInterface();
+    QSignalSpy received(b.get(), &RK::BehaviorManagerInterface::behaviorsReceived);
+    QSignalSpy present(b.get(), &RK::BehaviorManagerInterface::behaviorPresent);
+    b->requestBehaviors();
+    ASSERT_TRUE(processUntil([&] { return received.count() == 1; }));
+    EXPECT_TRUE(received.at(0).at(0).toStringList().contains("User/lively"));
+    auto nature = b->behaviorNature("lively");
+    ASSERT_TRUE(waitForFuture(nature));
+    EXPECT_EQ(nature.result(), "");
+    EXPECT_EQ(present.count(), 0);
+
+    // No nature: started directly even under a solitary life.
+    life().setState("solitary");
+    BehaviorInstanceManager instance(manager(), "lively", QString(), true);
+    StateLog log(&instance);
+    ASSERT_TRUE(processUntil([&] { return instance.lifeState() == RK::LifeStateSolitary; }));
+    instance.playBehavior();
+    ASSERT_TRUE(log.waitFor(State::Running));
+    EXPECT_EQ(robot().scenario().callCount("VXAutonomousLife", "switchFocus"), 0u);
+}
+
+// Disconnecting while a behaviour runs, while a preload or a focus switch is
+// in flight: the instance goes Missing and nothing outlives the connection.
+TEST_F(BehaviorManagerTest, DisconnectionDuringCallsIsSafe)
+{
+    for (int phase = 0; phase < 3; ++phase) {
+        SCOPED_TRACE(phase);
+        robot().scenario().reset();
+        life().setState(phase == 2 ? "solitary" : "disabled");
+        if (phase == 1)
+            robot().scenario().delayMethod("VXBehaviorManager", "preloadBehavior",
+                                           std::chrono::milliseconds(300));
+        if (phase == 2)
+            robot().scenario().delayMethod("VXAutonomousLife", "switchFocus",
+                                           std::chrono::milliseconds(300));
+        connect();
+        auto instance = std::make_unique<BehaviorInstanceManager>(
+            manager(), phase == 2 ? "lively" : "plain", QString(), true);
+        StateLog log(instance.get());
+        ASSERT_TRUE(processUntil(
+            [&] { return phase != 2 || instance->lifeState() == RK::LifeStateSolitary; }));
+        const char *method = phase == 1 ? "preloadBehavior"
+            : phase == 2                ? "switchFocus"
+                                        : "startBehavior";
+        const char *service = phase == 2 ? "VXAutonomousLife" : "VXBehaviorManager";
+        if (phase == 1)
+            instance->preloadBehavior();
+        else
+            instance->playBehavior();
+        if (phase == 0)
+            ASSERT_TRUE(log.waitFor(State::Running));
+        else
+            ASSERT_TRUE(
+                processUntil([&] { return robot().scenario().callCount(service, method) == 1; }));
+        ASSERT_TRUE(app->disconnectAndWait());
+        EXPECT_EQ(instance->state(), State::Missing);
+        settle(50);
+        instance.reset();
+        app.reset();
+        behaviors().stopAll();
+    }
+}
+
+} // namespace
