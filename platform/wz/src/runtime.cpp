@@ -92,13 +92,13 @@ std::shared_ptr<Waker> Waker::forThisThread()
 // (0 turns it off).
 int64_t Waker::callerSpinUs()
 {
-    static const int64_t us = envInt("WZ_CALLER_SPIN_US", 50);
+    static const int64_t us = envInt("WZ_CALLER_SPIN_US", 100);
     return us;
 }
 
 int64_t Waker::workerSpinUs()
 {
-    static const int64_t us = envInt("WZ_WORKER_SPIN_US", 50);
+    static const int64_t us = envInt("WZ_WORKER_SPIN_US", 100);
     return us;
 }
 
@@ -146,9 +146,12 @@ bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs)
 {
     const int64_t start = nowNs();
     int64_t budgetNs = 0;
-    // Spin only while this thread's waits have mostly been shorter than the
-    // spin could last; a long wait (an idle thread) turns it off.
-    if (maxSpinUs > 0 && m_meanWaitNs <= maxSpinUs * 1000) {
+    // Spin while this thread's waits have been at most a few times what the
+    // spin may last: the spin itself shortens them (a spinning CPU is not a
+    // halted one that the next wake must bring back first), so a wait seen
+    // without it looks longer than it will be. Long waits (an idle thread)
+    // turn it off.
+    if (maxSpinUs > 0 && m_meanWaitNs <= maxSpinUs * 4000) {
         budgetNs = maxSpinUs * 1000;
         if (timeoutMs >= 0)
             budgetNs = std::min(budgetNs, timeoutMs * 1000000);
@@ -185,7 +188,7 @@ bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs)
         drain();
     // A sample is capped so that one long idle spell does not keep spinning
     // off for long once waits are short again.
-    const int64_t cap = std::max<int64_t>(maxSpinUs, 1) * 4000;
+    const int64_t cap = std::max<int64_t>(maxSpinUs, 1) * 16000;
     const int64_t waited = std::min(nowNs() - start, cap);
     m_meanWaitNs += (waited - m_meanWaitNs) / 8;
     return woke;

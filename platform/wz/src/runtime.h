@@ -48,7 +48,7 @@ public:
     void drain();
 
     // The spin limits of a caller waiting for its reply and of a framework
-    // thread waiting for work: 50 us, or WZ_CALLER_SPIN_US / WZ_WORKER_SPIN_US.
+    // thread waiting for work: 100 us, or WZ_CALLER_SPIN_US / WZ_WORKER_SPIN_US.
     static int64_t callerSpinUs();
     static int64_t workerSpinUs();
 
