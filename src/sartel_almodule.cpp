@@ -94,10 +94,17 @@ std::shared_ptr<EventRelay> EventRelay::create(QObject *target, Deliver deliver)
     return std::shared_ptr<EventRelay>(new EventRelay(target, std::move(deliver)));
 }
 
+void EventRelay::acceptOnly(QStringList names)
+{
+    QMutexLocker lock(&m_mutex);
+    m_filtered = true;
+    m_accepted = std::move(names);
+}
+
 void EventRelay::push(const QString &name, const VX::VXValue &value)
 {
     QMutexLocker lock(&m_mutex);
-    if (m_detached)
+    if (m_detached || (m_filtered && !m_accepted.contains(name)))
         return;
     const bool first = m_pending.empty();
     m_pending.emplace_back(name, value);

@@ -5,6 +5,7 @@
 #include <QMutex>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <boost/shared_ptr.hpp>
 
@@ -39,6 +40,8 @@ public:
     static std::shared_ptr<EventRelay> create(QObject *target, Deliver deliver);
 
     QObject *target() const { return m_target; }
+    // Carries only events of these names from now on (all until called).
+    void acceptOnly(QStringList names);
     void push(const QString &name, const VX::VXValue &value);
     void detach();
 
@@ -50,6 +53,8 @@ private:
     const Deliver m_deliver;
     QMutex m_mutex;
     bool m_detached = false;
+    bool m_filtered = false;
+    QStringList m_accepted;
     std::vector<std::pair<QString, VX::VXValue>> m_pending;
 };
 

@@ -72,6 +72,7 @@ VXSartelExecuter::VXSartelExecuter(boost::shared_ptr<Connection> connection)
     m_events = EventRelay::create(this, [this](const QString &name, const VX::VXValue &value) {
         onDataChanged(name, value);
     });
+    updateEventFilter();
     m_module->addRelay(m_events);
     initPollingTimers();
     subscribeToMicroEvent(QString::fromLatin1(a_keyRemovedName));
@@ -290,6 +291,12 @@ void VXSartelExecuter::removeWatchedData(QString dataName)
     m_watchedData.removeAll(dataName);
 }
 
+void VXSartelExecuter::updateEventFilter()
+{
+    m_events->acceptOnly({m_currentTimeline, a_sentenceSaidSTMName, a_sentenceHeardSTMName,
+                          QString::fromLatin1(a_keyRemovedName)});
+}
+
 void VXSartelExecuter::onDataChanged(QString name, VX::VXValue value)
 {
     if (name == m_currentTimeline) {
@@ -465,6 +472,7 @@ void VXSartelExecuter::createTimeline(QString timelineStr)
     try {
         m_currentTimeline = QString::fromLatin1(
             frameManager->call<std::string>("createTimeline", ascii(timelineStr)).c_str());
+        updateEventFilter();
     } catch (const std::exception &e) {
         emit error(tr("Error"), tr("Failed to create timeline"), QString::fromUtf8(e.what()));
     }
@@ -495,6 +503,7 @@ void VXSartelExecuter::stopCurrentTimeline()
         // Gone already, or the robot with it: the desktop forgets it anyway.
     }
     m_currentTimeline.clear();
+    updateEventFilter();
 }
 
 void VXSartelExecuter::playCurrentTimeline()

@@ -106,6 +106,9 @@ private:
     // Fills the joint names once; throws when neither question is answered.
     void ensureJointNames(VX::VXMotionProxy &motion);
     void reportLostConnection(const std::exception &e);
+    // The executer's route carries only the names onDataChanged acts on: a
+    // burst of other events then costs its thread nothing.
+    void updateEventFilter();
 
     boost::weak_ptr<Connection> m_connection;
     QString m_currentTimeline;
