@@ -9,7 +9,7 @@ function(nimiob_optional_subdirectory dir)
   endif()
 endfunction()
 
-# nimiob_add_test(NAME name SOURCES a.cpp... LIBS libs... LABELS unit|integration|slow...
+# nimiob_add_test(NAME name SOURCES a.cpp... LIBS libs... LABELS unit|integration...
 #                 [TIMEOUT seconds])
 # One GoogleTest executable, registered with CTest as one test so that a
 # suite can share one simulated robot among its cases.
@@ -32,11 +32,23 @@ function(nimiob_add_bench)
   nimiob_warnings(${B_NAME})
 endfunction()
 
+# nimiob_add_fuzz(NAME fuzz_<corpus> SOURCES a.cpp... LIBS libs...)
+# In the fuzz build: a libFuzzer target, fed from fuzz/corpus/<corpus>/. In a
+# test build: the same entry function behind a plain driver, and a CTest test
+# that replays every saved input of fuzz/corpus/<corpus>/ through it.
 function(nimiob_add_fuzz)
   cmake_parse_arguments(F "" "NAME" "SOURCES;LIBS" ${ARGN})
-  add_executable(${F_NAME} ${F_SOURCES})
-  target_compile_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
-  target_link_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
+  if(NIMIOB_BUILD_FUZZ)
+    add_executable(${F_NAME} ${F_SOURCES})
+    target_compile_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
+    target_link_options(${F_NAME} PRIVATE -fsanitize=fuzzer,address,undefined)
+  else()
+    add_executable(${F_NAME} ${F_SOURCES} ${PROJECT_SOURCE_DIR}/fuzz/replay_main.cpp)
+    nimiob_warnings(${F_NAME})
+    string(REGEX REPLACE "^fuzz_" "" corpus ${F_NAME})
+    add_test(NAME ${F_NAME}_corpus COMMAND ${F_NAME} ${PROJECT_SOURCE_DIR}/fuzz/corpus/${corpus})
+    set_tests_properties(${F_NAME}_corpus PROPERTIES LABELS unit TIMEOUT 60)
+  endif()
   target_link_libraries(${F_NAME} PRIVATE ${F_LIBS})
   set_property(GLOBAL APPEND PROPERTY NIMIOB_FUZZ_TARGETS ${F_NAME})
 endfunction()

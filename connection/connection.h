@@ -1,6 +1,7 @@
 #pragma once
 
 // First, so that the types it declares are declared before any signal uses them.
+#include <connection/connection_timing.h>
 #include <connection/meta_types.h>
 #include <connection/nimiob_export.h>
 
@@ -95,12 +96,18 @@ public:
 
     // Reads host and port from the session's URL, builds the object under a
     // shared pointer and runs init(). Whatever init() throws reaches the caller.
-    static boost::shared_ptr<Connection> create(wz::Session *session, const QString &name);
+    static boost::shared_ptr<Connection> create(wz::Session *session, const QString &name,
+                                                const ConnectionTiming &timing = {});
     // The same, and the session is kept until the connection is gone, so
     // that the connection never outlives the session it points to. The
     // connection is destroyed on its own thread, whoever lets go of it last.
     static boost::shared_ptr<Connection> create(const boost::shared_ptr<wz::Session> &session,
-                                                const QString &name);
+                                                const QString &name,
+                                                const ConnectionTiming &timing = {});
+
+    // Its time limits; set before init(), read by its interfaces as they are built.
+    const ConnectionTiming &timing() const { return m_timing; }
+    void setTiming(const ConnectionTiming &timing) { m_timing = timing; }
 
     void init();
     // Asks the robot for "MorvaneReady". The first call only binds the memory
@@ -198,8 +205,10 @@ signals:
                                bool checkWarningEnable = false);
 
 private:
-    static boost::shared_ptr<Connection>
-    create(wz::Session *session, const boost::shared_ptr<wz::Session> &keep, const QString &name);
+    static boost::shared_ptr<Connection> create(wz::Session *session,
+                                                const boost::shared_ptr<wz::Session> &keep,
+                                                const QString &name,
+                                                const ConnectionTiming &timing);
     void waitForReadiness();
     void initProxiesConnections();
     void bindService(std::size_t row);
@@ -261,6 +270,7 @@ private:
     QString m_name;
     bool m_ready = false;
     QString m_version;
+    ConnectionTiming m_timing;
 };
 
 } // namespace RK

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <connection/connection.h>
+#include <connection/connection_timing.h>
 #include <connection/nimiob_export.h>
 
 #include <QObject>
@@ -39,6 +40,12 @@ public:
     void destroyConnection();
     // Reports missing services of the current connection, which must exist.
     void checkAvailableModules();
+
+    // The time limits of the attempts started from now on (the defaults
+    // unless set): readiness, the two-way test, pose polling.
+    using Timing = ConnectionTiming;
+    void setTiming(const Timing &timing) { m_timing = timing; }
+    const Timing &timing() const { return m_timing; }
 
     bool isConnected() const;
     bool isConnecting() const { return m_connecting; }
@@ -110,6 +117,7 @@ private:
     wz::SignalLink m_sessionLink;
     boost::shared_ptr<Connection> m_connection;
     bool m_connecting = false;
+    Timing m_timing;
     bool m_disconnectionRequested = true;
     QString m_name;
     QString m_lastAddress;

@@ -44,10 +44,13 @@ public:
     void setGatherPeriod(int gatherPeriod);
     void setSamplingPeriod(int samplingPeriod);
     void setSamplingPeriod();
-    // The answer comes as a call of `boolSlot` (a slot's name, without its
-    // signature) on `returnTarget`, with true when the robot samples itself;
-    // never when the connection has gone. The string is not copied: it and
-    // the object must outlive the call.
+    // Whether the robot samples itself ("VXMemoryWatcher"): true, or false
+    // when this desktop polls. Canceled, with no result, when the connection
+    // has gone. Answered in order with the watching requests above.
+    QFuture<bool> isRealTimeSupported();
+    // The same answer as a call of `boolSlot` (a slot's name, without its
+    // signature) on `returnTarget`, on that object's thread; never when the
+    // connection or the object has gone.
     void isRealTimeSupported(QObject *returnTarget, const char *boolSlot);
 
     // Empty results when the connection or "VXMemory" is missing or the call fails.

@@ -23,11 +23,17 @@ as_root() {
   if [ "$(id -u)" -eq 0 ]; then "$@"; else sudo "$@"; fi
 }
 
+# Prints the packages of the list that are not installed, one a line.
+missing_packages() {
+  command -v dpkg-query >/dev/null || return 0
+  for p in "${PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || echo "$p"
+  done
+}
+
 cmd_deps() {
   local missing=()
-  for p in "${PACKAGES[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-  done
+  mapfile -t missing < <(missing_packages)
   if [ ${#missing[@]} -eq 0 ]; then
     log "all ${#PACKAGES[@]} packages present"
     return 0
@@ -38,12 +44,36 @@ cmd_deps() {
 }
 
 # configure DIR [cmake args...]: configures once; later calls only build.
+# A configure that stopped half-way (a dependency missing) leaves
+# CMakeCache.txt without build.ninja: that counts as not configured, and the
+# half-made cache goes so that nothing it guessed then sticks.
 configure() {
   local dir="$1"; shift
-  if [ ! -f "$dir/CMakeCache.txt" ]; then
-    log "configuring $dir"
-    cmake -S "$ROOT" -B "$dir" -G Ninja "$@" >/dev/null
+  [ -f "$dir/CMakeCache.txt" ] && [ -f "$dir/build.ninja" ] && return 0
+  if [ -f "$dir/CMakeCache.txt" ]; then
+    log "$dir was left half-configured; configuring it again"
+    rm -rf "$dir/CMakeCache.txt" "$dir/CMakeFiles"
   fi
+  log "configuring $dir"
+  mkdir -p "$dir"
+  local errors="$dir/configure-errors.log"
+  if cmake -S "$ROOT" -B "$dir" -G Ninja "$@" >/dev/null 2>"$errors"; then
+    cat "$errors" >&2
+    return 0
+  fi
+  cat "$errors" >&2
+  rm -rf "$dir/CMakeCache.txt" "$dir/CMakeFiles"
+  local missing=() wanted
+  mapfile -t missing < <(missing_packages)
+  wanted="$(sed -nE 's/.*(Could not find a package configuration file provided by|Could NOT find) "?([A-Za-z0-9_]+)"?.*/\2/p' "$errors" | sort -u | xargs)"
+  if [ ${#missing[@]} -gt 0 ] || [ -n "$wanted" ]; then
+    log "configure failed: a dependency is missing${wanted:+ (CMake did not find: $wanted)}."
+    [ ${#missing[@]} -eq 0 ] || log "packages not installed: ${missing[*]}"
+    log "run 'scripts/dev.sh deps' to install them, then run this command again."
+  else
+    log "configure of $dir failed (errors above)."
+  fi
+  return 1
 }
 
 export CCACHE_BASEDIR="$ROOT"

@@ -31,8 +31,6 @@ namespace RK {
 namespace {
 
 const char *const k_category = "con.connection";
-const int a_readinessStepMs = 250;
-const int a_readinessLimitMs = 20000;
 
 boost::shared_ptr<VX::VXProxy> makeGenericProxy(wz::Session *session, const std::string &name)
 {
@@ -98,20 +96,23 @@ Connection::~Connection()
     destroyProxiesConnections();
 }
 
-boost::shared_ptr<Connection> Connection::create(wz::Session *session, const QString &name)
+boost::shared_ptr<Connection> Connection::create(wz::Session *session, const QString &name,
+                                                 const ConnectionTiming &timing)
 {
-    return create(session, boost::shared_ptr<wz::Session>(), name);
+    return create(session, boost::shared_ptr<wz::Session>(), name, timing);
 }
 
 boost::shared_ptr<Connection> Connection::create(const boost::shared_ptr<wz::Session> &session,
-                                                 const QString &name)
+                                                 const QString &name,
+                                                 const ConnectionTiming &timing)
 {
-    return create(session.get(), session, name);
+    return create(session.get(), session, name, timing);
 }
 
 boost::shared_ptr<Connection> Connection::create(wz::Session *session,
                                                  const boost::shared_ptr<wz::Session> &keep,
-                                                 const QString &name)
+                                                 const QString &name,
+                                                 const ConnectionTiming &timing)
 {
     const wz::Url url = session->url();
     // The last owner may be an executer of one of its interfaces: the
@@ -121,6 +122,7 @@ boost::shared_ptr<Connection> Connection::create(wz::Session *session,
                                                             static_cast<quint16>(url.port()), name),
                                              [](Connection *c) { destroyOnOwnThread(c); });
     connection->m_sessionOwner = keep;
+    connection->m_timing = timing;
     connection->init();
     return connection;
 }
@@ -143,13 +145,13 @@ void Connection::waitForReadiness()
         // during the last wait is reported as such.
         if (!m_session->isConnected())
             throw Interrupted();
-        if (waited >= a_readinessLimitMs)
+        if (waited >= m_timing.readinessLimitMs)
             throw std::runtime_error("Morvane was not ready yet.");
         // A local loop rather than a sleep: events of this thread keep flowing.
         QEventLoop loop;
-        QTimer::singleShot(a_readinessStepMs, &loop, &QEventLoop::quit);
+        QTimer::singleShot(m_timing.readinessStepMs, &loop, &QEventLoop::quit);
         loop.exec();
-        waited += a_readinessStepMs;
+        waited += m_timing.readinessStepMs;
     }
 }
 
@@ -267,7 +269,6 @@ boost::shared_ptr<VX::VXProxy> Connection::proxyAt(std::size_t row) const
 void Connection::buildInterfaces()
 {
     const boost::shared_ptr<Connection> self = shared_from_this();
-    (void)self;
 
     // [1 MemoryInterface] always:
     m_memoryInterface = makeInterface<MemoryInterface>(self);

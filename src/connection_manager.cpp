@@ -21,8 +21,9 @@ void sessionDisconnected(const QPointer<ConnectionManager> &guard, const std::st
     ConnectionManager *manager = guard.data();
     if (!manager)
         return;
-    QMetaObject::invokeMethod(manager, "onSessionDisconnected", Qt::QueuedConnection,
-                              Q_ARG(std::string, reason));
+    QMetaObject::invokeMethod(
+        manager, [manager, reason] { manager->onSessionDisconnected(reason); },
+        Qt::QueuedConnection);
 }
 
 } // namespace
@@ -64,6 +65,7 @@ void ConnectionManager::connectRemoteBroker(const std::string &address, int port
     // A place holder: the worker replaces it with the connection it builds.
     boost::shared_ptr<Connection> connection = boost::make_shared<Connection>(
         session.get(), QString::fromLatin1(address.c_str()), port, name);
+    connection->setTiming(m_timing);
     m_threadsManager->initConnection(session, connection, address, port, name);
 }
 

@@ -220,9 +220,9 @@ void InitConnectionTask::execute(boost::shared_ptr<wz::Session> session,
     }
 
     // The place holder is dropped here: the real connection is always built
-    // on this thread, from the session's URL.
+    // on this thread, from the session's URL, with the place holder's timing.
     try {
-        connection = Connection::create(session, name);
+        connection = Connection::create(session, name, connection->timing());
     } catch (const Connection::Interrupted &) {
         emit connectionInitFailed(tr("Morvane disconnected unexpectedly. Verify your network and "
                                      "make sure that no other Morvane is running."));

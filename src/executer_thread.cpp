@@ -16,8 +16,35 @@ ExecuterThread::~ExecuterThread()
 {
     if (isRunning()) {
         quit();
-        wait();
+        join();
     }
+}
+
+void ExecuterThread::atLoopEnd(std::function<void()> step)
+{
+    std::lock_guard<std::mutex> lock(m_endMutex);
+    m_atLoopEnd.push_back(std::move(step));
+}
+
+void ExecuterThread::join()
+{
+    wait();
+    std::lock_guard<std::mutex> lock(m_endMutex);
+}
+
+void ExecuterThread::run()
+{
+    exec();
+    std::vector<std::function<void()>> steps;
+    {
+        std::lock_guard<std::mutex> lock(m_endMutex);
+        steps.swap(m_atLoopEnd);
+    }
+    for (const std::function<void()> &step : steps)
+        step();
+    // The last thing this thread does with the executer: join() takes the
+    // lock after it.
+    std::lock_guard<std::mutex> lock(m_endMutex);
 }
 
 } // namespace RK

@@ -201,12 +201,6 @@ void MemoryExecuter::startWatcher(int gatherPeriod, int samplingPeriod)
     const boost::shared_ptr<Connection> connection = m_connection.lock();
     if (!connection)
         return;
-    // Timers left running when the thread's loop ends could only be stopped
-    // from that thread: stop them there, on its way out.
-    if (QThread *own = thread()) {
-        connect(own, &QThread::finished, this, &MemoryExecuter::stopTimers,
-                Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
-    }
     if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
         try {
             watcher->call<void>("setPeriodMs", samplingPeriod);
@@ -287,23 +281,12 @@ void MemoryExecuter::setSamplingPeriod()
     setSamplingPeriod(0);
 }
 
-void MemoryExecuter::isRealTimeSupported(QObject *returnTarget, const char *boolSlot)
+std::optional<bool> MemoryExecuter::realTimeSupported() const
 {
     const boost::shared_ptr<Connection> connection = m_connection.lock();
     if (!connection)
-        return;
-    const bool supported = bool(connection->memoryWatcher());
-    if (!returnTarget || !boolSlot) {
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "isRealTimeSupported needs an object and a slot name to answer to";
-        return;
-    }
-    if (!QMetaObject::invokeMethod(returnTarget, boolSlot, Qt::AutoConnection,
-                                   Q_ARG(bool, supported))) {
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "cannot answer isRealTimeSupported: " << returnTarget->metaObject()->className()
-            << " has no slot " << boolSlot << "(bool)";
-    }
+        return std::nullopt;
+    return bool(connection->memoryWatcher());
 }
 
 void MemoryExecuter::onSampleTimeout()

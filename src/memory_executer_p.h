@@ -9,6 +9,7 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <optional>
 #include <string>
 
 class QTimer;
@@ -83,19 +84,21 @@ public slots:
     void setGatherPeriod(int gatherPeriod);
     void setSamplingPeriod(int samplingPeriod);
     void setSamplingPeriod();
-    // Answers by invoking `boolSlot` (a method name) on `returnTarget` with
-    // one bool: whether the robot samples itself. Nothing is invoked once
-    // the connection has gone. Both pointers must outlive the call.
-    void isRealTimeSupported(QObject *returnTarget, const char *boolSlot);
     void onGatherTimeout();
     void onSampleTimeout();
 
 signals:
     void dataGathered(const QMap<QString, QMap<double, QVariant>> &);
 
-private:
+public:
+    // Whether the robot samples itself ("VXMemoryWatcher" is bound); no
+    // answer once the connection has gone. On the executer's thread, in
+    // order with the watching requests.
+    std::optional<bool> realTimeSupported() const;
+    // Stops the timers; on the executer's thread, at the latest as it ends.
     void stopTimers();
 
+private:
     boost::weak_ptr<Connection> m_connection;
     QTimer *m_gatherTimer;
     QTimer *m_sampleTimer;

@@ -3,83 +3,130 @@
 #include "memory_executer_p.h"
 #include "morvane_interface_p.h"
 
+#include <QByteArray>
 #include <QMetaObject>
 #include <QMetaType>
+#include <QPromise>
+
+#include <wz/log.h>
+
+#include <memory>
+#include <optional>
 
 namespace RK {
+
+namespace {
+
+// Queues `call` to the executer's thread, in order with every other request.
+// A call still queued when the interface goes is dropped unrun.
+template<typename Call>
+void queue(MemoryExecuter *executer, Call call)
+{
+    QMetaObject::invokeMethod(
+        executer, [executer, call] { call(*executer); }, Qt::QueuedConnection);
+}
+
+} // namespace
 
 MemoryInterface::MemoryInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("MemoryInterface"))
 {
-    // isRealTimeSupported carries the slot's name through a queued call.
-    qRegisterMetaType<const char *>("const char*");
     qRegisterMetaType<QMap<QString, QMap<double, QVariant>>>(
         "QMap<QString,QMap<double,QVariant> >");
     forward(&MemoryExecuter::dataGathered, this, &MemoryInterface::dataGathered);
+    // The timers belong to the executer's thread: they stop there, as it ends.
+    MemoryExecuter *e = executer();
+    executerThread()->atLoopEnd([e] { e->stopTimers(); });
 }
 
 MemoryInterface::~MemoryInterface() = default;
 
 void MemoryInterface::watchKey(const QString &key, int period)
 {
-    QMetaObject::invokeMethod(executer(), "watchKey", Qt::QueuedConnection, Q_ARG(QString, key),
-                              Q_ARG(int, period));
+    queue(executer(), [key, period](MemoryExecuter &e) { e.watchKey(key, period); });
 }
 
 void MemoryInterface::watchKeys(const QStringList &keys, int period)
 {
-    QMetaObject::invokeMethod(executer(), "watchKeys", Qt::QueuedConnection,
-                              Q_ARG(QStringList, keys), Q_ARG(int, period));
+    queue(executer(), [keys, period](MemoryExecuter &e) { e.watchKeys(keys, period); });
 }
 
 void MemoryInterface::unwatchKey(const QString &key)
 {
-    QMetaObject::invokeMethod(executer(), "unwatchKey", Qt::QueuedConnection, Q_ARG(QString, key));
+    queue(executer(), [key](MemoryExecuter &e) { e.unwatchKey(key); });
 }
 
 void MemoryInterface::unwatchAll()
 {
-    QMetaObject::invokeMethod(executer(), "unwatchAll", Qt::QueuedConnection);
+    queue(executer(), [](MemoryExecuter &e) { e.unwatchAll(); });
 }
 
 void MemoryInterface::startWatcher(int gatherPeriod, int samplingPeriod)
 {
-    QMetaObject::invokeMethod(executer(), "startWatcher", Qt::QueuedConnection,
-                              Q_ARG(int, gatherPeriod), Q_ARG(int, samplingPeriod));
+    queue(executer(), [gatherPeriod, samplingPeriod](MemoryExecuter &e) {
+        e.startWatcher(gatherPeriod, samplingPeriod);
+    });
 }
 
 void MemoryInterface::startWatcher(int gatherPeriod)
 {
-    QMetaObject::invokeMethod(executer(), "startWatcher", Qt::QueuedConnection,
-                              Q_ARG(int, gatherPeriod));
+    queue(executer(), [gatherPeriod](MemoryExecuter &e) { e.startWatcher(gatherPeriod); });
 }
 
 void MemoryInterface::stopWatcher()
 {
-    QMetaObject::invokeMethod(executer(), "stopWatcher", Qt::QueuedConnection);
+    queue(executer(), [](MemoryExecuter &e) { e.stopWatcher(); });
 }
 
 void MemoryInterface::setGatherPeriod(int gatherPeriod)
 {
-    QMetaObject::invokeMethod(executer(), "setGatherPeriod", Qt::QueuedConnection,
-                              Q_ARG(int, gatherPeriod));
+    queue(executer(), [gatherPeriod](MemoryExecuter &e) { e.setGatherPeriod(gatherPeriod); });
 }
 
 void MemoryInterface::setSamplingPeriod(int samplingPeriod)
 {
-    QMetaObject::invokeMethod(executer(), "setSamplingPeriod", Qt::QueuedConnection,
-                              Q_ARG(int, samplingPeriod));
+    queue(executer(), [samplingPeriod](MemoryExecuter &e) { e.setSamplingPeriod(samplingPeriod); });
 }
 
 void MemoryInterface::setSamplingPeriod()
 {
-    QMetaObject::invokeMethod(executer(), "setSamplingPeriod", Qt::QueuedConnection);
+    queue(executer(), [](MemoryExecuter &e) { e.setSamplingPeriod(); });
+}
+
+QFuture<bool> MemoryInterface::isRealTimeSupported()
+{
+    // Shared by the queued call: if that call is dropped unrun (the interface
+    // went first), the promise goes with it and cancels the future.
+    const auto promise = std::make_shared<QPromise<bool>>();
+    promise->start();
+    QFuture<bool> future = promise->future();
+    queue(executer(), [promise](MemoryExecuter &e) {
+        if (const std::optional<bool> supported = e.realTimeSupported())
+            promise->addResult(*supported);
+        else
+            promise->future().cancel();
+        promise->finish();
+    });
+    return future;
 }
 
 void MemoryInterface::isRealTimeSupported(QObject *returnTarget, const char *boolSlot)
 {
-    QMetaObject::invokeMethod(executer(), "isRealTimeSupported", Qt::QueuedConnection,
-                              Q_ARG(QObject *, returnTarget), Q_ARG(const char *, boolSlot));
+    if (!returnTarget || !boolSlot) {
+        wz::log::LogStream(wz::LogLevel_Warning, "desktop.memory", __FUNCTION__)
+            << "isRealTimeSupported needs an object and a slot name to answer to";
+        return;
+    }
+    // The answer runs on the target's thread, and not at all once it is gone.
+    const QByteArray slot(boolSlot);
+    isRealTimeSupported().then(returnTarget, [returnTarget, slot](bool supported) {
+        if (!QMetaObject::invokeMethod(returnTarget, slot.constData(), Qt::DirectConnection,
+                                       Q_ARG(bool, supported))) {
+            wz::log::LogStream(wz::LogLevel_Warning, "desktop.memory", "isRealTimeSupported")
+                << "cannot answer isRealTimeSupported: " << returnTarget->metaObject()->className()
+                << " has no slot " << slot.constData() << "(bool)";
+        }
+    });
 }
 
 QFuture<QString> MemoryInterface::getKeyType(const QString &key)

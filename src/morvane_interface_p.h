@@ -52,7 +52,7 @@ MorvaneInterface<Executer, Thread>::~MorvaneInterface()
     // Requests already queued could still be delivered with the slot that
     // is running; drop them, so that only that slot is waited for.
     QCoreApplication::removePostedEvents(m_executer.get(), QEvent::MetaCall);
-    m_thread->wait();
+    m_thread->join();
     m_executer.reset();
     m_thread.reset();
     m_connection.reset();

@@ -19,7 +19,7 @@ namespace {
 const char *const k_category = "con.connection";
 const char *const a_testEventName = "SartelConnectionTest";
 const char *const a_testCallbackName = "_connectionTestCallback";
-const int a_testTimeoutMs = 15000;
+const int a_testLimitMs = 15000;
 
 // A fresh proxy for each use: the module keeps nothing of the robot's.
 boost::shared_ptr<VX::VXMemoryProxy> memoryProxy(wz::Session *session)
@@ -145,7 +145,7 @@ void EventRelay::drain()
 const QString VXSartel::a_sartelModuleName = QStringLiteral("VXSartel");
 
 VXSartel::VXSartel(wz::Session *session, QObject *parent)
-    : QObject(parent), m_session(session), m_answered(false)
+    : QObject(parent), m_session(session), m_testLimitMs(a_testLimitMs), m_answered(false)
 {
     setObjectName(a_sartelModuleName);
 }
@@ -218,7 +218,7 @@ void VXSartel::triggerConnectionTest()
         m_testTimer = makeTestTimer();
         m_testTimer->setSingleShot(true);
         connect(m_testTimer.get(), &QTimer::timeout, this, &VXSartel::onTimeout);
-        m_testTimer->start(a_testTimeoutMs);
+        m_testTimer->start(m_testLimitMs);
         // The robot now calls this module back over the network.
         memory->raiseMicroEvent(a_testEventName, VX::VXValue(0));
     } catch (const std::exception &e) {

@@ -93,6 +93,10 @@ public:
     void addRelay(std::shared_ptr<EventRelay> relay);
     void removeRelaysTo(const QObject *target);
 
+    // How long a test waits for the robot's call (15 s unless set); for the
+    // tests started after the call.
+    void setTestLimit(int ms) { m_testLimitMs = ms; }
+
 public slots:
     void onTimeout();
     void triggerConnectionTest();
@@ -107,6 +111,7 @@ signals:
 private:
     wz::Session *m_session;
     boost::shared_ptr<QTimer> m_testTimer;
+    int m_testLimitMs;
     // One writer (the callback, on a framework thread) and one later reader
     // (the time-out): atomic only so that the hand-over is well defined.
     std::atomic<bool> m_answered;

@@ -21,8 +21,6 @@ const char *const k_connectionCategory = "con.connection";
 const char *const k_category = "con.srtE";
 const char *const a_keyRemovedName = "VXMemory/KeyRemoved";
 const int a_slowPeriodMs = 1000;
-const int a_mediumPeriodMs = 500;
-const int a_fastPeriodMs = 60;
 // A recognised word counts only above this confidence.
 const double a_minimumWordConfidence = 0.3;
 
@@ -63,6 +61,7 @@ VXSartelExecuter::VXSartelExecuter(boost::shared_ptr<Connection> connection)
 {
     wz::Session *session = connection->session();
     m_module = boost::make_shared<VXSartel>(session, nullptr);
+    m_module->setTestLimit(connection->timing().connectionTestLimitMs);
     if (!session)
         throw std::runtime_error("the desktop module needs a session to register in");
     const wz::Object object = wz::makeObject(m_module);
@@ -74,7 +73,7 @@ VXSartelExecuter::VXSartelExecuter(boost::shared_ptr<Connection> connection)
     });
     updateEventFilter();
     m_module->addRelay(m_events);
-    initPollingTimers();
+    initPollingTimers(connection->timing());
     subscribeToMicroEvent(QString::fromLatin1(a_keyRemovedName));
 }
 
@@ -97,14 +96,14 @@ VXSartelExecuter::~VXSartelExecuter()
     stopCurrentTimeline();
 }
 
-void VXSartelExecuter::initPollingTimers()
+void VXSartelExecuter::initPollingTimers(const ConnectionTiming &timing)
 {
     m_slowTimer = new QTimer(this);
     m_mediumTimer = new QTimer(this);
     m_fastTimer = new QTimer(this);
     m_slowTimer->setInterval(a_slowPeriodMs);
-    m_mediumTimer->setInterval(a_mediumPeriodMs);
-    m_fastTimer->setInterval(a_fastPeriodMs);
+    m_mediumTimer->setInterval(timing.mediumPollMs);
+    m_fastTimer->setInterval(timing.fastPollMs);
     connect(m_mediumTimer, &QTimer::timeout, this, &VXSartelExecuter::onMediumTimeout);
     connect(m_fastTimer, &QTimer::timeout, this, &VXSartelExecuter::onFastTimeout);
     // Started by the executer's own loop: timers started here would move to

@@ -25,6 +25,7 @@ namespace RK {
 
 class Connection;
 class EventRelay;
+struct ConnectionTiming;
 class VXSartel;
 
 // The executer of RK::SartelModuleInterface, on its own thread: calls by
@@ -100,7 +101,7 @@ signals:
     void connectionLost();
 
 private:
-    void initPollingTimers();
+    void initPollingTimers(const ConnectionTiming &timing);
     void onCallFailed(const QString &proxyName, const QString &methodName, const VX::VXValue &param,
                       const QString &error);
     // Fills the joint names once; throws when neither question is answered.

@@ -76,9 +76,7 @@ SartelModuleInterface::SartelModuleInterface(boost::shared_ptr<Connection> conne
 
     // The polling timers stop on their own thread, just before it ends.
     E *executer = m_executer.get();
-    connect(
-        m_thread.get(), &QThread::finished, executer, [executer] { executer->stopPolling(); },
-        Qt::DirectConnection);
+    m_thread->atLoopEnd([executer] { executer->stopPolling(); });
 
     // Spoken sentences are always followed.
     emit subscribeToMicroEventRequested(VXSartelExecuter::a_sentenceSaidSTMName);
@@ -97,8 +95,9 @@ void SartelModuleInterface::raiseEvent(const QString &eventName, const VX::VXVal
 
 void SartelModuleInterface::testConnection()
 {
-    QMetaObject::invokeMethod(m_executer->module().get(), "triggerConnectionTest",
-                              Qt::QueuedConnection);
+    VXSartel *module = m_executer->module().get();
+    QMetaObject::invokeMethod(
+        module, [module] { module->triggerConnectionTest(); }, Qt::QueuedConnection);
 }
 
 boost::shared_ptr<VXSartel> SartelModuleInterface::sartelModule() const

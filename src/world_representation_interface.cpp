@@ -42,9 +42,7 @@ WorldRepresentationInterface::WorldRepresentationInterface(boost::shared_ptr<Con
     // The timer belongs to the executer's thread and must stop there, before
     // the thread is gone.
     WorldRepresentationExecuter *executer = this->executer();
-    QObject::connect(
-        executerThread(), &QThread::finished, executer, [executer] { executer->stopTimer(); },
-        Qt::DirectConnection);
+    executerThread()->atLoopEnd([executer] { executer->stopTimer(); });
 
     if (connection) {
         if (const boost::shared_ptr<SartelModuleInterface> module
@@ -62,13 +60,16 @@ WorldRepresentationInterface::~WorldRepresentationInterface() = default;
 
 void WorldRepresentationInterface::startObjectPolling(unsigned int pollPeriodMs)
 {
-    QMetaObject::invokeMethod(executer(), "startObjectPolling", Qt::QueuedConnection,
-                              Q_ARG(uint, pollPeriodMs));
+    WorldRepresentationExecuter *e = executer();
+    QMetaObject::invokeMethod(
+        e, [e, pollPeriodMs] { e->startObjectPolling(pollPeriodMs); }, Qt::QueuedConnection);
 }
 
 void WorldRepresentationInterface::stopObjectPolling()
 {
-    QMetaObject::invokeMethod(executer(), "stopObjectPolling", Qt::QueuedConnection);
+    WorldRepresentationExecuter *e = executer();
+    QMetaObject::invokeMethod(
+        e, [e] { e->stopObjectPolling(); }, Qt::QueuedConnection);
 }
 
 QFuture<QStringList> WorldRepresentationInterface::objectsDisplayed()

@@ -94,6 +94,9 @@ bool Console::connectToRobot()
     m_out << " failed" << Qt::endl;
     if (m_errors.size() > errorsBefore) {
         printError(m_errors.back());
+        const QString why = plainReason(m_errors.back());
+        if (!why.isEmpty())
+            m_err << "  (" << why << ')' << Qt::endl;
     } else {
         m_err << "error: no answer from the robot within 60 s" << Qt::endl;
     }
@@ -110,6 +113,16 @@ void Console::disconnectFromRobot()
     const RK::ConnectionManager *manager = m_manager.get();
     if (!waitUntil([manager] { return !manager->hasActiveWorkers(); }, 30000))
         m_err << "warning: the connection was still closing after 30 s" << Qt::endl;
+}
+
+QString Console::plainReason(const Error &error)
+{
+    // The robot takes one desktop at a time: each registers the desktop
+    // module under the same name, and the robot refuses it a second time.
+    if (error.details.contains(QLatin1String("service \"VXSartel\" is already registered")))
+        return QStringLiteral("another desktop application is connected to this robot; "
+                              "disconnect it, then try again");
+    return QString();
 }
 
 void Console::printError(const Error &error)

@@ -65,6 +65,9 @@ public:
     };
     const std::vector<Error> &errors() const { return m_errors; }
     void printError(const Error &error);
+    // The cause of a failure in a user's words, where the library's text
+    // speaks of its internals; empty when the text says it well enough.
+    static QString plainReason(const Error &error);
 
     // Runs the event loop until `done` holds or `timeoutMs` passes.
     bool waitUntil(const std::function<bool()> &done, int timeoutMs);

@@ -369,8 +369,11 @@ TEST_F(MemoryWatcherTest, IsRealTimeSupportedAnswersTrueFalseOrNothing)
     {
         connectRobot(true);
         memory->isRealTimeSupported(&receiver, "onRealTimeSupported");
-        ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 1; }));
+        const QFuture<bool> answer = memory->isRealTimeSupported();
+        ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 1 && answer.isFinished(); }));
         EXPECT_TRUE(receiver.answers.back());
+        ASSERT_EQ(answer.resultCount(), 1);
+        EXPECT_TRUE(answer.result());
         collector.reset();
         memory.reset();
         connection.reset();
@@ -379,15 +382,39 @@ TEST_F(MemoryWatcherTest, IsRealTimeSupportedAnswersTrueFalseOrNothing)
     }
     connectRobot(false);
     memory->isRealTimeSupported(&receiver, "onRealTimeSupported");
-    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 2; }));
+    const QFuture<bool> polling = memory->isRealTimeSupported();
+    ASSERT_TRUE(waitFor([&] { return receiver.answers.size() == 2 && polling.isFinished(); }));
     EXPECT_FALSE(receiver.answers.back());
+    ASSERT_EQ(polling.resultCount(), 1);
+    EXPECT_FALSE(polling.result());
 
-    // The application kept the interface past disconnection: no answer.
+    // A slot that does not exist is a warning; a target gone first, nothing.
+    {
+        wz::log::LogCapture log;
+        memory->isRealTimeSupported(&receiver, "noSuchSlot");
+        auto doomed = std::make_unique<test::AnswerReceiver>();
+        memory->isRealTimeSupported(doomed.get(), "onRealTimeSupported");
+        doomed.reset();
+        const QFuture<bool> later = memory->isRealTimeSupported();
+        ASSERT_TRUE(waitFor([&] { return later.isFinished(); }));
+        QCoreApplication::processEvents();
+        EXPECT_TRUE(log.contains(wz::LogLevel_Warning, "desktop.memory",
+                                 "cannot answer isRealTimeSupported: test::AnswerReceiver has no "
+                                 "slot noSuchSlot(bool)"));
+        EXPECT_EQ(receiver.answers.size(), 2u);
+    }
+
+    // The application kept the interface past disconnection: no answer, and
+    // the future is canceled. The slot's answer would have been on its way
+    // before the future ended, the two being asked in that order.
     connection.reset();
     ASSERT_TRUE(recorder->disconnectAndWait());
     memory->isRealTimeSupported(&receiver, "onRealTimeSupported");
-    sync();
-    test::settle(50);
+    const QFuture<bool> gone = memory->isRealTimeSupported();
+    ASSERT_TRUE(waitFor([&] { return gone.isFinished(); }));
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(gone.isCanceled());
+    EXPECT_EQ(gone.resultCount(), 0);
     EXPECT_EQ(receiver.answers.size(), 2u);
 }
 
@@ -488,7 +515,10 @@ TEST_F(MemoryWatcherTest, MicroEventsReachTheDesktopModule)
     QObject context;
     QObject::connect(module.get(), &RK::VXSartel::dataSubscribedChanged, &context,
                      [&delivered](const QString &name, const VX::VXValue &value) {
-                         delivered << name + QLatin1Char('=') + QString::number(value.toInt());
+                         // Other subscriptions of the connection (behaviour
+                         // events, some with text values) may arrive meanwhile.
+                         if (name == QLatin1String("Mem/Micro"))
+                             delivered << name + QLatin1Char('=') + QString::number(value.toInt());
                      });
 
     memory->executer()->subscribeToMicroEvent(QStringLiteral("Mem/Micro"));

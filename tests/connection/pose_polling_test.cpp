@@ -72,6 +72,8 @@ class PosePollingTest : public test::SartelTest
 protected:
     void connectAndListen()
     {
+        // Stiffness every 150 ms rather than 500: the cases count its ticks.
+        timing.mediumPollMs = 150;
         connect();
         listener = std::make_unique<PoseListener>(*module);
     }
@@ -151,7 +153,9 @@ TEST_F(PosePollingTest, ThePoseFlagAddsAnglesAndTorso)
     const size_t angles = listener->angles.size();
     const size_t torso = listener->torso.size();
     const size_t stiffnesses = listener->stiffnesses.size();
-    test::settle(600);
+    // Two stiffness ticks later, several angle ticks would have come.
+    ASSERT_TRUE(
+        test::processUntil([&] { return listener->stiffnesses.size() >= stiffnesses + 2; }, 3000));
     EXPECT_EQ(listener->angles.size(), angles);
     EXPECT_EQ(listener->torso.size(), torso);
     EXPECT_GT(listener->stiffnesses.size(), stiffnesses);
@@ -243,7 +247,9 @@ TEST_F(PosePollingTest, WatchedKeysArePolledDoubledAndDroppedAfterAFailure)
         [&] { return listener->polledCount("Test/Other") > otherBefore + 3; }, 5000));
     const int after = reads();
     const int seen = listener->polledCount("Test/Temperature");
-    test::settle(300);
+    const int otherNow = listener->polledCount("Test/Other");
+    ASSERT_TRUE(test::processUntil(
+        [&] { return listener->polledCount("Test/Other") > otherNow + 3; }, 5000));
     EXPECT_LE(reads(), after + 1);
     EXPECT_EQ(listener->polledCount("Test/Temperature"), seen);
     EXPECT_TRUE(logs.find("con.connection", "").empty());
@@ -254,7 +260,10 @@ TEST_F(PosePollingTest, WatchedKeysArePolledDoubledAndDroppedAfterAFailure)
     emit module->removeWatchedDataRequested(QStringLiteral("Test/Other"));
     drain();
     const int others = listener->polledCount("Test/Other");
-    test::settle(300);
+    // Nothing is watched now: two stiffness ticks span several polling ones.
+    const size_t stiffnesses = listener->stiffnesses.size();
+    ASSERT_TRUE(
+        test::processUntil([&] { return listener->stiffnesses.size() >= stiffnesses + 2; }, 3000));
     EXPECT_EQ(listener->polledCount("Test/Other"), others);
 }
 
@@ -270,12 +279,15 @@ TEST_F(PosePollingTest, ConnectionLostIsToldAgainOnEveryFailedTick)
     EXPECT_EQ(lines.front().level, wz::LogLevel_Warning);
     EXPECT_NE(lines.front().message.find("motion board not answering"), std::string::npos);
 
-    // With the pose flag the fast timer fails as well, every 60 ms.
+    // With the pose flag the fast timer fails as well, every 60 ms: six of
+    // its failures come with more reports than the slower tick could make.
     robot().scenario().failMethod("VXMotion", "getAngles", "motion board not answering");
     module->robotPoseUpdateNeeded(true);
     drain();
     const int before = listener->lost;
-    test::settle(1000);
+    const uint64_t anglesBefore = callCount("VXMotion", "getAngles");
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXMotion", "getAngles", anglesBefore + 6, 5s));
+    drain();
     EXPECT_GE(listener->lost - before, 6);
     // Torso reads still work, and the watched keys are not affected.
     EXPECT_FALSE(listener->torso.empty());

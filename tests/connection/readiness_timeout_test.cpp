@@ -8,9 +8,19 @@ namespace {
 
 class ReadinessTimeoutTest : public test::RobotTest
 {
+protected:
+    // The limit and the step in the ratio of the real ones (20 s, 250 ms),
+    // so that the attempt still gives up after 80 waits.
+    static RK::ConnectionTiming shortReadiness(int stepMs)
+    {
+        RK::ConnectionTiming timing;
+        timing.readinessStepMs = stepMs;
+        timing.readinessLimitMs = 80 * stepMs;
+        return timing;
+    }
 };
 
-// A robot that answers false for ever: 80 waits of 250 ms, then the attempt
+// A robot that answers false for ever: 80 waits of one step, then the attempt
 // fails. The first test only binds the memory service, so the key is asked
 // exactly once per wait.
 TEST_F(ReadinessTimeoutTest, RobotNeverReadyFailsAfterEightyWaits)
@@ -18,8 +28,9 @@ TEST_F(ReadinessTimeoutTest, RobotNeverReadyFailsAfterEightyWaits)
     robot().scenario().holdReadiness();
     const uint64_t before = robot().scenario().callCount("VXMemory", "getData");
     test::Recorder r;
+    r.manager->setTiming(shortReadiness(10));
     r.connectTo(robot());
-    ASSERT_TRUE(r.waitFor(QStringLiteral("disconnected"), 40000));
+    ASSERT_TRUE(r.waitFor(QStringLiteral("disconnected"), 10000));
     ASSERT_EQ(r.errors.size(), 1u);
     EXPECT_EQ(r.errors[0].title, QStringLiteral("ConnectionError"));
     EXPECT_EQ(r.errors[0].contents, QStringLiteral("Cannot connect to Morvane"));
@@ -36,10 +47,22 @@ TEST_F(ReadinessTimeoutTest, RobotNeverReadyFailsAfterEightyWaits)
 // Readiness that comes late but within the limit is simply waited for.
 TEST_F(ReadinessTimeoutTest, LateReadinessIsWaitedFor)
 {
-    robot().scenario().holdReadinessFor(1200ms);
+    robot().scenario().holdReadinessFor(300ms);
     test::Recorder r;
+    r.manager->setTiming(shortReadiness(25)); // a 2 s limit
     EXPECT_TRUE(r.connectAndWait(robot()));
     EXPECT_TRUE(r.errors.empty());
+}
+
+// What tests shorten, an application gets in full: the limits it was made for.
+TEST(ConnectionTimingTest, AManagerStartsWithTheRealLimits)
+{
+    RK::ConnectionManager manager;
+    EXPECT_EQ(manager.timing().readinessStepMs, 250);
+    EXPECT_EQ(manager.timing().readinessLimitMs, 20000);
+    EXPECT_EQ(manager.timing().connectionTestLimitMs, 15000);
+    EXPECT_EQ(manager.timing().fastPollMs, 60);
+    EXPECT_EQ(manager.timing().mediumPollMs, 500);
 }
 
 } // namespace

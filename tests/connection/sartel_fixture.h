@@ -89,11 +89,12 @@ protected:
         RobotTest::TearDown();
     }
 
-    // Connects with the manager and takes the module interface of the
-    // connection; the two-way test is left to run.
+    // Connects with the manager (with `timing`) and takes the module
+    // interface of the connection; the two-way test is left to run.
     void connect()
     {
         recorder = std::make_unique<Recorder>();
+        recorder->manager->setTiming(timing);
         recorder->connectTo(robot());
         const QString established = QStringLiteral("connectionEstablished");
         ASSERT_TRUE(processUntil([this, &established] {
@@ -146,6 +147,7 @@ protected:
         return robot().scenario().callCount(service, method);
     }
 
+    RK::ConnectionTiming timing;
     std::unique_ptr<Recorder> recorder;
     boost::shared_ptr<RK::Connection> connection;
     boost::shared_ptr<RK::SartelModuleInterface> module;

@@ -1,5 +1,6 @@
 #include "runtime.h"
 
+#include <wz/detail/pool.h>
 #include <wz/future.h>
 #include <wz/log.h>
 
@@ -21,7 +22,7 @@ namespace wz {
 namespace detail {
 
 namespace {
-const int64_t kIdleTimeoutMs = 5000;
+std::atomic<int64_t> g_idleTimeoutMs {5000};
 
 int64_t nowNs()
 {
@@ -58,6 +59,21 @@ void runGuarded(Task &task)
     }
 }
 } // namespace
+
+void setPoolIdleTimeout(std::chrono::milliseconds timeout)
+{
+    g_idleTimeoutMs = std::max<int64_t>(1, timeout.count());
+}
+
+std::chrono::milliseconds poolIdleTimeout()
+{
+    return std::chrono::milliseconds(g_idleTimeoutMs.load());
+}
+
+int poolThreadCount()
+{
+    return FrameworkPool::instance().threadCount();
+}
 
 // ---- Waker ------------------------------------------------------------------------
 
@@ -283,7 +299,7 @@ void FrameworkPool::run()
         self.waker->drain();
         m_idle.push_back(&self);
         lock.unlock();
-        self.waker->wait(kIdleTimeoutMs, Waker::workerSpinUs());
+        self.waker->wait(g_idleTimeoutMs.load(std::memory_order_relaxed), Waker::workerSpinUs());
         lock.lock();
         if (!self.signaled) {
             // Nobody picked this thread: it timed out (or woke spuriously).

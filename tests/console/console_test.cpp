@@ -1,0 +1,78 @@
+// The console against the simulated robot, as a user runs it.
+
+#include "console.h"
+
+#include <QString>
+#include <QTextStream>
+
+#include <gtest/gtest.h>
+
+// The robot's headers name members "signals", a Qt keyword macro.
+#pragma push_macro("signals")
+#undef signals
+#include <sim/robot.h>
+#pragma pop_macro("signals")
+
+#include <memory>
+
+namespace {
+
+struct Desktop
+{
+    explicit Desktop(const sim::Robot &robot, const QString &name) : out(&outText), err(&errText)
+    {
+        console::Options options;
+        options.embedded = false;
+        options.host = QString::fromStdString(robot.url().host());
+        options.port = robot.url().port();
+        options.name = name;
+        console = std::make_unique<console::Console>(options, out, err);
+    }
+    QString errors()
+    {
+        err.flush();
+        return errText;
+    }
+
+    QString outText;
+    QString errText;
+    QTextStream out;
+    QTextStream err;
+    std::unique_ptr<console::Console> console;
+};
+
+// One desktop holds a robot at a time. A second one is refused with the
+// library's own texts, and the console says in plain words why; the first
+// is unharmed, and once it has gone the second gets in.
+TEST(ConsoleTest, ASecondDesktopIsToldAnotherIsConnected)
+{
+    sim::Robot robot;
+    robot.start();
+
+    Desktop first(robot, QStringLiteral("first desktop"));
+    ASSERT_TRUE(first.console->start());
+    ASSERT_TRUE(first.console->connectToRobot()) << first.errors().toStdString();
+
+    Desktop second(robot, QStringLiteral("second desktop"));
+    ASSERT_TRUE(second.console->start());
+    EXPECT_FALSE(second.console->connectToRobot());
+    const QString told = second.errors();
+    EXPECT_TRUE(told.contains(QStringLiteral("Cannot connect to Morvane"))) << told.toStdString();
+    EXPECT_TRUE(told.contains(QStringLiteral("service \"VXSartel\" is already registered")))
+        << told.toStdString();
+    EXPECT_TRUE(
+        told.contains(QStringLiteral("another desktop application is connected to this robot")))
+        << told.toStdString();
+
+    EXPECT_TRUE(first.console->manager().isConnected());
+    first.console->disconnectFromRobot();
+    EXPECT_TRUE(first.errors().isEmpty()) << first.errors().toStdString();
+
+    Desktop third(robot, QStringLiteral("third desktop"));
+    ASSERT_TRUE(third.console->start());
+    EXPECT_TRUE(third.console->connectToRobot()) << third.errors().toStdString();
+    EXPECT_FALSE(third.errors().contains(QStringLiteral("another desktop")));
+    third.console->disconnectFromRobot();
+}
+
+} // namespace
