@@ -31,7 +31,9 @@ bool Console::start()
 {
     if (m_options.embedded) {
         try {
-            m_robot = std::make_unique<sim::Robot>();
+            sim::RobotOptions robotOptions;
+            robotOptions.lively = true;
+            m_robot = std::make_unique<sim::Robot>(robotOptions);
             m_robot->start();
         } catch (const std::exception &e) {
             m_err << "error: the embedded robot could not start: " << e.what() << Qt::endl;

@@ -27,6 +27,7 @@ int main(int argc, char **argv)
 {
     sim::RobotOptions options;
     options.listenUrl = "tcp://127.0.0.1:9559";
+    options.lively = true;
     std::string scenarioFile;
     std::string behaviorDir;
     for (int i = 1; i < argc; ++i) {

@@ -46,6 +46,8 @@ void PeoplePerceptionService::describe(ServiceBuilder &b)
 
 void PeoplePerceptionService::start()
 {
+    if (robot().options().lively && !m_autoplayConfigured)
+        setAutoplay(true);
     robot().memory().raiseEvent(kPeopleList, wz::AnyValue::List {});
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -72,6 +74,7 @@ void PeoplePerceptionService::configure(const wz::AnyValue &settings)
             if (field.second.kind() != wz::AnyValue::Kind::Bool)
                 throw std::runtime_error("autoplay needs true or false");
             setAutoplay(field.second.toBool());
+            m_autoplayConfigured = true;
         } else if (field.first == "range") {
             const float r = number(field.second, "range");
             if (!(r > 0.0f))

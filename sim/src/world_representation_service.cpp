@@ -65,6 +65,8 @@ void WorldRepresentationService::describe(ServiceBuilder &b)
 
 void WorldRepresentationService::start()
 {
+    if (robot().options().lively && !m_sceneConfigured)
+        setSceneRunning(true);
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_stopping = false;
@@ -91,6 +93,7 @@ void WorldRepresentationService::configure(const wz::AnyValue &settings)
         if (field.second.kind() != wz::AnyValue::Kind::Bool)
             throw std::runtime_error("scene needs true or false");
         setSceneRunning(field.second.toBool());
+        m_sceneConfigured = true;
     }
 }
 

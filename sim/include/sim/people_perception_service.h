@@ -75,7 +75,8 @@ private:
     std::vector<Person> m_people;
     int m_nextId = 1;
     std::atomic<float> m_range {kDefaultRange};
-    std::atomic<bool> m_autoplay {true};
+    std::atomic<bool> m_autoplay {false};
+    bool m_autoplayConfigured = false;
     bool m_stopping = false;
     std::condition_variable m_wake;
     std::thread m_thread;

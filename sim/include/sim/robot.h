@@ -28,6 +28,10 @@ struct RobotOptions
     bool holdReadiness = false;
     // Logs each call with its caller at info level (debug otherwise).
     bool verbose = false;
+    // The perception scene and its people live on their own (objects
+    // moving, people coming and going), unless a scenario says otherwise.
+    // Off by default so that a test's robot raises only what the test asks.
+    bool lively = false;
     // The services to offer; empty means defaultServices().
     std::vector<ServiceEntry> services;
 };

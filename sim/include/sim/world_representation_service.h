@@ -120,7 +120,8 @@ private:
     std::mutex m_changes;
     mutable std::mutex m_mutex;
     std::vector<Object> m_objects; // m_objects[0] is the root
-    std::atomic<bool> m_sceneRunning {true};
+    std::atomic<bool> m_sceneRunning {false};
+    bool m_sceneConfigured = false;
     bool m_stopping = false;
     std::condition_variable m_wake;
     std::thread m_thread;
