@@ -5,6 +5,7 @@
 //  - a 2.5 MB binary round trip vs the same bytes echoed over a plain socket.
 
 #include <wz/detail/decode.h>
+#include <wz/detail/trace.h>
 #include <wz/wz.h>
 
 #include <benchmark/benchmark.h>
@@ -160,6 +161,51 @@ double rawOneWay(size_t frame, int64_t count)
     return static_cast<double>(count) / seconds;
 }
 
+// Where a call's time goes, stage by stage, when the library was built with
+// NIMIOB_WZ_TRACE: the median of each stage over the calls that reached all.
+class Breakdown
+{
+public:
+    void add(Clock::time_point start, Clock::time_point end)
+    {
+        using wz::detail::trace::StageCount;
+        int64_t stamps[StageCount];
+        if (!wz::detail::trace::take(stamps))
+            return;
+        int64_t points[StageCount + 2];
+        points[0] = nanos(start);
+        for (int i = 0; i < StageCount; ++i)
+            points[i + 1] = stamps[i];
+        points[StageCount + 1] = nanos(end);
+        for (int64_t p : points) {
+            if (p == 0)
+                return;
+        }
+        for (int i = 0; i <= StageCount; ++i)
+            m_stages[i].push_back(double(points[i + 1] - points[i]) / 1000);
+    }
+
+    void report(benchmark::State &state) const
+    {
+        static const char *const names[]
+            = {"b1_encode_us",       "b2_send_to_decode_us", "b3_to_method_us",   "b4_method_us",
+               "b5_reply_encode_us", "b6_send_to_decode_us", "b7_wake_caller_us", "b8_return_us"};
+        static_assert(sizeof names / sizeof *names == wz::detail::trace::StageCount + 1, "");
+        for (int i = 0; i <= wz::detail::trace::StageCount; ++i) {
+            if (!m_stages[i].empty())
+                state.counters[names[i]] = percentile(m_stages[i], 0.5);
+        }
+    }
+
+private:
+    static int64_t nanos(Clock::time_point t)
+    {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(t.time_since_epoch()).count();
+    }
+
+    std::vector<double> m_stages[wz::detail::trace::StageCount + 1];
+};
+
 // ---- the framework ------------------------------------------------------------------
 
 struct Robot
@@ -211,6 +257,7 @@ void BM_SmallCallRoundTrip(benchmark::State &state)
                                          "add", {wz::AnyValue(1000), wz::AnyValue(1)});
     const size_t reply = replyFrameSize(1000, wz::AnyValue(1001));
     std::vector<double> raw, call;
+    Breakdown breakdown;
     for (auto _ : state) {
         // Interleaved, so that both see the same machine load.
         RawPair pair(request, reply, rounds);
@@ -221,7 +268,9 @@ void BM_SmallCallRoundTrip(benchmark::State &state)
             raw.push_back(rawRoundTrip(pair, out, in));
             const auto t0 = Clock::now();
             benchmark::DoNotOptimize(robot.service.call<int>("add", 1000, 1));
-            call.push_back(micros(Clock::now() - t0));
+            const auto t1 = Clock::now();
+            call.push_back(micros(t1 - t0));
+            breakdown.add(t0, t1);
         }
     }
     const double rawMedian = percentile(raw, 0.5), callMedian = percentile(call, 0.5);
@@ -233,6 +282,7 @@ void BM_SmallCallRoundTrip(benchmark::State &state)
     state.counters["call_p99_us"] = callP99;
     state.counters["p99_ratio"] = callP99 / rawP99;
     state.counters["frame_bytes"] = static_cast<double>(request);
+    breakdown.report(state);
 }
 
 void BM_PostsOneWay(benchmark::State &state)

@@ -85,6 +85,63 @@ const ModuleType s_moduleType;
 
 } // namespace
 
+EventRelay::EventRelay(QObject *target, Deliver deliver)
+    : m_target(target), m_deliver(std::move(deliver))
+{ }
+
+std::shared_ptr<EventRelay> EventRelay::create(QObject *target, Deliver deliver)
+{
+    return std::shared_ptr<EventRelay>(new EventRelay(target, std::move(deliver)));
+}
+
+void EventRelay::acceptOnly(QStringList names)
+{
+    QMutexLocker lock(&m_mutex);
+    m_filtered = true;
+    m_accepted = std::move(names);
+}
+
+void EventRelay::push(const QString &name, const VX::VXValue &value)
+{
+    QMutexLocker lock(&m_mutex);
+    if (m_detached || (m_filtered && !m_accepted.contains(name)))
+        return;
+    const bool first = m_pending.empty();
+    m_pending.emplace_back(name, value);
+    if (!first)
+        return; // a drain is queued already
+    // Posted under the lock: detach(), called before the target goes, waits
+    // for it, so the target is alive here.
+    std::shared_ptr<EventRelay> self = shared_from_this();
+    QMetaObject::invokeMethod(
+        m_target, [self] { self->drain(); }, Qt::QueuedConnection);
+}
+
+void EventRelay::detach()
+{
+    QMutexLocker lock(&m_mutex);
+    m_detached = true;
+    m_pending.clear();
+}
+
+void EventRelay::drain()
+{
+    std::vector<std::pair<QString, VX::VXValue>> batch;
+    {
+        QMutexLocker lock(&m_mutex);
+        batch.swap(m_pending);
+    }
+    for (const auto &event : batch) {
+        {
+            // A receiver may end the road while a batch is delivered.
+            QMutexLocker lock(&m_mutex);
+            if (m_detached)
+                return;
+        }
+        m_deliver(event.first, event.second);
+    }
+}
+
 const QString VXSartel::a_sartelModuleName = QStringLiteral("VXSartel");
 
 VXSartel::VXSartel(wz::Session *session, QObject *parent)
@@ -95,6 +152,30 @@ VXSartel::VXSartel(wz::Session *session, QObject *parent)
 
 VXSartel::~VXSartel() = default;
 
+void VXSartel::addRelay(std::shared_ptr<EventRelay> relay)
+{
+    QMutexLocker lock(&m_relaysMutex);
+    m_relays.push_back(std::move(relay));
+}
+
+void VXSartel::removeRelaysTo(const QObject *target)
+{
+    std::vector<std::shared_ptr<EventRelay>> removed;
+    {
+        QMutexLocker lock(&m_relaysMutex);
+        for (auto it = m_relays.begin(); it != m_relays.end();) {
+            if ((*it)->target() == target) {
+                removed.push_back(std::move(*it));
+                it = m_relays.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (const auto &relay : removed)
+        relay->detach();
+}
+
 void VXSartel::dataChanged(const std::string &key, const VX::VXValue &value,
                            const std::string & /*subscriberIdentifier*/)
 {
@@ -103,7 +184,13 @@ void VXSartel::dataChanged(const std::string &key, const VX::VXValue &value,
             << "DisconnectRequested by Morvane. Connection is lost.";
         emit disconnectRequested();
     }
-    emit dataSubscribedChanged(QString::fromUtf8(key.data(), static_cast<int>(key.size())), value);
+    const QString name = QString::fromUtf8(key.data(), static_cast<int>(key.size()));
+    {
+        QMutexLocker lock(&m_relaysMutex);
+        for (const auto &relay : m_relays)
+            relay->push(name, value);
+    }
+    emit dataSubscribedChanged(name, value);
 }
 
 void VXSartel::_connectionTestCallback(const std::string & /*key*/, const VX::VXValue & /*value*/,

@@ -2,15 +2,21 @@
 
 #include <connection/meta_types.h>
 
+#include <QMutex>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <boost/shared_ptr.hpp>
 
 #include <vx/vxvalue.h>
 
 #include <atomic>
+#include <functional>
+#include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 class QTimer;
 
@@ -19,6 +25,38 @@ class Session;
 }
 
 namespace RK {
+
+// Carries events to an object on another thread in order, with one queued
+// call per batch rather than one per event: under a burst the receiving
+// thread wakes once for many events, and the application keeps up with what
+// the robot sends. push() may be called from any thread; after detach() what
+// is pushed or still queued is dropped.
+class EventRelay : public std::enable_shared_from_this<EventRelay>
+{
+public:
+    using Deliver = std::function<void(const QString &, const VX::VXValue &)>;
+
+    // `deliver` runs on the thread of `target`.
+    static std::shared_ptr<EventRelay> create(QObject *target, Deliver deliver);
+
+    QObject *target() const { return m_target; }
+    // Carries only events of these names from now on (all until called).
+    void acceptOnly(QStringList names);
+    void push(const QString &name, const VX::VXValue &value);
+    void detach();
+
+private:
+    EventRelay(QObject *target, Deliver deliver);
+    void drain();
+
+    QObject *const m_target;
+    const Deliver m_deliver;
+    QMutex m_mutex;
+    bool m_detached = false;
+    bool m_filtered = false;
+    QStringList m_accepted;
+    std::vector<std::pair<QString, VX::VXValue>> m_pending;
+};
 
 // The desktop as a service of the robot ("VXSartel"): the robot's memory
 // delivers every subscribed event to dataChanged, and the two-way test
@@ -50,6 +88,11 @@ public:
     // Whether a test has been answered since this module was made.
     bool answered() const { return m_answered; }
 
+    // Every event dataChanged receives also goes to `relay`, until the relays
+    // to its target are removed (which detaches them).
+    void addRelay(std::shared_ptr<EventRelay> relay);
+    void removeRelaysTo(const QObject *target);
+
     // How long a test waits for the robot's call (15 s unless set); for the
     // tests started after the call.
     void setTestLimit(int ms) { m_testLimitMs = ms; }
@@ -72,6 +115,8 @@ private:
     // One writer (the callback, on a framework thread) and one later reader
     // (the time-out): atomic only so that the hand-over is well defined.
     std::atomic<bool> m_answered;
+    QMutex m_relaysMutex;
+    std::vector<std::shared_ptr<EventRelay>> m_relays;
 };
 
 } // namespace RK

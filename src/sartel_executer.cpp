@@ -68,8 +68,11 @@ VXSartelExecuter::VXSartelExecuter(boost::shared_ptr<Connection> connection)
     m_moduleServiceId = session->registerService(utf8(m_module->objectName()), object)
                             .value(wz::FutureTimeout_Infinite);
 
-    connect(m_module.get(), &VXSartel::dataSubscribedChanged, this,
-            &VXSartelExecuter::onDataChanged);
+    m_events = EventRelay::create(this, [this](const QString &name, const VX::VXValue &value) {
+        onDataChanged(name, value);
+    });
+    updateEventFilter();
+    m_module->addRelay(m_events);
     initPollingTimers(connection->timing());
     subscribeToMicroEvent(QString::fromLatin1(a_keyRemovedName));
 }
@@ -78,6 +81,8 @@ VXSartelExecuter::~VXSartelExecuter()
 {
     // Nobody is left to hear what the way out reports.
     QObject::disconnect(this, nullptr, nullptr, nullptr);
+    m_module->removeRelaysTo(this);
+    m_events->detach();
     if (const boost::shared_ptr<Connection> connection = m_connection.lock()) {
         wz::Session *session = connection->session();
         if (session && session->isConnected() && m_moduleServiceId != 0) {
@@ -285,6 +290,12 @@ void VXSartelExecuter::removeWatchedData(QString dataName)
     m_watchedData.removeAll(dataName);
 }
 
+void VXSartelExecuter::updateEventFilter()
+{
+    m_events->acceptOnly({m_currentTimeline, a_sentenceSaidSTMName, a_sentenceHeardSTMName,
+                          QString::fromLatin1(a_keyRemovedName)});
+}
+
 void VXSartelExecuter::onDataChanged(QString name, VX::VXValue value)
 {
     if (name == m_currentTimeline) {
@@ -460,6 +471,7 @@ void VXSartelExecuter::createTimeline(QString timelineStr)
     try {
         m_currentTimeline = QString::fromLatin1(
             frameManager->call<std::string>("createTimeline", ascii(timelineStr)).c_str());
+        updateEventFilter();
     } catch (const std::exception &e) {
         emit error(tr("Error"), tr("Failed to create timeline"), QString::fromUtf8(e.what()));
     }
@@ -490,6 +502,7 @@ void VXSartelExecuter::stopCurrentTimeline()
         // Gone already, or the robot with it: the desktop forgets it anyway.
     }
     m_currentTimeline.clear();
+    updateEventFilter();
 }
 
 void VXSartelExecuter::playCurrentTimeline()

@@ -11,6 +11,7 @@
 
 #include <vx/vxvalue.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,7 @@ class VXMotionProxy;
 namespace RK {
 
 class Connection;
+class EventRelay;
 struct ConnectionTiming;
 class VXSartel;
 
@@ -46,6 +48,8 @@ public:
     ~VXSartelExecuter() override;
 
     boost::shared_ptr<VXSartel> module() const { return m_module; }
+    // Events to onDataChanged on the executer's thread, batched; from any thread.
+    std::shared_ptr<EventRelay> eventRelay() const { return m_events; }
 
     // The polling steps the timers run; on the executer's thread only.
     void updateJointAngles();
@@ -103,11 +107,15 @@ private:
     // Fills the joint names once; throws when neither question is answered.
     void ensureJointNames(VX::VXMotionProxy &motion);
     void reportLostConnection(const std::exception &e);
+    // The executer's route carries only the names onDataChanged acts on: a
+    // burst of other events then costs its thread nothing.
+    void updateEventFilter();
 
     boost::weak_ptr<Connection> m_connection;
     QString m_currentTimeline;
     QStringList m_watchedData;
     boost::shared_ptr<VXSartel> m_module;
+    std::shared_ptr<EventRelay> m_events;
     unsigned int m_moduleServiceId = 0;
     int m_lastFrame = -1;
     std::vector<std::string> m_jointNames;

@@ -36,7 +36,14 @@ SartelModuleInterface::SartelModuleInterface(boost::shared_ptr<Connection> conne
     request(this, &I::subscribeToMicroEventsRequested, &E::subscribeToMicroEvents);
     request(this, &I::unsubscribeToMicroEventsRequested, &E::unsubscribeToMicroEvents);
     request(this, &I::raiseEventRequested, &E::raiseEvent);
-    request(this, &I::dataSubscribedChanged, &E::onDataChanged);
+    // Batched like the module's own events (below): one wake of the
+    // executer's thread per burst, not per event.
+    connect(
+        this, &I::dataSubscribedChanged, this,
+        [relay = m_executer->eventRelay()](const QString &name, const VX::VXValue &value) {
+            relay->push(name, value);
+        },
+        Qt::DirectConnection);
     request(this, &I::createTimelineRequested, &E::createTimeline);
     request(this, &I::stopCurrentTimelineRequested, &E::stopCurrentTimeline);
     request(this, &I::playCurrentTimelineRequested, &E::playCurrentTimeline);
@@ -59,7 +66,10 @@ SartelModuleInterface::SartelModuleInterface(boost::shared_ptr<Connection> conne
     // Events reach the executer straight from the module as well as through
     // dataSubscribedChanged here: each is dispatched twice, by design.
     VXSartel *module = m_executer->module().get();
-    connect(module, &VXSartel::dataSubscribedChanged, this, &I::dataSubscribedChanged);
+    module->addRelay(
+        EventRelay::create(this, [this](const QString &name, const VX::VXValue &value) {
+            emit dataSubscribedChanged(name, value);
+        }));
     connect(module, &VXSartel::disconnectRequested, this, &I::disconnectRequested);
     connect(module, &VXSartel::connectionLost, this, &I::connectionLost);
     connect(module, &VXSartel::connectionTested, this, &I::onConnectionTested);
@@ -72,7 +82,11 @@ SartelModuleInterface::SartelModuleInterface(boost::shared_ptr<Connection> conne
     emit subscribeToMicroEventRequested(VXSartelExecuter::a_sentenceSaidSTMName);
 }
 
-SartelModuleInterface::~SartelModuleInterface() = default;
+SartelModuleInterface::~SartelModuleInterface()
+{
+    // The module may outlive this interface (the framework can hold it last).
+    m_executer->module()->removeRelaysTo(this);
+}
 
 void SartelModuleInterface::raiseEvent(const QString &eventName, const VX::VXValue &val)
 {

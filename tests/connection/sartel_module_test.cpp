@@ -4,7 +4,9 @@
 
 #include <QSignalSpy>
 
+#include <atomic>
 #include <chrono>
+#include <thread>
 
 using namespace std::chrono_literals;
 
@@ -169,6 +171,62 @@ TEST_F(SartelModuleTest, MicroEventsReachTheDispatcherByBothRoutes)
     ASSERT_TRUE(test::processUntil([&] { return listener->said.count("fin") == 2; }));
     EXPECT_EQ(listener->said.size(), 6);
     EXPECT_EQ(listener->said.count(QString()), 2);
+}
+
+TEST_F(SartelModuleTest, ABurstArrivesWholeAndInOrderByBothRoutes)
+{
+    subscribe("Test/Burst");
+    drain();
+    // Events come to the application and to the executer in batches; a burst
+    // must lose nothing and keep its order on each route.
+    const int count = 3000;
+    for (int i = 0; i < count; ++i) {
+        robot().memory().raiseMicroEvent("Test/Burst", wz::AnyValue(i));
+        if (i % 100 == 0)
+            sim::raiseSentenceSaid(robot(), "s" + std::to_string(i / 100));
+    }
+    ASSERT_TRUE(test::processUntil([&] {
+        return listener->eventCount("Test/Burst") == count && listener->said.size() == 60;
+    }));
+    const std::vector<VX::VXValue> values = listener->valuesOf("Test/Burst");
+    for (int i = 0; i < count; ++i)
+        ASSERT_EQ(values[i], VX::VXValue(i)) << "at " << i;
+    // Each sentence is said twice (once per route), the routes each in order.
+    for (int i = 0; i < 30; ++i) {
+        const QString s = QStringLiteral("s%1").arg(i);
+        EXPECT_EQ(listener->said.count(s), 2) << s.toStdString();
+        if (i > 0) {
+            const QString before = QStringLiteral("s%1").arg(i - 1);
+            EXPECT_LT(listener->said.indexOf(before), listener->said.indexOf(s));
+            EXPECT_LT(listener->said.lastIndexOf(before), listener->said.lastIndexOf(s));
+        }
+    }
+}
+
+TEST_F(SartelModuleTest, TheConnectionCanEndWhileEventsStream)
+{
+    subscribe("Test/Stream");
+    drain();
+    std::atomic<bool> stop {false};
+    std::thread raiser([&stop] {
+        for (int i = 0; !stop; ++i) {
+            robot().memory().raiseMicroEvent("Test/Stream", wz::AnyValue(i));
+            if (i % 50 == 49)
+                std::this_thread::sleep_for(1ms);
+        }
+    });
+    const bool flowing
+        = test::processUntil([&] { return listener->eventCount("Test/Stream") > 200; });
+    // The interface, its executer and their queued batches go while the
+    // module may still be receiving.
+    EXPECT_TRUE(recorder->disconnectAndWait());
+    listener.reset();
+    module.reset();
+    connection.reset();
+    stop = true;
+    raiser.join();
+    EXPECT_TRUE(flowing);
+    QCoreApplication::processEvents();
 }
 
 TEST_F(SartelModuleTest, WordRecognizedNeedsAConfidenceAboveThreshold)

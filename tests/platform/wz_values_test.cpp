@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <random>
 #include <thread>
+#include <vector>
 
 using wz::AnyValue;
 
@@ -126,6 +128,52 @@ TEST(WzFuture, ValueErrorCancelAndBrokenPromise)
     EXPECT_TRUE(orphan.hasError());
     EXPECT_FALSE(wz::Future<int>().isValid());
     EXPECT_THROW(wz::Future<int>().value(), wz::FutureError);
+}
+
+// A waiter spins a little before it sleeps, and a framework thread waiting
+// for work does too. A result that comes before the wait, during the spin or
+// after the waiter fell asleep must each wake it, whatever the waits before
+// taught the spin; a lost wake shows as a timeout here.
+TEST(WzFuture, EveryHandOverWakesItsWaiter)
+{
+    using Clock = std::chrono::steady_clock;
+    std::mt19937 rng(17);
+    const int delaysUs[] = {0, 3, 30, 120, 600};
+    for (int i = 0; i < 1500; ++i) {
+        const int delay = delaysUs[rng() % 5];
+        wz::Promise<int> p;
+        wz::Future<int> f = p.future();
+        wz::detail::runOnFrameworkThread([p, delay, i]() mutable {
+            const auto until = Clock::now() + std::chrono::microseconds(delay);
+            while (Clock::now() < until) { }
+            p.setValue(i);
+        });
+        ASSERT_EQ(f.wait(5000), wz::FutureState_FinishedWithValue) << "round " << i;
+        ASSERT_EQ(f.value(), i);
+    }
+
+    // Tasks posted from several threads at once all run, however the
+    // workers were waiting.
+    std::atomic<int> ran {0};
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 4; ++t) {
+        posters.emplace_back([&ran] {
+            for (int i = 0; i < 50; ++i)
+                wz::detail::runOnFrameworkThread([&ran] { ++ran; });
+        });
+    }
+    for (auto &t : posters)
+        t.join();
+    const auto deadline = Clock::now() + std::chrono::seconds(5);
+    while (ran.load() < 200 && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(ran.load(), 200);
+
+    // A time limit still ends a wait that nothing answers.
+    wz::Promise<int> never;
+    const auto t0 = Clock::now();
+    EXPECT_EQ(never.future().wait(30), wz::FutureState_Running);
+    EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(30));
 }
 
 TEST(WzFuture, CancelHandlerDecides)

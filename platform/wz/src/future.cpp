@@ -1,5 +1,6 @@
 #include "runtime.h"
 
+#include <wz/detail/trace.h>
 #include <wz/future.h>
 
 #include <algorithm>
@@ -29,8 +30,11 @@ FutureStateBase::~FutureStateBase() = default;
 FutureState FutureStateBase::wait(int msecs) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_state != FutureState_Running || msecs <= 0)
+    if (m_state != FutureState_Running || msecs <= 0) {
+        if (m_state != FutureState_Running && msecs > 0)
+            WZ_TRACE_MARK(CallerAwake);
         return m_state;
+    }
     const bool forever = msecs == FutureTimeout_Infinite;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(msecs);
     std::shared_ptr<Waker> waker = Waker::forThisThread();
@@ -39,19 +43,22 @@ FutureState FutureStateBase::wait(int msecs) const
     while (m_state == FutureState_Running) {
         int64_t left = -1;
         if (!forever) {
-            left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                       deadline - std::chrono::steady_clock::now())
+            // Rounded up: a wait never ends before its time.
+            left = std::chrono::ceil<std::chrono::milliseconds>(deadline
+                                                                - std::chrono::steady_clock::now())
                        .count();
             if (left <= 0)
                 break;
         }
         lock.unlock();
-        waker->wait(left);
+        waker->wait(left, Waker::callerSpinUs());
         lock.lock();
     }
     auto it = std::find(m_waiters.begin(), m_waiters.end(), waker);
     if (it != m_waiters.end())
         m_waiters.erase(it);
+    if (m_state != FutureState_Running)
+        WZ_TRACE_MARK(CallerAwake);
     return m_state;
 }
 

@@ -3,6 +3,7 @@
 #include "peer_link.h"
 #include "peer_link_support.h"
 
+#include <wz/detail/trace.h>
 #include <wz/log.h>
 
 #include <boost/make_shared.hpp>
@@ -197,6 +198,7 @@ uint64_t PeerLink::request(Message msg, Done done)
     } catch (const std::exception &e) {
         error = e.what();
     }
+    WZ_TRACE_MARK(CallWritten);
     if (error.empty() && write(std::move(frame), std::string()))
         return id;
     Done d;

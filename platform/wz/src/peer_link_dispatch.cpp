@@ -5,6 +5,7 @@
 
 #include "session_impl.h"
 
+#include <wz/detail/trace.h>
 #include <wz/log.h>
 
 namespace wz {
@@ -63,6 +64,7 @@ void PeerLink::sendResult(uint64_t id, const Future<AnyValue> &f)
             sendError(id, std::string("cannot send the result: ") + e.what());
             return;
         }
+        WZ_TRACE_MARK(ReplyWritten);
         write(std::move(frame), std::string());
     } else if (st == FutureState_Canceled) {
         sendError(id, "canceled");
@@ -89,7 +91,9 @@ void PeerLink::serveCall(Message &msg, boost::shared_ptr<GenericObject> obj)
             Future<AnyValue> f;
             {
                 CallerScope scope(self->m_peerId);
+                WZ_TRACE_MARK(MethodStart);
                 f = obj->metaCall(name, std::move(args));
+                WZ_TRACE_MARK(MethodEnd);
             }
             if (f.isFinished()) {
                 self->sendResult(id, f);

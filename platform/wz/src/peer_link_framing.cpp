@@ -3,6 +3,7 @@
 #include "peer_link.h"
 #include "peer_link_support.h"
 
+#include <wz/detail/trace.h>
 #include <wz/log.h>
 
 #include <boost/asio/bind_executor.hpp>
@@ -379,6 +380,12 @@ void PeerLink::handleFrame(const std::shared_ptr<const void> &owner, const char 
         protocolError(std::string("undecodable frame: ") + e.what());
         return;
     }
+#ifdef WZ_TRACE
+    if (msg.kind == MsgKind::Call)
+        WZ_TRACE_MARK(CallDecoded);
+    else if (msg.kind == MsgKind::Reply)
+        WZ_TRACE_MARK(ReplyDecoded);
+#endif
     try {
         dispatch(msg);
     } catch (const std::exception &e) {

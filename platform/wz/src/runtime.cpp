@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -21,6 +23,28 @@ namespace detail {
 
 namespace {
 std::atomic<int64_t> g_idleTimeoutMs {5000};
+
+int64_t nowNs()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+inline void cpuRelax()
+{
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    asm volatile("yield");
+#endif
+}
+
+int64_t envInt(const char *name, int64_t fallback)
+{
+    const char *v = std::getenv(name);
+    return v && *v ? std::atoll(v) : fallback;
+}
 
 void runGuarded(Task &task)
 {
@@ -80,9 +104,28 @@ std::shared_ptr<Waker> Waker::forThisThread()
     return waker;
 }
 
+// Overridable per process, for a machine where spinning does not pay
+// (0 turns it off).
+int64_t Waker::callerSpinUs()
+{
+    static const int64_t us = envInt("WZ_CALLER_SPIN_US", 100);
+    return us;
+}
+
+int64_t Waker::workerSpinUs()
+{
+    static const int64_t us = envInt("WZ_WORKER_SPIN_US", 100);
+    return us;
+}
+
 void Waker::wake()
 {
+    // Paired with the waiter's store of Sleeping and load of the signal: one
+    // of the two sees the other, so a sleeper is never left asleep.
+    m_signal.store(true, std::memory_order_seq_cst);
     if (m_write >= 0) {
+        if (m_mode.load(std::memory_order_seq_cst) != Sleeping)
+            return;
         const char byte = 1;
         // A full pipe already holds a wake: nothing is lost.
         while (::write(m_write, &byte, 1) < 0 && errno == EINTR) { }
@@ -95,33 +138,81 @@ void Waker::wake()
     m_cond.notify_all();
 }
 
-bool Waker::wait(int64_t timeoutMs)
+bool Waker::spin(int64_t budgetNs)
 {
-    if (m_read >= 0) {
-        pollfd p {m_read, POLLIN, 0};
-        const int timeout
-            = timeoutMs < 0 ? -1 : static_cast<int>(std::min<int64_t>(timeoutMs, INT32_MAX));
-        int n;
-        do {
-            n = ::poll(&p, 1, timeout);
-        } while (n < 0 && errno == EINTR);
-        if (n <= 0)
-            return false;
-        drain();
-        return true;
+    m_mode.store(Spinning, std::memory_order_seq_cst);
+    const int64_t deadline = nowNs() + budgetNs;
+    for (unsigned i = 1;; ++i) {
+        if (m_signal.load(std::memory_order_acquire))
+            return true;
+        if (i % 32 == 0) {
+            if (nowNs() >= deadline)
+                return false;
+            // Lets a thread that was woken onto this CPU run: it may well be
+            // the one that is to wake this one (without it, small calls were
+            // half as fast again on two cores).
+            sched_yield();
+        } else {
+            cpuRelax();
+        }
     }
-    std::unique_lock<std::mutex> lock(m_mutex);
-    if (timeoutMs < 0)
-        m_cond.wait(lock, [this] { return m_flag; });
-    else
-        m_cond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return m_flag; });
-    const bool woke = m_flag;
-    m_flag = false;
+}
+
+bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs)
+{
+    const int64_t start = nowNs();
+    int64_t budgetNs = 0;
+    // Spin while this thread's waits have been at most a few times what the
+    // spin may last: the spin itself shortens them (a spinning CPU is not a
+    // halted one that the next wake must bring back first), so a wait seen
+    // without it looks longer than it will be. Long waits (an idle thread)
+    // turn it off.
+    if (maxSpinUs > 0 && m_meanWaitNs <= maxSpinUs * 4000) {
+        budgetNs = maxSpinUs * 1000;
+        if (timeoutMs >= 0)
+            budgetNs = std::min(budgetNs, timeoutMs * 1000000);
+    }
+    bool woke = budgetNs > 0 && spin(budgetNs);
+    if (!woke) {
+        m_mode.store(Sleeping, std::memory_order_seq_cst);
+        if (m_signal.load(std::memory_order_seq_cst)) {
+            woke = true;
+        } else if (m_read >= 0) {
+            int64_t left = timeoutMs;
+            if (timeoutMs >= 0)
+                left = std::max<int64_t>(0, timeoutMs - (nowNs() - start) / 1000000);
+            pollfd p {m_read, POLLIN, 0};
+            const int timeout
+                = left < 0 ? -1 : static_cast<int>(std::min<int64_t>(left, INT32_MAX));
+            int n;
+            do {
+                n = ::poll(&p, 1, timeout);
+            } while (n < 0 && errno == EINTR);
+            woke = n > 0;
+        } else {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            if (timeoutMs < 0)
+                m_cond.wait(lock, [this] { return m_flag; });
+            else
+                m_cond.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                [this] { return m_flag; });
+            woke = m_flag;
+        }
+    }
+    m_mode.store(Awake, std::memory_order_seq_cst);
+    if (woke)
+        drain();
+    // A sample is capped so that one long idle spell does not keep spinning
+    // off for long once waits are short again.
+    const int64_t cap = std::max<int64_t>(maxSpinUs, 1) * 16000;
+    const int64_t waited = std::min(nowNs() - start, cap);
+    m_meanWaitNs += (waited - m_meanWaitNs) / 8;
     return woke;
 }
 
 void Waker::drain()
 {
+    m_signal.store(false, std::memory_order_seq_cst);
     if (m_read >= 0) {
         char buf[64];
         while (::read(m_read, buf, sizeof buf) > 0) { }
@@ -208,7 +299,7 @@ void FrameworkPool::run()
         self.waker->drain();
         m_idle.push_back(&self);
         lock.unlock();
-        self.waker->wait(g_idleTimeoutMs.load(std::memory_order_relaxed));
+        self.waker->wait(g_idleTimeoutMs.load(std::memory_order_relaxed), Waker::workerSpinUs());
         lock.lock();
         if (!self.signaled) {
             // Nobody picked this thread: it timed out (or woke spuriously).

@@ -4,7 +4,9 @@
 // queues that keep posts and signal deliveries in order, and the per-thread
 // wakers that threads sleep on.
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -21,6 +23,12 @@ using Task = std::function<void()>;
 // the waker that is about to sleep, where a futex wake sends the sleeper to
 // another (often halted) CPU. On a two-core virtual machine that is ~2 us
 // against ~20 us per hand-over, and a call has two of them.
+//
+// Where the kernel does not keep the wake on the waker's CPU, a sleeper costs
+// tens of microseconds more to wake. So a waiter whose recent waits were
+// short first spins for a few microseconds on a flag; a wake that finds it
+// spinning costs a store. The spin adapts to what the waits have been and
+// stops entirely for a thread whose waits are long (an idle one).
 class Waker
 {
 public:
@@ -34,11 +42,25 @@ public:
 
     void wake();
     // Sleeps until woken or `timeoutMs` passes (-1: no limit); true if woken.
-    bool wait(int64_t timeoutMs);
+    // At most `maxSpinUs` of it may be spent spinning first.
+    bool wait(int64_t timeoutMs, int64_t maxSpinUs = 0);
     // Forgets a wake that came after its waiter had stopped waiting.
     void drain();
 
+    // The spin limits of a caller waiting for its reply and of a framework
+    // thread waiting for work: 100 us, or WZ_CALLER_SPIN_US / WZ_WORKER_SPIN_US.
+    static int64_t callerSpinUs();
+    static int64_t workerSpinUs();
+
 private:
+    enum { Awake, Spinning, Sleeping };
+    bool spin(int64_t budgetNs);
+
+    std::atomic<bool> m_signal {false};
+    std::atomic<int> m_mode {Awake};
+    // Running mean of how long this thread's waits lasted (ns), the basis of
+    // its spin budget. Only the waiting thread touches it.
+    int64_t m_meanWaitNs = 0;
     int m_read = -1;
     int m_write = -1;
     // Used when no pipe could be made (out of descriptors).
