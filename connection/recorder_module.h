@@ -112,4 +112,3 @@ private:
 
 } // namespace RK
 
-Q_DECLARE_METATYPE(std::vector<std::string>)
