@@ -49,10 +49,18 @@ protected:
         QObject::connect(
             packages.get(), &RK::PackageManagerInterface::packageRemoved,
             [this](const wz::PackageInfo &p) { removed << QString::fromStdString(p.uuid()); });
-        // The micro event subscriptions are in place once one event has come through.
-        robot().memory().raiseMicroEvent("packageRemoved",
-                                         wz::AnyValue(wz::AnyValue::Map {{"uuid", "probe"}}));
-        ASSERT_TRUE(test::processUntil([this] { return removed.contains("probe"); }));
+        // The micro event subscriptions are in place once one event has come
+        // through; one raised before them is lost, so the probe is raised again
+        // every few turns until one arrives.
+        int turns = 0;
+        ASSERT_TRUE(test::processUntil([this, &turns] {
+            if (removed.contains("probe"))
+                return true;
+            if (turns++ % 25 == 0)
+                robot().memory().raiseMicroEvent(
+                    "packageRemoved", wz::AnyValue(wz::AnyValue::Map {{"uuid", "probe"}}));
+            return false;
+        }));
         removed.clear();
     }
     void TearDown() override
