@@ -320,7 +320,7 @@ void BehaviorManagerService::loadLocked(const std::string &full, std::unique_loc
     lock.lock();
 }
 
-BehaviorManagerService::Instance BehaviorManagerService::unloadLocked(const std::string &full)
+BehaviorManagerService::Instance BehaviorManagerService::unloadLocked(std::string full)
 {
     auto it = m_loaded.find(full);
     Instance inst = std::move(it->second);

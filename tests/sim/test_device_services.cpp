@@ -202,14 +202,22 @@ TEST_F(DeviceServices, ChatterIsNumberedAndReachesAListener)
     auto listener
         = service("LogManager").call<boost::shared_ptr<wz::LogListenerProxy>>("getListener");
     ASSERT_TRUE(listener);
-    std::mutex mutex;
-    std::vector<std::string> got;
+    // Messages already on their way arrive after the test has returned: what
+    // they write to outlives it.
+    struct Received
+    {
+        std::mutex mutex;
+        std::vector<std::string> lines;
+    };
+    const auto received = std::make_shared<Received>();
+    std::mutex &mutex = received->mutex;
+    std::vector<std::string> &got = received->lines;
     listener->onLogMessage
-        .connect([&](const wz::LogMessage &m) {
+        .connect([received](const wz::LogMessage &m) {
             if (m.category != "test.chatter")
                 return;
-            std::lock_guard<std::mutex> lock(mutex);
-            got.push_back(m.message);
+            std::lock_guard<std::mutex> lock(received->mutex);
+            received->lines.push_back(m.message);
         })
         .value(10000);
     auto *logs = robot->serviceAs<sim::LogManagerService>("LogManager");

@@ -117,7 +117,8 @@ private:
     const BehaviorScript &scriptLocked(const std::string &full) const;
     void loadLocked(const std::string &full, std::unique_lock<std::mutex> &lock);
     // Takes the instance out; the caller then releases what it declared.
-    Instance unloadLocked(const std::string &full);
+    // By value: callers pass a key of the map it erases from.
+    Instance unloadLocked(std::string full);
     void release(Instance &instance, bool wasRunning);
     void raiseRunning(const std::vector<std::string> &list);
     std::vector<std::string> runningLocked() const;
