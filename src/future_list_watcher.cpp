@@ -30,8 +30,7 @@ FutureListWatcher::~FutureListWatcher()
         try {
             if (future->isRunning())
                 future->waitForFinished();
-        } catch (...) {
-        }
+        } catch (...) { }
         delete future;
     }
 }

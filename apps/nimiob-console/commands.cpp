@@ -3,7 +3,8 @@
 namespace console {
 
 // The command table: one line per command, NAME(usage, summary). Command
-// NAME lives in NAME_command.cpp as `int NAMECommand(Console &, const QStringList &)`.
+// NAME lives in NAME_command.cpp (wake and rest share wake_rest_command.cpp) as
+// `int NAMECommand(Console &, const QStringList &)`.
 #define NIMIOB_CONSOLE_COMMANDS(X) \
     X(status, "[--stay]", \
       "connect, print the robot's version, the compatibility verdict, the bound and missing " \

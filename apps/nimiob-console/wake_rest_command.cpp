@@ -7,11 +7,14 @@
 
 namespace console {
 
-// Posts rest and waits until the robot reports its new state.
-int restCommand(Console &console, const QStringList &arguments)
+namespace {
+
+// Posts wakeUp or rest and waits until the robot reports the awake state
+// that request leads to.
+int changeAwakeState(Console &console, const QStringList &arguments, bool awake)
 {
     if (!arguments.isEmpty()) {
-        console.err() << "error: rest takes no argument" << Qt::endl;
+        console.err() << "error: " << (awake ? "wake" : "rest") << " takes no argument" << Qt::endl;
         return ExitUsage;
     }
     const boost::shared_ptr<RK::RobotStateReceiver> receiver
@@ -23,20 +26,36 @@ int restCommand(Console &console, const QStringList &arguments)
         console.err() << "error: the robot has no motion service" << Qt::endl;
         return ExitCommandFailed;
     }
-    receiver->rest();
-    console.out() << "Putting the robot to rest." << Qt::endl;
-    const bool wanted = false;
+    if (awake) {
+        receiver->wakeUp();
+        console.out() << "Waking the robot up." << Qt::endl;
+    } else {
+        receiver->rest();
+        console.out() << "Putting the robot to rest." << Qt::endl;
+    }
     bool done = false;
     console.waitUntil(
         [&] {
             try {
-                done = motion->robotIsWakeUp() == wanted;
+                done = motion->robotIsWakeUp() == awake;
             } catch (const std::exception &) { }
             return done;
         },
         10000);
-    console.out() << "Awake: " << ((done ? wanted : !wanted) ? "yes" : "no") << Qt::endl;
+    console.out() << "Awake: " << ((done ? awake : !awake) ? "yes" : "no") << Qt::endl;
     return done ? ExitOk : ExitCommandFailed;
+}
+
+} // namespace
+
+int wakeCommand(Console &console, const QStringList &arguments)
+{
+    return changeAwakeState(console, arguments, true);
+}
+
+int restCommand(Console &console, const QStringList &arguments)
+{
+    return changeAwakeState(console, arguments, false);
 }
 
 } // namespace console
