@@ -328,7 +328,10 @@ void BehaviorInstanceManager::onRunningBehaviorsReceived(QStringList behaviors)
 {
     for (const QString &b : behaviors) {
         if (sameBehavior(b, m_behaviorName)) {
-            setState(Running);
+            // A list raised before our stop reached the robot still names
+            // the behaviour; only the list without it ends the stop.
+            if (m_state != Stopping)
+                setState(Running);
             return;
         }
     }

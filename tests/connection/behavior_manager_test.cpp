@@ -152,6 +152,35 @@ TEST_F(BehaviorManagerTest, InstanceRunsThroughItsStatesForEachNatureAndLifeStat
     }
 }
 
+// The robot's running lists arrive as events, apart from call answers: one
+// raised before a stop may come after it, and must not undo it.
+TEST_F(BehaviorManagerTest, StaleRunningListDoesNotUndoAStop)
+{
+    connect();
+    BehaviorInstanceManager instance(manager(), "plain", QString(), true);
+    StateLog log(&instance);
+    QSignalSpy lists(manager()->behaviorManagerInterface().get(),
+                     &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
+    instance.playBehavior();
+    ASSERT_TRUE(log.waitFor(State::Running));
+    robot().scenario().delayMethod("VXBehaviorManager", "stopBehavior",
+                                   std::chrono::milliseconds(300));
+    instance.stopBehavior();
+    ASSERT_EQ(instance.state(), State::Stopping);
+    const int listsBefore = lists.count();
+    robot().scenario().raiseMicroEvent("BehaviorsRun",
+                                       wz::toAny(std::vector<std::string> {"User/plain"}));
+    ASSERT_TRUE(processUntil([&] {
+        for (int i = listsBefore; i < lists.count(); ++i)
+            if (lists.at(i).at(0).toStringList().contains("plain"))
+                return true;
+        return false;
+    }));
+    EXPECT_EQ(instance.state(), State::Stopping);
+    ASSERT_TRUE(log.waitFor(State::Stopped));
+    EXPECT_FALSE(behaviors().isRunning("plain"));
+}
+
 TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
 {
     connect();

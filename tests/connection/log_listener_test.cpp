@@ -129,14 +129,18 @@ TEST_F(LogListenerTest, ARobotWithoutLogManager)
 
 TEST_F(LogListenerTest, TeardownWhileMessagesFlow)
 {
-    chatter({20000, "test.chatter", wz::LogLevel_Warning});
+    // The chatter runs across each teardown, not across the connection
+    // before it: a robot flooding its log while a slow (sanitized) desktop
+    // binds its services tests nothing this case is about.
     for (int round = 0; round < 3; ++round) {
         received.clear();
         const auto logs = connect();
         ASSERT_TRUE(logs);
+        chatter({20000, "test.chatter", wz::LogLevel_Warning});
         ASSERT_TRUE(test::processUntil([&] { return texts("test.chatter").size() >= 100; }));
         ASSERT_TRUE(recorder->disconnectAndWait());
         recorder.reset();
+        chatter({0, "test.chatter", wz::LogLevel_Warning});
     }
 }
 
