@@ -2,6 +2,7 @@
 #include "console.h"
 
 #include <connection/behavior_debugger.h>
+#include <connection/memory_interface.h>
 
 #include <QElapsedTimer>
 #include <QObject>
@@ -21,9 +22,9 @@ void onDebugInterrupt(int)
 
 } // namespace
 
-// Loads a behaviour in the debugger, watches the inputs and outputs given
-// (all events of the behaviour's boxes are shown as they fire) and the
-// timeline, runs it, and prints what fires and the frame until it ends,
+// Loads a behaviour in the debugger, watches the inputs and outputs and the
+// timeline given (without --io and --timeline, all that the behaviour
+// declared), runs it, and prints what fires and the frame until it ends,
 // --for runs out or Ctrl-C.
 int debugCommand(Console &console, const QStringList &arguments)
 {
@@ -73,8 +74,31 @@ int debugCommand(Console &console, const QStringList &arguments)
     using D = RK::BehaviorDebugger;
     QObject::connect(&debugger, &D::behaviorLoading,
                      [&] { out << stamp() << "  loading " << name << Qt::endl; });
+    const bool discover = ios.isEmpty() && timeline.isEmpty();
     QObject::connect(&debugger, &D::behaviorLoaded, [&] {
-        out << stamp() << "  loaded, id " << debugger.frameManagerId() << Qt::endl;
+        const QString id = debugger.frameManagerId();
+        out << stamp() << "  loaded, id " << id << Qt::endl;
+        if (discover && !loaded) {
+            // Nothing named: follow every input, output and timeline the
+            // loaded behaviour declared under its id.
+            if (const auto memory = console.manager().memoryInterface()) {
+                const QStringList events = memory->getMicroEventList().result();
+                const QStringList data = memory->getDataList().result();
+                for (const QString &key : events) {
+                    if (key.startsWith(id))
+                        ios << key.mid(id.size());
+                }
+                for (const QString &key : data) {
+                    if (key.startsWith(id) && !events.contains(key)) {
+                        timeline = key.mid(id.size());
+                        break;
+                    }
+                }
+                out << stamp() << "  following " << (ios.isEmpty() ? "-" : ios.join(", "))
+                    << (timeline.isEmpty() ? QString() : QStringLiteral(" and ") + timeline)
+                    << Qt::endl;
+            }
+        }
         debugger.setLevel(ios, timeline);
         if (!loaded) {
             loaded = true;
@@ -88,8 +112,10 @@ int debugCommand(Console &console, const QStringList &arguments)
         ended = true;
     });
     QObject::connect(&debugger, &D::IOActivated, [&](QString io, QString value) {
-        out << stamp() << "  " << io
-            << (value.isEmpty() ? QString() : QStringLiteral(" = ") + value) << Qt::endl;
+        // An output without a value (a bang) arrives as an invalid value.
+        const bool bang = value.isEmpty() || value == QLatin1String("<invalid>");
+        out << stamp() << "  " << io << (bang ? QString() : QStringLiteral(" = ") + value)
+            << Qt::endl;
     });
     QObject::connect(&debugger, &D::currentFrameChanged, [&](int frame) {
         // One line every tenth frame keeps the output readable.
@@ -114,7 +140,9 @@ int debugCommand(Console &console, const QStringList &arguments)
         debugger.stopBehavior();
         console.waitUntil([&] { return ended; }, 10000);
     }
-    out << stamp() << "  done, last frame " << debugger.getCurrentFrame() << Qt::endl;
+    // The robot drops the frame key when the behaviour ends: the last one
+    // seen is what tells how far it got.
+    out << stamp() << "  done, last frame " << lastFrame << Qt::endl;
     return failed || !loaded ? ExitCommandFailed : ExitOk;
 }
 

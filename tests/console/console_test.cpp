@@ -1,7 +1,9 @@
 // The console against the simulated robot, as a user runs it.
 
+#include "commands.h"
 #include "console.h"
 
+#include <QRegularExpression>
 #include <QString>
 #include <QTextStream>
 
@@ -15,6 +17,10 @@
 
 #include <memory>
 
+namespace console {
+int debugCommand(Console &console, const QStringList &arguments);
+}
+
 namespace {
 
 struct Desktop
@@ -27,6 +33,11 @@ struct Desktop
         options.port = robot.url().port();
         options.name = name;
         console = std::make_unique<console::Console>(options, out, err);
+    }
+    QString output()
+    {
+        out.flush();
+        return outText;
     }
     QString errors()
     {
@@ -73,6 +84,35 @@ TEST(ConsoleTest, ASecondDesktopIsToldAnotherIsConnected)
     EXPECT_TRUE(third.console->connectToRobot()) << third.errors().toStdString();
     EXPECT_FALSE(third.errors().contains(QStringLiteral("another desktop")));
     third.console->disconnectFromRobot();
+}
+
+// Without --io the debugger follows what the loaded behaviour declared:
+// its outputs as they fire (a bang without a value) and its timeline's
+// frames.
+TEST(ConsoleTest, DebugFollowsWhatTheBehaviourDeclared)
+{
+    sim::Robot robot;
+    robot.start();
+    Desktop desktop(robot, QStringLiteral("debugging desktop"));
+    ASSERT_TRUE(desktop.console->start());
+    ASSERT_TRUE(desktop.console->connectToRobot()) << desktop.errors().toStdString();
+    EXPECT_EQ(console::debugCommand(
+                  *desktop.console,
+                  {QStringLiteral("wave"), QStringLiteral("--for"), QStringLiteral("5")}),
+              console::ExitOk)
+        << desktop.errors().toStdString();
+    const QString out = desktop.output();
+    EXPECT_TRUE(out.contains(QStringLiteral("Say__said = \"hello\"\n"))) << out.toStdString();
+    EXPECT_TRUE(out.contains(QStringLiteral("Say__onStopped\n"))) << out.toStdString();
+    EXPECT_TRUE(out.contains(QStringLiteral("following Arms__done, Arms__onStart, Say__onStart, "
+                                            "Say__onStopped, Say__said and Timeline")))
+        << out.toStdString();
+    // How far it got depends on the polling; that it got anywhere does not.
+    const QRegularExpressionMatch last
+        = QRegularExpression(QStringLiteral("done, last frame (\\d+)")).match(out);
+    ASSERT_TRUE(last.hasMatch()) << out.toStdString();
+    EXPECT_GT(last.captured(1).toInt(), 0);
+    desktop.console->disconnectFromRobot();
 }
 
 } // namespace
