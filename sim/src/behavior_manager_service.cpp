@@ -361,6 +361,12 @@ void BehaviorManagerService::release(Instance &inst, bool wasRunning)
 
 void BehaviorManagerService::raiseRunning(const std::vector<std::string> &list)
 {
+    // What a robot's own log says when its behaviours change.
+    std::string names;
+    for (const std::string &name : list)
+        names += (names.empty() ? "" : ", ") + name;
+    wz::log::LogStream(wz::LogLevel_Info, kCategory, __FUNCTION__)
+        << "running behaviors: " << (names.empty() ? "none" : names);
     robot().memory().raiseMicroEvent(kRunEvent, wz::toAny(list));
 }
 

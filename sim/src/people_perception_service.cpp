@@ -2,6 +2,8 @@
 #include <sim/people_perception_service.h>
 #include <sim/robot.h>
 
+#include <wz/log.h>
+
 #include <cmath>
 #include <stdexcept>
 
@@ -117,6 +119,8 @@ int PeoplePerceptionService::arrive(const Position &position)
     robot().memory().insertData(positionKey(id), positionValue(position));
     robot().memory().raiseEvent(kPeopleList, list);
     emitSignal("justArrived", {id});
+    wz::log::LogStream(wz::LogLevel_Info, "sim.people", __FUNCTION__)
+        << "person " << id << " arrived";
     return id;
 }
 
@@ -158,6 +162,7 @@ void PeoplePerceptionService::leave(int id)
     emitSignal("justLeft", {id});
     robot().memory().raiseEvent(kPeopleList, list);
     robot().memory().removeData(positionKey(id));
+    wz::log::LogStream(wz::LogLevel_Info, "sim.people", __FUNCTION__) << "person " << id << " left";
 }
 
 void PeoplePerceptionService::setRange(float range)

@@ -2,6 +2,8 @@
 // against the simulated robot.
 #include "behavior_fixture.h"
 
+#include <sim/memory_service.h>
+
 #include <QSignalSpy>
 
 using namespace test;
@@ -244,6 +246,10 @@ TEST_F(BehaviorManagerTest, LifeInterfaceReadsAndChangesTheState)
     auto lifeInterface = manager()->autonomousLifeInterface();
     ASSERT_TRUE(lifeInterface);
     QSignalSpy changed(lifeInterface.get(), &RK::AutonomousLifeInterface::stateChanged);
+    // The interface subscribes to the change event on the module's thread,
+    // after the connection is reported: a change made before that is not told.
+    ASSERT_TRUE(
+        processUntil([] { return !robot().memory().subscribers("AutonomousLife/State").empty(); }));
     auto set = lifeInterface->setState(RK::LifeStateInteractive);
     ASSERT_TRUE(waitForFuture(set));
     ASSERT_TRUE(processUntil([&] { return changed.count() == 1; }));
