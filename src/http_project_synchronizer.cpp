@@ -151,7 +151,7 @@ void HttpProjectSynchronizer::onFinished()
         m_thread = nullptr;
         cancelled = m_cancelled;
     }
-    thread->wait();
+    thread->join();
     const QString error = thread->lastError();
     delete thread;
     if (!cancelled && error.isEmpty())
@@ -173,7 +173,7 @@ QString HttpProjectSynchronizer::wait()
     disconnect(thread, &QThread::finished, this, &HttpProjectSynchronizer::onFinished);
     disconnect(thread, &SynchronizationThread::connectionLost, this,
                &ProjectSynchronizer::connectionLost);
-    thread->wait();
+    thread->join();
     const QString error = thread->lastError();
     bool cancelled = false;
     {

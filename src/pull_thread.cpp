@@ -41,7 +41,7 @@ void PullThread::fail(const QString &text)
     exit(1);
 }
 
-void PullThread::run()
+void PullThread::transfer()
 {
     m_lastError.clear();
     delete m_socket;

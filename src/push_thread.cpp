@@ -42,7 +42,7 @@ void PushThread::fail(const QString &text)
     exit(1);
 }
 
-void PushThread::run()
+void PushThread::transfer()
 {
     m_lastError.clear();
     delete m_socket;

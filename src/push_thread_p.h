@@ -39,7 +39,7 @@ public:
     void exit(int code) override { SynchronizationThread::exit(code); }
 
 protected:
-    void run() override;
+    void transfer() override;
 
 private slots:
     void onConnected();

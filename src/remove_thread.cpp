@@ -18,7 +18,7 @@ RemoveThread::RemoveThread(const std::string &host, int port, const QString &pat
     : SynchronizationThread(parent), m_host(host), m_port(port), m_path(path), m_format(format)
 { }
 
-void RemoveThread::run()
+void RemoveThread::transfer()
 {
     m_lastError.clear();
     HttpHelpers::setNoDataTimeout(m_noDataTimeout);

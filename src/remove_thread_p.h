@@ -22,7 +22,7 @@ public:
     QString lastError() const override { return m_lastError; }
 
 protected:
-    void run() override;
+    void transfer() override;
 
 private:
     QString m_lastError;

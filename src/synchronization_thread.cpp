@@ -17,6 +17,22 @@ void SynchronizationThread::exit(int code)
     QThread::exit(code);
 }
 
+void SynchronizationThread::run()
+{
+    std::lock_guard<std::mutex> end(m_endMutex);
+    // QThread::start() forgets an exit() that came before it: a cancel made
+    // as the transfer was being started would otherwise wait for the robot.
+    if (isInterrupting())
+        return;
+    transfer();
+}
+
+void SynchronizationThread::join()
+{
+    wait();
+    std::lock_guard<std::mutex> end(m_endMutex);
+}
+
 bool SynchronizationThread::isInterrupting() const
 {
     QMutexLocker lock(&m_mutex);

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QThread>
 
+#include <mutex>
+
 namespace RK {
 
 // Base of the transfer threads: an interrupting flag under a mutex, the
@@ -25,6 +27,10 @@ public:
     void step(const QString &text, int minimum, int maximum, int value);
     // How long a wait may see no byte before it fails.
     void setNoDataTimeout(int milliseconds) { m_noDataTimeout = milliseconds; }
+    // wait(), then a lock the transfer released as its last act: everything
+    // it wrote is then ordered before what the caller reads, also for tools
+    // that cannot see QThread's own hand-over.
+    void join();
 
 signals:
     void connectionLost();
@@ -33,12 +39,17 @@ signals:
     void valueChanged(int value);
 
 protected:
+    // The transfer itself, on this thread.
+    virtual void transfer() = 0;
     // " (no data from the robot for N s)" after a wait ran out, else "".
     QString timeoutNote() const;
 
     int m_noDataTimeout = 30000;
 
 private:
+    void run() final;
+
+    std::mutex m_endMutex;
     mutable QMutex m_mutex;
     bool m_interrupting = false;
 };

@@ -27,10 +27,10 @@ VideoDeviceInterface::VideoDeviceInterface(boost::shared_ptr<Connection> connect
     forward(&E::acquisitionError, this, &I::acquisitionError);
     forward(&E::imageReceived, this, &I::imageReceived);
     forward(&E::acquisitionStopped, this, &I::acquisitionStopped);
-    // finished() comes from the thread itself, as it ends: the timer stops
-    // on the thread it runs on.
-    QObject::connect(executerThread(), &QThread::finished, executer(), &E::onThreadFinished,
-                     Qt::DirectConnection);
+    // The timer stops on the thread it runs on, as that thread ends, and
+    // before the owner's join() returns (QThread::finished comes after it).
+    E *e = executer();
+    executerThread()->atLoopEnd([e] { e->onThreadFinished(); });
 }
 
 VideoDeviceInterface::~VideoDeviceInterface()

@@ -255,6 +255,7 @@ void FileServer::setFault(const HttpFault &fault)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_fault = fault;
+    m_faultsTaken = 0;
 }
 
 bool FileServer::takeFault(const std::string &method, const std::string &target, HttpFault &fault)
@@ -268,8 +269,15 @@ bool FileServer::takeFault(const std::string &method, const std::string &target,
         return false;
     if (m_fault.times > 0)
         --m_fault.times;
+    ++m_faultsTaken;
     fault = m_fault;
     return true;
+}
+
+int FileServer::faultsTaken() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_faultsTaken;
 }
 
 bool FileServer::waitStopping(std::chrono::milliseconds delay)

@@ -32,6 +32,8 @@ public:
     // The canonical store directory.
     const std::string &store() const { return m_store; }
     void setFault(const HttpFault &fault);
+    // Requests the current fault has been applied to.
+    int faultsTaken() const;
     // Ends every connection and thread; idempotent.
     void stop();
 
@@ -58,6 +60,7 @@ private:
     bool m_stopping = false;
     std::list<std::unique_ptr<Connection>> m_connections;
     HttpFault m_fault;
+    int m_faultsTaken = 0;
 };
 
 } // namespace sim

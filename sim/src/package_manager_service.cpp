@@ -313,6 +313,12 @@ void PackageManagerService::setHttpFault(const HttpFault &fault)
         d->server->setFault(fault);
 }
 
+int PackageManagerService::httpFaultsTaken() const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return d->server ? d->server->faultsTaken() : 0;
+}
+
 std::vector<std::string> PackageManagerService::installedUuids() const
 {
     std::lock_guard<std::mutex> lock(d->mutex);

@@ -92,9 +92,10 @@ TEST_F(BehaviorDebuggerTest, LoadsRunsAndShowsBoxesAndFrames)
     params["volume"] = VX::VXValue(0.25f);
     params["voice"] = VX::VXValue(std::string("low"));
     debugger->sendParameterValues("Say", params);
+    // One call a parameter, in the map's order: the last one ends the wait.
     ASSERT_TRUE(processUntil(
-        [&] { return behaviors().parameter("plain", "Say", "voice") == wz::AnyValue("low"); }));
-    EXPECT_EQ(behaviors().parameter("plain", "Say", "volume"), wz::AnyValue(0.25f));
+        [&] { return behaviors().parameter("plain", "Say", "volume") == wz::AnyValue(0.25f); }));
+    EXPECT_EQ(behaviors().parameter("plain", "Say", "voice"), wz::AnyValue("low"));
 
     // Stop: what was subscribed and polled is released.
     debugger->stopBehavior();

@@ -17,14 +17,6 @@
 #include <QFuture>
 #include <QFutureWatcher>
 
-// Readable failures for Qt strings.
-QT_BEGIN_NAMESPACE
-inline void PrintTo(const QString &s, std::ostream *os)
-{
-    *os << '"' << s.toStdString() << '"';
-}
-QT_END_NAMESPACE
-
 namespace test {
 
 // Runs until the future has finished, without blocking the loop it needs.

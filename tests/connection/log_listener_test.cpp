@@ -40,7 +40,7 @@ protected:
         auto logs = recorder->manager->logListenerInterface();
         if (logs) {
             QObject::connect(logs.get(), &RK::LogListenerInterface::onLogMessageReceived,
-                             [this](const wz::LogMessage &m) {
+                             recorder->manager.get(), [this](const wz::LogMessage &m) {
                                  if (m.category.rfind("test.", 0) == 0)
                                      received.push_back(m);
                              });

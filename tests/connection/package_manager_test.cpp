@@ -44,10 +44,10 @@ protected:
         packages = recorder.manager->packageManagerInterface();
         ASSERT_TRUE(packages);
         QObject::connect(
-            packages.get(), &RK::PackageManagerInterface::packageInstalled,
+            packages.get(), &RK::PackageManagerInterface::packageInstalled, recorder.manager.get(),
             [this](const wz::PackageInfo &p) { installed << QString::fromStdString(p.uuid()); });
         QObject::connect(
-            packages.get(), &RK::PackageManagerInterface::packageRemoved,
+            packages.get(), &RK::PackageManagerInterface::packageRemoved, recorder.manager.get(),
             [this](const wz::PackageInfo &p) { removed << QString::fromStdString(p.uuid()); });
         // The micro event subscriptions are in place once one event has come
         // through; one raised before them is lost, so the probe is raised again
@@ -171,7 +171,8 @@ TEST_P(PackageManagerTest, InstallFailuresCloseTheSession)
     service->setHttpFault(fault);
     RK::HttpProjectSynchronizer other;
     const QFuture<QString> first = packages->installFromRemote(&sync, manifest("first"), QString());
-    ASSERT_TRUE(test::processUntil([this] { return sync.isBusy(); }, 3000));
+    // Held by the robot: its server has taken the stalled request.
+    ASSERT_TRUE(test::processUntil([this] { return service->httpFaultsTaken() == 1; }));
     EXPECT_EQ(result(packages->installFromRemote(&other, manifest("second"), QString())),
               "An error occurred during application's installation: Another transfer task is "
               "already running");

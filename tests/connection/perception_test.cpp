@@ -106,7 +106,8 @@ TEST_F(PerceptionTest, PollingFollowsObjectsAndOneStopEndsEveryStart)
     auto worldRep = recorder.manager->worldRepresentationInterface();
     ASSERT_TRUE(worldRep);
     QList<QStringList> updates;
-    QObject::connect(worldRep.get(), &RK::WorldRepresentationInterface::objectsUpdated,
+    QObject context; // in this thread; gone before the lists its slots fill
+    QObject::connect(worldRep.get(), &RK::WorldRepresentationInterface::objectsUpdated, &context,
                      [&](const QStringList &names) { updates << names; });
 
     worldRep->startObjectPolling(20);
@@ -248,16 +249,18 @@ TEST_F(PerceptionTest, RobotEventsBecomeSignalsAndMalformedOnesAreDropped)
     connect();
     auto worldRep = recorder.manager->worldRepresentationInterface();
     QStringList events;
-    QObject::connect(worldRep.get(), &RK::WorldRepresentationInterface::attributeChanged,
+    QObject context; // in this thread; gone before the lists its slots fill
+    QObject::connect(worldRep.get(), &RK::WorldRepresentationInterface::attributeChanged, &context,
                      [&](const QString &o, const QString &a, const VX::VXValue &fields) {
                          events << QStringLiteral("attribute %1 %2 %3")
                                        .arg(o, a, QString::fromStdString(fields.toString(0)));
                      });
-    QObject::connect(worldRep.get(), &RK::WorldRepresentationInterface::positionChanged,
+    QObject::connect(worldRep.get(), &RK::WorldRepresentationInterface::positionChanged, &context,
                      [&](const QString &o, const VX::Math::Displacement &d) {
                          events << QStringLiteral("position %1 %2").arg(o).arg(d.P.x);
                      });
     QObject::connect(worldRep.get(), &RK::WorldRepresentationInterface::objectsDisplayedChanged,
+                     &context,
                      [&](const QStringList &names) { events << "displayed " + names.join(","); });
     // The subscriptions are queued on the desktop module's thread: wait until
     // the robot has them before raising anything.
@@ -303,16 +306,17 @@ TEST_F(PerceptionTest, PeopleArriveMoveAndLeaveInOrder)
     }));
 
     QStringList events;
-    QObject::connect(perception.get(), &RK::PeoplePerceptionInterface::peopleJustArrived,
+    QObject context; // in this thread; gone before the lists its slots fill
+    QObject::connect(perception.get(), &RK::PeoplePerceptionInterface::peopleJustArrived, &context,
                      [&](int id) { events << QStringLiteral("arrived %1").arg(id); });
-    QObject::connect(perception.get(), &RK::PeoplePerceptionInterface::peopleJustLeft,
+    QObject::connect(perception.get(), &RK::PeoplePerceptionInterface::peopleJustLeft, &context,
                      [&](int id) { events << QStringLiteral("left %1").arg(id); });
     QObject::connect(perception.get(), &RK::PeoplePerceptionInterface::peoplePositionUpdated,
-                     [&](int id, const VX::Math::Position3D &p) {
+                     &context, [&](int id, const VX::Math::Position3D &p) {
                          events << QStringLiteral("at %1 %2 %3").arg(id).arg(p.x).arg(p.y);
                      });
     QObject::connect(perception.get(), &RK::PeoplePerceptionInterface::maximumDetectionRangeChanged,
-                     [&](float r) { events << QStringLiteral("range %1").arg(r); });
+                     &context, [&](float r) { events << QStringLiteral("range %1").arg(r); });
 
     const int second = people().arrive({2.0f, 0.5f, 0.0f});
     const int third = people().arrive({3.0f, 0.0f, 0.0f});
@@ -352,8 +356,9 @@ TEST_F(PerceptionTest, PeopleListValuesAndSubscription)
     EXPECT_TRUE(perception->peopleList().isEmpty());
 
     QList<VX::Math::Position3D> positions;
+    QObject context; // in this thread; gone before the lists its slots fill
     QObject::connect(perception.get(), &RK::PeoplePerceptionInterface::peoplePositionUpdated,
-                     [&](int, const VX::Math::Position3D &p) { positions << p; });
+                     &context, [&](int, const VX::Math::Position3D &p) { positions << p; });
     robot().scenario().setKey("PeoplePerception/Person/77/PositionInTorsoFrame",
                               wz::AnyValue::List {1.0f, 2.0f});
     wz::log::LogCapture log;
@@ -415,11 +420,12 @@ TEST_F(PerceptionTest, ZonesAndAwarenessMirrorTheRobot)
     // Two services, two roads: their orders are each their own.
     QStringList zoneEvents;
     QList<int> tracked;
-    QObject::connect(zonesIf.get(), &RK::EngagementZonesInterface::firstLimitChanged,
+    QObject context; // in this thread; gone before the lists its slots fill
+    QObject::connect(zonesIf.get(), &RK::EngagementZonesInterface::firstLimitChanged, &context,
                      [&](float v) { zoneEvents << QStringLiteral("first %1").arg(v); });
-    QObject::connect(zonesIf.get(), &RK::EngagementZonesInterface::limitAngleChanged,
+    QObject::connect(zonesIf.get(), &RK::EngagementZonesInterface::limitAngleChanged, &context,
                      [&](float v) { zoneEvents << QStringLiteral("angle %1").arg(v); });
-    QObject::connect(awarenessIf.get(), &RK::BasicAwarenessInterface::humanTrackedChanged,
+    QObject::connect(awarenessIf.get(), &RK::BasicAwarenessInterface::humanTrackedChanged, &context,
                      [&](int id) { tracked << id; });
     zones().setFirstLimit(1.2f); // the same value is announced again
     zones().setLimitAngle(30.0f);

@@ -88,6 +88,8 @@ public:
     std::string storeDir() const;
     void setHttpFault(const HttpFault &fault);
     void clearHttpFault() { setHttpFault(HttpFault()); }
+    // Requests the fault set last has been applied to, so far.
+    int httpFaultsTaken() const;
     std::vector<std::string> installedUuids() const;
     void clearPackages();
     std::vector<std::string> openSessions() const;
