@@ -197,7 +197,12 @@ TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
     EXPECT_EQ(missing.state(), State::Missing);
 
     // A preload error, parsed into box and text.
+    QSignalSpy added(manager()->behaviorManagerInterface().get(),
+                     &RK::BehaviorManagerInterface::behaviorAdded);
     behaviors().install("broken", "box Say in x\npreload-error Say: the sound file is missing\n");
+    // The robot's news of the install first: it would bring a Missing
+    // instance back to Stopped.
+    ASSERT_TRUE(processUntil([&] { return added.count() == 1; }));
     BehaviorInstanceManager broken(manager(), "broken", QString(), true);
     QSignalSpy boxError(&broken, &BehaviorInstanceManager::errorInBox);
     ASSERT_EQ(broken.state(), State::Stopped);
