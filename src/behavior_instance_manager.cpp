@@ -294,8 +294,10 @@ void BehaviorInstanceManager::onLifeFocusSwitched()
     watcher->deleteLater();
     try {
         waitRethrowingTheCause(watcher);
-        // Not after a disconnection: the behaviour is Missing then.
-        if (m_state != Missing)
+        // Only a start still waiting: the robot's running list may have
+        // said Running first, and a stop asked since must hold; after a
+        // disconnection the behaviour is Missing.
+        if (m_state == Starting)
             setState(Running);
     } catch (const std::exception &e) {
         const QString text = QString::fromUtf8(e.what());
