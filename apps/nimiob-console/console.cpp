@@ -1,5 +1,8 @@
 #include "console.h"
 
+#include <connection/connection.h>
+#include <connection/platform.h>
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -135,6 +138,37 @@ void Console::printError(const Error &error)
         for (const QString &line : lines)
             m_err << "  " << line << Qt::endl;
     }
+}
+
+bool Console::checkJoints(const QStringList &names)
+{
+    const boost::shared_ptr<RK::Connection> connection = m_manager->currentConnection();
+    const boost::shared_ptr<VX::VXMotionProxy> motion
+        = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
+    if (!motion)
+        return true;
+    // Commands to joints are posted or their failures only logged: a name
+    // the robot does not know would otherwise pass without a word.
+    QStringList unknown;
+    for (const QString &name : names) {
+        try {
+            motion->getBodyNames(name.toStdString());
+        } catch (const std::exception &) {
+            unknown << name;
+        }
+    }
+    if (unknown.isEmpty())
+        return true;
+    QStringList known;
+    try {
+        for (const std::string &joint : motion->getBodyNames("Body"))
+            known << QString::fromStdString(joint);
+    } catch (const std::exception &) { }
+    m_err << "error: the robot has no joint or chain " << unknown.join(QStringLiteral(", "));
+    if (!known.isEmpty())
+        m_err << "; its joints: " << known.join(QStringLiteral(", "));
+    m_err << Qt::endl;
+    return false;
 }
 
 bool Console::waitUntil(const std::function<bool()> &done, int timeoutMs)

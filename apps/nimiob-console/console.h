@@ -71,6 +71,9 @@ public:
 
     // Runs the event loop until `done` holds or `timeoutMs` passes.
     bool waitUntil(const std::function<bool()> &done, int timeoutMs);
+    // True when the robot knows every name as a joint or a chain (or has no
+    // motion service to ask); else says which ones it does not know.
+    bool checkJoints(const QStringList &names);
 
 private:
     Options m_options;

@@ -43,6 +43,8 @@ int moveCommand(Console &console, const QStringList &arguments)
         console.err() << "error: the connection has no joint commands" << Qt::endl;
         return ExitCommandFailed;
     }
+    if (!console.checkJoints(pose.keys()))
+        return ExitCommandFailed;
     if (wait) {
         receiver->sendMotorAnglesBlocking(pose, speed);
         console.out() << "Moved " << pose.keys().join(QLatin1Char(' ')) << "." << Qt::endl;

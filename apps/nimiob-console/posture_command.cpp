@@ -67,6 +67,10 @@ int postureCommand(Console &console, const QStringList &arguments)
     console.waitUntil([] { return false; }, 300);
     console.out() << name << (reached ? " reached" : " not reached") << "; family now "
                   << posture->postureFamily().result() << Qt::endl;
+    if (!reached && apply)
+        console.out() << "(applying does not stiffen the motors: if the robot is limp, run 'wake' "
+                         "first, or go to the posture without --apply)"
+                      << Qt::endl;
     return reached ? ExitOk : ExitCommandFailed;
 }
 

@@ -48,6 +48,11 @@ int recordCommand(Console &console, const QStringList &arguments)
         console.err() << "error: record needs --joints" << Qt::endl;
         return ExitUsage;
     }
+    QStringList jointNames;
+    for (const std::string &joint : joints)
+        jointNames << QString::fromStdString(joint);
+    if (!console.checkJoints(jointNames))
+        return ExitCommandFailed;
     const boost::shared_ptr<RK::VXSartelRecorder> recorder = console.manager().recorderModule();
     if (!recorder) {
         console.err() << "error: the connection has no recorder module" << Qt::endl;

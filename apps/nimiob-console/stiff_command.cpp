@@ -19,6 +19,8 @@ int stiffCommand(Console &console, const QStringList &arguments)
         console.err() << "error: the connection has no joint commands" << Qt::endl;
         return ExitCommandFailed;
     }
+    if (!console.checkJoints({arguments[0]}))
+        return ExitCommandFailed;
     receiver->setStiffness(arguments[0], arguments[1] == QLatin1String("on")).waitForFinished();
     console.out() << "Stiffness of " << arguments[0] << " " << arguments[1] << "." << Qt::endl;
     return ExitOk;

@@ -115,4 +115,24 @@ TEST(ConsoleTest, DebugFollowsWhatTheBehaviourDeclared)
     desktop.console->disconnectFromRobot();
 }
 
+// Joint commands are posted and their failures only logged, so the console
+// asks the robot about the names first and says which ones it lacks.
+TEST(ConsoleTest, UnknownJointsAreNamedBeforeAnythingIsSent)
+{
+    sim::Robot robot;
+    robot.start();
+    Desktop desktop(robot, QStringLiteral("moving desktop"));
+    ASSERT_TRUE(desktop.console->start());
+    ASSERT_TRUE(desktop.console->connectToRobot()) << desktop.errors().toStdString();
+    EXPECT_TRUE(desktop.console->checkJoints({QStringLiteral("NeckYaw"), QStringLiteral("LArm")}));
+    EXPECT_TRUE(desktop.errors().isEmpty()) << desktop.errors().toStdString();
+    EXPECT_FALSE(desktop.console->checkJoints(
+        {QStringLiteral("NeckYaw"), QStringLiteral("HeadYaw"), QStringLiteral("Tail")}));
+    const QString told = desktop.errors();
+    EXPECT_TRUE(
+        told.contains(QStringLiteral("no joint or chain HeadYaw, Tail; its joints: NeckYaw")))
+        << told.toStdString();
+    desktop.console->disconnectFromRobot();
+}
+
 } // namespace
