@@ -1,4 +1,6 @@
 #include "audio_executer_p.h"
+#include "sartel_almodule_p.h"
+#include "sartel_executer_p.h"
 
 #include <connection/audio_interface.h>
 #include <connection/connection.h>
@@ -30,8 +32,10 @@ AudioExecuter::AudioExecuter(boost::shared_ptr<Connection> connection)
     if (const boost::shared_ptr<SartelModuleInterface> module
         = connection->sartelModuleInterface()) {
         try {
-            connect(module.get(), &SartelModuleInterface::dataSubscribedChanged, this,
-                    &AudioExecuter::onDataChanged);
+            m_events = relayModuleEvents(*module, this, {a_audioChangedKey},
+                                         [this](const QString &name, const VX::VXValue &value) {
+                                             onDataChanged(name, value);
+                                         });
             emit module->subscribeToMicroEventRequested(a_audioChangedKey);
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Error, "con.audioE", __FUNCTION__)
@@ -39,6 +43,12 @@ AudioExecuter::AudioExecuter(boost::shared_ptr<Connection> connection)
                 << " event, reason: " << e.what();
         }
     }
+}
+
+AudioExecuter::~AudioExecuter()
+{
+    if (m_events)
+        m_events->detach();
 }
 
 void AudioExecuter::onSetOutputVolume(int outputVolume, bool muted)

@@ -9,9 +9,12 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
+#include <memory>
+
 namespace RK {
 
 class Connection;
+class EventRelay;
 
 // Blocking calls to "VXAudioDevice" and "VXTextToSpeech" for AudioInterface,
 // on its own thread.
@@ -23,6 +26,7 @@ public:
     static const QString a_audioChangedKey;
 
     explicit AudioExecuter(boost::shared_ptr<Connection> connection);
+    ~AudioExecuter() override;
     bool hasMute() const { return m_hasMute; }
 
 public slots:
@@ -41,6 +45,7 @@ signals:
 
 private:
     boost::weak_ptr<Connection> m_connection;
+    std::shared_ptr<EventRelay> m_events;
     // Whether the robot's audio device knows the mute methods; probed once.
     bool m_hasMute = false;
 };

@@ -1,4 +1,6 @@
 #include "behavior_manager_executer_p.h"
+#include "sartel_almodule_p.h"
+#include "sartel_executer_p.h"
 
 #include <connection/connection.h>
 #include <connection/sartel_module.h>
@@ -60,15 +62,23 @@ BehaviorManagerExecuter::BehaviorManagerExecuter(boost::shared_ptr<Connection> c
         : boost::shared_ptr<SartelModuleInterface>();
     if (!module)
         return;
-    connect(module.get(), &SartelModuleInterface::dataSubscribedChanged, this,
-            &BehaviorManagerExecuter::onDataChanged);
-    for (const char *key :
-         {"BehaviorsRun", "VXBehaviorManager/BehaviorAdded", "VXBehaviorManager/BehaviorUpdated",
-          "VXBehaviorManager/BehaviorRemoved", "VXBehaviorManager/BehaviorFailed"})
-        emit module->subscribeToMicroEventRequested(QString::fromLatin1(key));
+    const QStringList keys {QStringLiteral("BehaviorsRun"),
+                            QStringLiteral("VXBehaviorManager/BehaviorAdded"),
+                            QStringLiteral("VXBehaviorManager/BehaviorUpdated"),
+                            QStringLiteral("VXBehaviorManager/BehaviorRemoved"),
+                            QStringLiteral("VXBehaviorManager/BehaviorFailed")};
+    m_events = relayModuleEvents(
+        *module, this, keys,
+        [this](const QString &name, const VX::VXValue &value) { onDataChanged(name, value); });
+    for (const QString &key : keys)
+        emit module->subscribeToMicroEventRequested(key);
 }
 
-BehaviorManagerExecuter::~BehaviorManagerExecuter() = default;
+BehaviorManagerExecuter::~BehaviorManagerExecuter()
+{
+    if (m_events)
+        m_events->detach();
+}
 
 QStringList BehaviorManagerExecuter::withoutUserPrefix(const std::vector<std::string> &names)
 {

@@ -12,9 +12,12 @@
 #include <string>
 #include <vector>
 
+#include <memory>
+
 namespace RK {
 
 class Connection;
+class EventRelay;
 
 // The blocking side of "VXBehaviorManager". Slots run on the executer's
 // thread; the plain methods run on pool threads beside them, so nothing here
@@ -74,6 +77,7 @@ signals:
 
 private:
     boost::weak_ptr<Connection> m_connection;
+    std::shared_ptr<EventRelay> m_events;
 };
 
 } // namespace RK

@@ -1,4 +1,6 @@
 #include "package_manager_executer_p.h"
+#include "sartel_almodule_p.h"
+#include "sartel_executer_p.h"
 
 #include <connection/connection.h>
 #include <connection/http_project_synchronizer.h>
@@ -42,14 +44,20 @@ PackageManagerExecuter::PackageManagerExecuter(boost::shared_ptr<Connection> con
     if (!connection)
         return;
     if (const auto sartel = connection->sartelModuleInterface()) {
-        connect(sartel.get(), &SartelModuleInterface::dataSubscribedChanged, this,
-                &PackageManagerExecuter::onDataChanged);
+        m_events = relayModuleEvents(
+            *sartel, this,
+            {QString::fromLatin1(a_packageInstalledKey), QString::fromLatin1(a_packageRemovedKey)},
+            [this](const QString &name, const VX::VXValue &value) { onDataChanged(name, value); });
         emit sartel->subscribeToMicroEventRequested(QString::fromLatin1(a_packageInstalledKey));
         emit sartel->subscribeToMicroEventRequested(QString::fromLatin1(a_packageRemovedKey));
     }
 }
 
-PackageManagerExecuter::~PackageManagerExecuter() = default;
+PackageManagerExecuter::~PackageManagerExecuter()
+{
+    if (m_events)
+        m_events->detach();
+}
 
 void PackageManagerExecuter::onDataChanged(const QString &name, const VX::VXValue &value)
 {

@@ -17,6 +17,8 @@
 
 #include <atomic>
 
+#include <memory>
+
 namespace VX {
 class VXProxy;
 }
@@ -24,6 +26,7 @@ class VXProxy;
 namespace RK {
 
 class Connection;
+class EventRelay;
 class HttpProjectSynchronizer;
 
 // Calls the robot's "PackageManager" on pool threads, taking the newer
@@ -62,6 +65,7 @@ private:
     static bool offers(const boost::shared_ptr<VX::VXProxy> &proxy, const char *method);
 
     boost::weak_ptr<Connection> m_connection;
+    std::shared_ptr<EventRelay> m_events;
     // The transfer now running; taken with compare-exchange so that two
     // installs at once cannot both start one.
     std::atomic<HttpProjectSynchronizer *> m_runningTransfer {nullptr};

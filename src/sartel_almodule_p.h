@@ -58,6 +58,15 @@ private:
     std::vector<std::pair<QString, VX::VXValue>> m_pending;
 };
 
+class SartelModuleInterface;
+
+// The events of the desktop module named in `names`, batched onto the thread
+// of `target`: a connection to the module interface's signal would cost a
+// queued call per event and per receiver, for every event the desktop gets.
+// The relay must be detached before `target` goes.
+std::shared_ptr<EventRelay> relayModuleEvents(SartelModuleInterface &module, QObject *target,
+                                              QStringList names, EventRelay::Deliver deliver);
+
 // The desktop as a service of the robot ("VXSartel"): the robot's memory
 // delivers every subscribed event to dataChanged, and the two-way test
 // proves that the robot can call the desktop at all. Registered in the

@@ -11,6 +11,15 @@
 
 namespace RK {
 
+std::shared_ptr<EventRelay> relayModuleEvents(SartelModuleInterface &module, QObject *target,
+                                              QStringList names, EventRelay::Deliver deliver)
+{
+    std::shared_ptr<EventRelay> relay = EventRelay::create(target, std::move(deliver));
+    relay->acceptOnly(std::move(names));
+    module.executer()->module()->addRelay(relay);
+    return relay;
+}
+
 SartelModuleInterface::SartelModuleInterface(boost::shared_ptr<Connection> connection)
     : QObject(nullptr), MorvaneInterface(connection, QStringLiteral("SartelModuleInterface"))
 {
