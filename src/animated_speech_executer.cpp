@@ -1,4 +1,5 @@
 #include "animated_speech_executer_p.h"
+#include "service_table_p.h"
 
 #include <connection/connection.h>
 #include <connection/platform.h>
@@ -13,7 +14,7 @@ namespace RK {
 
 namespace {
 const QString a_animatedSpeech = QStringLiteral("VXAnimatedSpeech");
-const QString a_textToSpeech = QStringLiteral("VXTextToSpeech");
+const QString a_textToSpeech = QString::fromLatin1(serviceName(ServiceId::TextToSpeech));
 
 std::string utf8(const QString &text)
 {
@@ -59,20 +60,21 @@ void AnimatedSpeechExecuter::onStopAllInterpretation()
 
 void AnimatedSpeechExecuter::onStartTest(QString textToTest)
 {
-    callService("VXTextToSpeech", a_textToSpeech,
+    callService(serviceName(ServiceId::TextToSpeech), a_textToSpeech,
                 [&](VX::VXProxy &p) { p.call<std::string>("say", utf8(textToTest)); });
 }
 
 void AnimatedSpeechExecuter::onStopTest()
 {
-    callService("VXTextToSpeech", a_textToSpeech, [](VX::VXProxy &p) { p.call<void>("stopAll"); });
+    callService(serviceName(ServiceId::TextToSpeech), a_textToSpeech,
+                [](VX::VXProxy &p) { p.call<void>("stopAll"); });
 }
 
 QStringList AnimatedSpeechExecuter::getTagList()
 {
     QStringList tags;
     // Asks text to speech, and reports under the animated speech's name.
-    callService("VXTextToSpeech", a_animatedSpeech, [&](VX::VXProxy &p) {
+    callService(serviceName(ServiceId::TextToSpeech), a_animatedSpeech, [&](VX::VXProxy &p) {
         for (const std::string &tag : p.call<std::vector<std::string>>("_getTagList"))
             tags << QString::fromUtf8(tag.c_str());
     });

@@ -1,6 +1,7 @@
 #include "audio_executer_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
+#include "service_table_p.h"
 
 #include <connection/audio_interface.h>
 #include <connection/connection.h>
@@ -64,7 +65,7 @@ void AudioExecuter::onSetOutputVolume(int outputVolume, bool muted)
         if (m_hasMute)
             audio->call<void>("muteAudioOut", muted);
     } catch (const std::exception &e) {
-        emit error(QStringLiteral("VXAudioDevice"), tr("Failed to call"),
+        emit error(QString::fromLatin1(serviceName(ServiceId::AudioDevice)), tr("Failed to call"),
                    QString::fromUtf8(e.what()));
     }
 }
@@ -82,7 +83,7 @@ void AudioExecuter::onGetOutputVolume()
         const bool muted = m_hasMute && audio->call<bool>("isAudioOutMuted");
         emit updateOutputVolumeRequested(volume, muted);
     } catch (const std::exception &e) {
-        emit error(QStringLiteral("VXAudioDevice"), tr("Failed to call"),
+        emit error(QString::fromLatin1(serviceName(ServiceId::AudioDevice)), tr("Failed to call"),
                    QString::fromUtf8(e.what()));
     }
 }

@@ -1,4 +1,5 @@
 #include "people_perception_interface_p.h"
+#include "service_table_p.h"
 
 #include <connection/basic_awareness_interface.h>
 #include <connection/connection.h>
@@ -46,10 +47,10 @@ BasicAwarenessInterface::BasicAwarenessInterface(boost::shared_ptr<Connection> c
     if (!session || !session->isConnected())
         throw std::runtime_error("BasicAwarenessInterface created while session not connected");
     const CallbackGatePtr gate = d->gate;
-    d->awareness = session->service("VXBasicAwareness").value();
+    d->awareness = session->service(serviceName(ServiceId::BasicAwareness)).value();
     d->awareness.connect("humanTracked", [gate](int id) { queueHumanTrackedChangeInt(gate, id); })
         .value();
-    d->memory = session->service("VXMemory").value();
+    d->memory = session->service(serviceName(ServiceId::Memory)).value();
     d->firstReading = d->memory.async<VX::VXValue>("getData", std::string(a_humanTrackedKey));
     // A failed or unreadable first reading leaves -1 in place.
     d->firstReading.connect([gate](const wz::Future<VX::VXValue> &done) {

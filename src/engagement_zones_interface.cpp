@@ -1,4 +1,5 @@
 #include "people_perception_interface_p.h"
+#include "service_table_p.h"
 
 #include <connection/connection.h>
 #include <connection/engagement_zones_interface.h>
@@ -36,7 +37,7 @@ EngagementZonesInterface::EngagementZonesInterface(boost::shared_ptr<Connection>
     wz::Session *session = connection ? connection->session() : nullptr;
     if (!session || !session->isConnected())
         throw std::runtime_error("EngagementZonesInterface created while session not connected");
-    d->zones = session->service("VXEngagementZones").value();
+    d->zones = session->service(serviceName(ServiceId::EngagementZones)).value();
 
     struct Limit
     {

@@ -1,4 +1,5 @@
 #include "people_perception_interface_p.h"
+#include "service_table_p.h"
 
 #include <connection/connection.h>
 #include <connection/people_perception_interface.h>
@@ -117,8 +118,8 @@ PeoplePerceptionInterface::PeoplePerceptionInterface(boost::shared_ptr<Connectio
     wz::Session *session = connection ? connection->session() : nullptr;
     if (!session || !session->isConnected())
         throw std::runtime_error("PeoplePerceptionInterface created while session not connected");
-    d->people = session->service("VXPeoplePerception").value();
-    d->memory = session->service("VXMemory").value();
+    d->people = session->service(serviceName(ServiceId::PeoplePerception)).value();
+    d->memory = session->service(serviceName(ServiceId::Memory)).value();
 
     d->rangeRequest = d->people.async<float>("getMaximumDetectionRange");
 

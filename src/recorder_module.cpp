@@ -1,4 +1,5 @@
 #include "method_recorder_executer_p.h"
+#include "service_table_p.h"
 
 #include "executer_thread_p.h"
 #include "morvane_interface_p.h"
@@ -59,8 +60,10 @@ VXSartelRecorder::VXSartelRecorder(wz::Session *session, boost::shared_ptr<Conne
     try {
         if (!m_session)
             throw std::runtime_error("no wz::Session object provided");
-        wz::Object object = m_session->service("VXMemory", "").value(wz::FutureTimeout_Infinite);
-        VX::VXMemoryProxy memory(boost::make_shared<VX::VXProxy>(object, "VXMemory"));
+        wz::Object object = m_session->service(serviceName(ServiceId::Memory), "")
+                                .value(wz::FutureTimeout_Infinite);
+        VX::VXMemoryProxy memory(
+            boost::make_shared<VX::VXProxy>(object, serviceName(ServiceId::Memory)));
         memory.subscribeToMicroEvent(E::storePositionKey, objectName().toUtf8().toStdString(), "",
                                      "dataChanged");
     } catch (const std::exception &e) {

@@ -1,4 +1,5 @@
 #include "robot_state_executer_p.h"
+#include "service_table_p.h"
 
 #include <connection/connection.h>
 
@@ -73,7 +74,7 @@ void RobotStateExecuter::gotoAnglesWithSpeed(RobotPose motorValues, float motorS
         else
             motion->angleInterpolationWithSpeed(names, angles, motorSpeed);
     } catch (const std::exception &e) {
-        emit error(QStringLiteral("VXMotion"),
+        emit error(QString::fromLatin1(serviceName(ServiceId::Motion)),
                    tr("Failed to call %1")
                        .arg(post ? QStringLiteral("post.angleInterpolationWithSpeed")
                                  : QStringLiteral("angleInterpolationWithSpeed")),
@@ -97,7 +98,7 @@ void RobotStateExecuter::setStiffness(QString name, bool on)
                                             VX::VXValue(on ? a_stiffnessMax : a_stiffnessMin),
                                             VX::VXValue(a_stiffnessTime));
     } catch (const std::exception &e) {
-        emit error(QStringLiteral("VXMotion"),
+        emit error(QString::fromLatin1(serviceName(ServiceId::Motion)),
                    tr("Failed to call %1").arg(QStringLiteral("post.stiffnessInterpolation")),
                    QString::fromUtf8(e.what()));
     }
@@ -112,7 +113,8 @@ void RobotStateExecuter::rest()
     try {
         motion->post.rest();
     } catch (const std::exception &e) {
-        emit error(QStringLiteral("VXMotion"), tr("Failed to call %1").arg(QStringLiteral("rest")),
+        emit error(QString::fromLatin1(serviceName(ServiceId::Motion)),
+                   tr("Failed to call %1").arg(QStringLiteral("rest")),
                    QString::fromUtf8(e.what()));
     }
 }
@@ -126,7 +128,7 @@ void RobotStateExecuter::wakeUp()
     try {
         motion->post.wakeUp();
     } catch (const std::exception &e) {
-        emit error(QStringLiteral("VXMotion"),
+        emit error(QString::fromLatin1(serviceName(ServiceId::Motion)),
                    tr("Failed to call %1").arg(QStringLiteral("wakeUp")),
                    QString::fromUtf8(e.what()));
     }

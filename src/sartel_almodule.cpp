@@ -1,4 +1,5 @@
 #include "sartel_almodule_p.h"
+#include "service_table_p.h"
 #include <connection/platform.h>
 
 #include <QMutex>
@@ -26,9 +27,10 @@ boost::shared_ptr<VX::VXMemoryProxy> memoryProxy(wz::Session *session)
 {
     if (!session)
         throw std::runtime_error("no wz::Session object provided");
-    wz::Object object = session->service("VXMemory", "").value(wz::FutureTimeout_Infinite);
+    wz::Object object
+        = session->service(serviceName(ServiceId::Memory), "").value(wz::FutureTimeout_Infinite);
     return boost::make_shared<VX::VXMemoryProxy>(
-        boost::make_shared<VX::VXProxy>(object, "VXMemory"));
+        boost::make_shared<VX::VXProxy>(object, serviceName(ServiceId::Memory)));
 }
 
 // A test timer dies on its own thread: a module released elsewhere (the

@@ -92,4 +92,10 @@ inline constexpr std::size_t serviceIndex(ServiceId id)
     return static_cast<std::size_t>(id);
 }
 
+// The remote name of a service, for code that looks one up by itself.
+inline constexpr const char *serviceName(ServiceId id)
+{
+    return k_serviceTable[serviceIndex(id)].name;
+}
+
 } // namespace RK
