@@ -16,10 +16,7 @@ namespace {
 // On framework threads: a queued call, if the object is still there.
 void queueHumanTrackedChangeInt(const CallbackGatePtr &gate, int humanId)
 {
-    gate->post([humanId](QObject *target) {
-        QMetaObject::invokeMethod(target, "onHumanTrackedChanged", Qt::QueuedConnection,
-                                  Q_ARG(int, humanId));
-    });
+    queueSlot(gate, &BasicAwarenessInterface::onHumanTrackedChanged, humanId);
 }
 
 void queueHumanTrackedChangeVXValue(const CallbackGatePtr &gate, const VX::VXValue &value)

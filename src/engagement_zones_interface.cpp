@@ -13,13 +13,7 @@ namespace RK {
 
 namespace {
 
-// On a framework thread: a queued call, if the object is still there.
-void queueFloatEmit(const char *method, const CallbackGatePtr &gate, float value)
-{
-    gate->post([method, value](QObject *target) {
-        QMetaObject::invokeMethod(target, method, Qt::QueuedConnection, Q_ARG(float, value));
-    });
-}
+using LimitSlot = void (EngagementZonesInterface::*)(float);
 
 } // namespace
 
@@ -41,29 +35,31 @@ EngagementZonesInterface::EngagementZonesInterface(boost::shared_ptr<Connection>
 
     struct Limit
     {
-        const char *slot;
+        LimitSlot slot;
         const char *getter;
         const char *signal;
     };
     static const Limit limits[3] = {
-        {"emitFirstLimitChanged", "getFirstLimitDistance", "firstLimitChanged"},
-        {"emitSecondLimitChanged", "getSecondLimitDistance", "secondLimitChanged"},
-        {"emitLimitAngleChanged", "getLimitAngle", "limitAngleChanged"},
+        {&EngagementZonesInterface::emitFirstLimitChanged, "getFirstLimitDistance",
+         "firstLimitChanged"},
+        {&EngagementZonesInterface::emitSecondLimitChanged, "getSecondLimitDistance",
+         "secondLimitChanged"},
+        {&EngagementZonesInterface::emitLimitAngleChanged, "getLimitAngle", "limitAngleChanged"},
     };
     const CallbackGatePtr gate = d->gate;
     for (int i = 0; i < 3; ++i) {
-        const char *slot = limits[i].slot;
+        const LimitSlot slot = limits[i].slot;
         d->requests[i] = d->zones.async<float>(limits[i].getter);
-        d->zones.connect(limits[i].signal, [gate, slot](float v) { queueFloatEmit(slot, gate, v); })
+        d->zones.connect(limits[i].signal, [gate, slot](float v) { queueSlot(gate, slot, v); })
             .value();
     }
     // The first reading takes the road of every later change. A failed one
     // leaves the default in place.
     for (int i = 0; i < 3; ++i) {
-        const char *slot = limits[i].slot;
+        const LimitSlot slot = limits[i].slot;
         d->requests[i].connect([gate, slot](const wz::Future<float> &done) {
             if (done.hasValue())
-                queueFloatEmit(slot, gate, done.value());
+                queueSlot(gate, slot, done.value());
         });
     }
 }

@@ -30,17 +30,7 @@ wz::log::LogStream log(wz::LogLevel level, const char *function)
 
 void queueOnMaximumDetectionRangeChange(const CallbackGatePtr &gate, float distance)
 {
-    gate->post([distance](QObject *target) {
-        QMetaObject::invokeMethod(target, "onMaximumDetectionRangeChanged", Qt::QueuedConnection,
-                                  Q_ARG(float, distance));
-    });
-}
-
-void queueMethodTakingInt(const char *method, const CallbackGatePtr &gate, int value)
-{
-    gate->post([method, value](QObject *target) {
-        QMetaObject::invokeMethod(target, method, Qt::QueuedConnection, Q_ARG(int, value));
-    });
+    queueSlot(gate, &PeoplePerceptionInterface::onMaximumDetectionRangeChanged, distance);
 }
 
 void tryCatchFutureFloatMaxDetectionRangeChange(const wz::Future<float> &future,
@@ -61,11 +51,8 @@ void queueSetPeopleList(const wz::Future<VX::VXValue> &future, const CallbackGat
     if (!gate->isOpen())
         return;
     try {
-        const VX::VXValue list = future.value(wz::FutureTimeout_Infinite);
-        gate->post([&list](QObject *target) {
-            QMetaObject::invokeMethod(target, "setPeopleList", Qt::QueuedConnection,
-                                      Q_ARG(VX::VXValue, list));
-        });
+        queueSlot(gate, &PeoplePerceptionInterface::setPeopleList,
+                  future.value(wz::FutureTimeout_Infinite));
     } catch (const std::exception &e) {
         log(wz::LogLevel_Error, __FUNCTION__) << "Could not get people list: " << e.what();
     }
@@ -77,11 +64,8 @@ void queueOnPeoplePositionUpdated(const wz::Future<VX::VXValue> &future,
     if (!gate->isOpen())
         return;
     try {
-        const VX::VXValue position = future.value(wz::FutureTimeout_Infinite);
-        gate->post([&position, id](QObject *target) {
-            QMetaObject::invokeMethod(target, "onPeoplePositionUpdated", Qt::QueuedConnection,
-                                      Q_ARG(int, id), Q_ARG(VX::VXValue, position));
-        });
+        queueSlot(gate, &PeoplePerceptionInterface::onPeoplePositionUpdated, id,
+                  future.value(wz::FutureTimeout_Infinite));
     } catch (const std::exception &e) {
         log(wz::LogLevel_Error, __FUNCTION__) << "People update failed: " << e.what();
     }
@@ -130,10 +114,14 @@ PeoplePerceptionInterface::PeoplePerceptionInterface(boost::shared_ptr<Connectio
         .value();
     d->people
         .connect("justArrived",
-                 [gate](int id) { queueMethodTakingInt("onPeopleJustArrived", gate, id); })
+                 [gate](int id) {
+                     queueSlot(gate, &PeoplePerceptionInterface::onPeopleJustArrived, id);
+                 })
         .value();
     d->people
-        .connect("justLeft", [gate](int id) { queueMethodTakingInt("onPeopleJustLeft", gate, id); })
+        .connect(
+            "justLeft",
+            [gate](int id) { queueSlot(gate, &PeoplePerceptionInterface::onPeopleJustLeft, id); })
         .value();
 
     d->listRequest = d->memory.async<VX::VXValue>("getData", std::string(a_peopleListKey));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QMetaObject>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QObject>
@@ -47,5 +48,18 @@ private:
 };
 
 using CallbackGatePtr = std::shared_ptr<CallbackGate>;
+
+// From a framework thread: queues `slot(args...)` on the gate's object, of
+// class Object, if the gate is still open. The arguments are copied into the
+// queued call; it is dropped if the object goes first.
+template<typename Object, typename... Params, typename... Args>
+void queueSlot(const CallbackGatePtr &gate, void (Object::*slot)(Params...), Args... args)
+{
+    gate->post([slot, args...](QObject *target) {
+        auto *self = static_cast<Object *>(target);
+        QMetaObject::invokeMethod(
+            self, [self, slot, args...] { (self->*slot)(args...); }, Qt::QueuedConnection);
+    });
+}
 
 } // namespace RK
