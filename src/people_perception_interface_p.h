@@ -6,6 +6,7 @@
 #include <QObject>
 
 #include <memory>
+#include <tuple>
 
 namespace RK {
 
@@ -55,10 +56,17 @@ using CallbackGatePtr = std::shared_ptr<CallbackGate>;
 template<typename Object, typename... Params, typename... Args>
 void queueSlot(const CallbackGatePtr &gate, void (Object::*slot)(Params...), Args... args)
 {
-    gate->post([slot, args...](QObject *target) {
+    // Shared, not moved along with the queued call (a variant moved through
+    // the closures trips gcc 12's uninitialized-use analysis).
+    const auto values = std::make_shared<const std::tuple<Args...>>(std::move(args)...);
+    gate->post([slot, values](QObject *target) {
         auto *self = static_cast<Object *>(target);
         QMetaObject::invokeMethod(
-            self, [self, slot, args...] { (self->*slot)(args...); }, Qt::QueuedConnection);
+            self,
+            [self, slot, values] {
+                std::apply([self, slot](const Args &...a) { (self->*slot)(a...); }, *values);
+            },
+            Qt::QueuedConnection);
     });
 }
 
