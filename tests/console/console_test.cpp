@@ -52,19 +52,45 @@ struct Desktop
     std::unique_ptr<console::Console> console;
 };
 
+// One robot for the suite; each case brings its own desktops.
+class ConsoleTest : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_robot = new sim::Robot();
+        s_robot->start();
+    }
+    static void TearDownTestSuite()
+    {
+        delete s_robot;
+        s_robot = nullptr;
+    }
+    static sim::Robot &robot() { return *s_robot; }
+
+    // A desktop connected to the robot, or a failed assertion.
+    static void connectDesktop(std::unique_ptr<Desktop> &desktop, const QString &name)
+    {
+        desktop = std::make_unique<Desktop>(robot(), name);
+        ASSERT_TRUE(desktop->console->start());
+        ASSERT_TRUE(desktop->console->connectToRobot()) << desktop->errors().toStdString();
+    }
+
+    static sim::Robot *s_robot;
+};
+
+sim::Robot *ConsoleTest::s_robot = nullptr;
+
 // One desktop holds a robot at a time. A second one is refused with the
 // library's own texts, and the console says in plain words why; the first
 // is unharmed, and once it has gone the second gets in.
-TEST(ConsoleTest, ASecondDesktopIsToldAnotherIsConnected)
+TEST_F(ConsoleTest, ASecondDesktopIsToldAnotherIsConnected)
 {
-    sim::Robot robot;
-    robot.start();
+    std::unique_ptr<Desktop> held;
+    connectDesktop(held, QStringLiteral("first desktop"));
+    Desktop &first = *held;
 
-    Desktop first(robot, QStringLiteral("first desktop"));
-    ASSERT_TRUE(first.console->start());
-    ASSERT_TRUE(first.console->connectToRobot()) << first.errors().toStdString();
-
-    Desktop second(robot, QStringLiteral("second desktop"));
+    Desktop second(robot(), QStringLiteral("second desktop"));
     ASSERT_TRUE(second.console->start());
     EXPECT_FALSE(second.console->connectToRobot());
     const QString told = second.errors();
@@ -79,23 +105,20 @@ TEST(ConsoleTest, ASecondDesktopIsToldAnotherIsConnected)
     first.console->disconnectFromRobot();
     EXPECT_TRUE(first.errors().isEmpty()) << first.errors().toStdString();
 
-    Desktop third(robot, QStringLiteral("third desktop"));
-    ASSERT_TRUE(third.console->start());
-    EXPECT_TRUE(third.console->connectToRobot()) << third.errors().toStdString();
-    EXPECT_FALSE(third.errors().contains(QStringLiteral("another desktop")));
-    third.console->disconnectFromRobot();
+    std::unique_ptr<Desktop> third;
+    connectDesktop(third, QStringLiteral("third desktop"));
+    EXPECT_FALSE(third->errors().contains(QStringLiteral("another desktop")));
+    third->console->disconnectFromRobot();
 }
 
 // Without --io the debugger follows what the loaded behaviour declared:
 // its outputs as they fire (a bang without a value) and its timeline's
 // frames.
-TEST(ConsoleTest, DebugFollowsWhatTheBehaviourDeclared)
+TEST_F(ConsoleTest, DebugFollowsWhatTheBehaviourDeclared)
 {
-    sim::Robot robot;
-    robot.start();
-    Desktop desktop(robot, QStringLiteral("debugging desktop"));
-    ASSERT_TRUE(desktop.console->start());
-    ASSERT_TRUE(desktop.console->connectToRobot()) << desktop.errors().toStdString();
+    std::unique_ptr<Desktop> held;
+    connectDesktop(held, QStringLiteral("debugging desktop"));
+    Desktop &desktop = *held;
     EXPECT_EQ(console::debugCommand(
                   *desktop.console,
                   {QStringLiteral("wave"), QStringLiteral("--for"), QStringLiteral("5")}),
@@ -117,13 +140,11 @@ TEST(ConsoleTest, DebugFollowsWhatTheBehaviourDeclared)
 
 // Joint commands are posted and their failures only logged, so the console
 // asks the robot about the names first and says which ones it lacks.
-TEST(ConsoleTest, UnknownJointsAreNamedBeforeAnythingIsSent)
+TEST_F(ConsoleTest, UnknownJointsAreNamedBeforeAnythingIsSent)
 {
-    sim::Robot robot;
-    robot.start();
-    Desktop desktop(robot, QStringLiteral("moving desktop"));
-    ASSERT_TRUE(desktop.console->start());
-    ASSERT_TRUE(desktop.console->connectToRobot()) << desktop.errors().toStdString();
+    std::unique_ptr<Desktop> held;
+    connectDesktop(held, QStringLiteral("moving desktop"));
+    Desktop &desktop = *held;
     EXPECT_TRUE(desktop.console->checkJoints({QStringLiteral("NeckYaw"), QStringLiteral("LArm")}));
     EXPECT_TRUE(desktop.errors().isEmpty()) << desktop.errors().toStdString();
     EXPECT_FALSE(desktop.console->checkJoints(
