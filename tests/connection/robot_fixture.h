@@ -15,11 +15,7 @@
 
 #include <gtest/gtest.h>
 
-// The robot's headers name members "signals", a Qt keyword macro.
-#pragma push_macro("signals")
-#undef signals
-#include <sim/robot.h>
-#pragma pop_macro("signals")
+#include "shared_robot.h"
 
 #include <chrono>
 #include <functional>
@@ -155,20 +151,8 @@ public:
 
 // One robot for the whole binary: cases change its scenario, and each case
 // starts from its own behaviour again.
-class RobotTest : public ::testing::Test
+class RobotTest : public SharedRobotTest
 {
-public:
-    static void SetUpTestSuite()
-    {
-        s_robot = new sim::Robot();
-        s_robot->start();
-    }
-    static void TearDownTestSuite()
-    {
-        delete s_robot;
-        s_robot = nullptr;
-    }
-
 protected:
     void SetUp() override
     {
@@ -183,12 +167,7 @@ protected:
         processUntil([] { return robot().scenario().clients().empty(); }, 10000);
     }
 
-    static sim::Robot &robot() { return *s_robot; }
     static int robotPort() { return robot().url().port(); }
-
-    static sim::Robot *s_robot;
 };
-
-inline sim::Robot *RobotTest::s_robot = nullptr;
 
 } // namespace test

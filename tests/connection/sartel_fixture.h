@@ -69,8 +69,7 @@ public:
             sim::ServiceEntry {BoxService::kName, []() -> std::unique_ptr<sim::Service> {
                                    return std::make_unique<BoxService>();
                                }});
-        s_robot = new sim::Robot(options);
-        s_robot->start();
+        startRobot(options);
     }
 
 protected:

@@ -9,11 +9,7 @@
 
 #include <gtest/gtest.h>
 
-// The robot's headers name members "signals", a Qt keyword macro.
-#pragma push_macro("signals")
-#undef signals
-#include <sim/robot.h>
-#pragma pop_macro("signals")
+#include "shared_robot.h"
 
 #include <memory>
 
@@ -53,21 +49,9 @@ struct Desktop
 };
 
 // One robot for the suite; each case brings its own desktops.
-class ConsoleTest : public ::testing::Test
+class ConsoleTest : public test::SharedRobotTest
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        s_robot = new sim::Robot();
-        s_robot->start();
-    }
-    static void TearDownTestSuite()
-    {
-        delete s_robot;
-        s_robot = nullptr;
-    }
-    static sim::Robot &robot() { return *s_robot; }
-
     // A desktop connected to the robot, or a failed assertion.
     static void connectDesktop(std::unique_ptr<Desktop> &desktop, const QString &name)
     {
@@ -75,11 +59,7 @@ protected:
         ASSERT_TRUE(desktop->console->start());
         ASSERT_TRUE(desktop->console->connectToRobot()) << desktop->errors().toStdString();
     }
-
-    static sim::Robot *s_robot;
 };
-
-sim::Robot *ConsoleTest::s_robot = nullptr;
 
 // One desktop holds a robot at a time. A second one is refused with the
 // library's own texts, and the console says in plain words why; the first
