@@ -5,7 +5,10 @@
 #include <connection/reconnection_manager.h>
 
 #include <csignal>
+#include <cstdio>
 #include <functional>
+
+#include <unistd.h>
 
 namespace console {
 
@@ -136,12 +139,25 @@ int statusCommand(Console &console, const QStringList &arguments)
         out << "Reconnected." << Qt::endl;
         reconnected = true;
     });
+    // The countdown is one line redrawn in place on a terminal; in a log,
+    // every tenth second and the last five.
+    const bool terminal = isatty(fileno(stdout)) != 0;
+    bool countdownShown = false;
     QObject::connect(reconnection, &RK::ReconnectionManager::refreshTimeBeforeReconnectionRequested,
                      &receiver, [&](int seconds) {
-                         if (seconds >= 0)
+                         if (seconds < 0)
+                             return;
+                         if (terminal) {
+                             out << "\rreconnecting in " << seconds << " s  " << Qt::flush;
+                             countdownShown = true;
+                         } else if (seconds % 10 == 0 || seconds <= 5) {
                              out << "reconnecting in " << seconds << " s" << Qt::endl;
+                         }
                      });
     QObject::connect(reconnection, &RK::ReconnectionManager::reconnectionRequested, &receiver, [&] {
+        if (countdownShown)
+            out << Qt::endl;
+        countdownShown = false;
         out << "Attempt: connecting to " << QString::fromStdString(host) << ':' << port << Qt::endl;
     });
     QObject::connect(
