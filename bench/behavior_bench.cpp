@@ -9,7 +9,6 @@
 //           bare startBehavior call plus the "BehaviorsRun" event it causes,
 //           seen at dataSubscribedChanged. Goal: at most 3 times, median of 50.
 
-#include "connection_threads_manager_p.h"
 #include <connection/behavior_debugger.h>
 #include <connection/behavior_instance_manager.h>
 #include <connection/behavior_manager_interface.h>
@@ -23,6 +22,8 @@
 #include <QTimer>
 
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 
 #pragma push_macro("signals")
 #undef signals
@@ -43,32 +44,9 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace bench;
+
 const int k_window = 4000;
-
-double seconds(Clock::duration d)
-{
-    return std::chrono::duration<double>(d).count();
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    QTimer wake;
-    wake.start(1);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
 
 const char *const k_behavior = "length forever\nbox Say in go out said\n";
 
@@ -78,43 +56,21 @@ class Desktop
 public:
     explicit Desktop(const sim::Robot &robot) : debugger(&manager)
     {
-        QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
-                         [this] { established = true; });
         // The two-way test holds a pool thread until it ends; measured calls
         // wait for it, so that they do not queue behind it.
-        QObject::connect(&manager, &RK::ConnectionManager::connectionTested,
-                         [this] { tested = true; });
-        manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
-        processUntil([this] { return established && tested; }, 30000);
+        connectTo(manager, robot, true);
         module = manager.sartelModuleInterface();
     }
     ~Desktop()
     {
         module.reset();
-        manager.disconnectBroker();
-        const RK::ConnectionThreadsManager *workers
-            = manager.findChild<RK::ConnectionThreadsManager *>();
-        processUntil([workers] { return workers->threads().isEmpty(); }, 30000);
+        disconnectAndWait(manager);
     }
 
     RK::ConnectionManager manager;
     RK::BehaviorDebugger debugger;
-    bool established = false;
-    bool tested = false;
     boost::shared_ptr<RK::SartelModuleInterface> module;
 };
-
-std::thread raiser(sim::MemoryService &memory, const std::string &name, int count,
-                   const std::atomic<int> &received, const std::atomic<bool> &stop)
-{
-    return std::thread([&memory, name, count, &received, &stop] {
-        for (int i = 0; i < count && !stop; ++i) {
-            while (i - received.load() >= k_window && !stop)
-                std::this_thread::yield();
-            memory.raiseMicroEvent(name, wz::AnyValue(i));
-        }
-    });
-}
 
 void BM_BoxOutputsToIOActivated(benchmark::State &state)
 {
@@ -165,7 +121,7 @@ void BM_BoxOutputsToIOActivated(benchmark::State &state)
         std::atomic<bool> stop {false};
         baselineReceived = 0;
         Clock::time_point t0 = Clock::now();
-        std::thread b = raiser(memory, "Bench/Plain", count, baselineReceived, stop);
+        std::thread b = raiser(memory, "Bench/Plain", count, baselineReceived, stop, k_window);
         processUntil([&] { return baselineReceived == count; }, 120000);
         baselineRates.push_back(baselineReceived / seconds(Clock::now() - t0));
         stop = true;
@@ -174,7 +130,7 @@ void BM_BoxOutputsToIOActivated(benchmark::State &state)
         stop = false;
         received = 0;
         t0 = Clock::now();
-        std::thread r = raiser(memory, event, count, received, stop);
+        std::thread r = raiser(memory, event, count, received, stop, k_window);
         processUntil([&] { return received == count; }, 120000);
         rates.push_back(received / seconds(Clock::now() - t0));
         stop = true;

@@ -20,6 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.h"
+
 #pragma push_macro("signals")
 #undef signals
 #include <sim/robot.h>
@@ -39,20 +41,9 @@
 
 namespace {
 
-sim::Robot *g_robot = nullptr;
+using bench::processUntil;
 
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    QTimer wake;
-    wake.start(1);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
+sim::Robot *g_robot = nullptr;
 
 double median(std::vector<double> v)
 {

@@ -9,7 +9,6 @@
 //          against the getData call alone on the same thread.
 // The goal is a parse of at most 100 ms.
 
-#include "connection_threads_manager_p.h"
 #include "memory_executer_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
@@ -23,6 +22,8 @@
 #include <QTimer>
 
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 
 #pragma push_macro("signals")
 #undef signals
@@ -40,22 +41,11 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace bench;
 
 const int k_keys = 1000;
 const int k_samplesPerKey = 100; // one second at 10 ms
 const double k_samples = double(k_keys) * k_samplesPerKey;
-
-double millis(Clock::duration d)
-{
-    return std::chrono::duration<double, std::milli>(d).count();
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
 
 // One second of history as the robot sends it.
 wz::AnyValue gatheredSecond()
@@ -118,19 +108,6 @@ void BM_ParseGatheredSecond(benchmark::State &state)
     state.counters["goal_100ms_met"] = parseMs <= 100 ? 1 : 0;
 }
 
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    QTimer wake;
-    wake.start(1);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
-
 void BM_GatherTickOverTcp(benchmark::State &state)
 {
     sim::Robot robot;
@@ -139,11 +116,7 @@ void BM_GatherTickOverTcp(benchmark::State &state)
                                    [second](const sim::Args &) { return second; });
     robot.start();
     RK::ConnectionManager manager;
-    bool established = false;
-    QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
-                     [&established] { established = true; });
-    manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
-    if (!processUntil([&established] { return established; }, 30000)) {
+    if (!connectTo(manager, robot)) {
         state.SkipWithError("no connection to the simulated robot");
         return;
     }
@@ -186,10 +159,7 @@ void BM_GatherTickOverTcp(benchmark::State &state)
     state.counters["tick_ratio"] = tickMs / callMs;
     state.counters["parse_share_ms"] = tickMs - callMs;
 
-    manager.disconnectBroker();
-    const RK::ConnectionThreadsManager *workers
-        = manager.findChild<RK::ConnectionThreadsManager *>();
-    processUntil([workers] { return workers->threads().isEmpty(); }, 30000);
+    disconnectAndWait(manager);
 }
 
 } // namespace

@@ -9,7 +9,6 @@
 //            same signals delivered to a plain framework subscriber that only
 //            counts them; the final list must equal the robot's.
 
-#include "connection_threads_manager_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
 #include <connection/people_perception_interface.h>
@@ -25,6 +24,8 @@
 #include <QTimer>
 
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 
 #pragma push_macro("signals")
 #undef signals
@@ -46,31 +47,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double millis(Clock::duration d)
-{
-    return std::chrono::duration<double, std::milli>(d).count();
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    QTimer wake;
-    wake.start(1);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
+using namespace bench;
 
 // A robot with its scene and autoplay off, and a manager connected to it.
 struct Bench
@@ -81,18 +58,9 @@ struct Bench
         world().setSceneRunning(false);
         people().setAutoplay(false);
         people().clear();
-        QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
-                         [this] { established = true; });
-        manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
-        processUntil([this] { return established; }, 30000);
+        established = connectTo(manager, robot);
     }
-    ~Bench()
-    {
-        manager.disconnectBroker();
-        const RK::ConnectionThreadsManager *workers
-            = manager.findChild<RK::ConnectionThreadsManager *>();
-        processUntil([workers] { return workers->threads().isEmpty(); }, 30000);
-    }
+    ~Bench() { disconnectAndWait(manager); }
     sim::WorldRepresentationService &world()
     {
         return *robot.serviceAs<sim::WorldRepresentationService>("VXWorldRepresentation");

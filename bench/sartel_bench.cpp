@@ -11,7 +11,6 @@
 //           thread through the same proxy, with nothing emitted. Goal: within
 //           the 60 ms period.
 
-#include "connection_threads_manager_p.h"
 #include "sartel_executer_p.h"
 #include <connection/connection.h>
 #include <connection/connection_manager.h>
@@ -25,6 +24,8 @@
 #include <QTimer>
 
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 
 #pragma push_macro("signals")
 #undef signals
@@ -46,41 +47,12 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using namespace bench;
 
 // Events raised and not yet received, at most: the robot keeps 10 000 for a
 // subscriber before it drops the oldest, and none may be lost here.
 const int k_window = 4000;
 const int k_keys = 100;
-
-double seconds(Clock::duration d)
-{
-    return std::chrono::duration<double>(d).count();
-}
-
-double millis(Clock::duration d)
-{
-    return std::chrono::duration<double, std::milli>(d).count();
-}
-
-double median(std::vector<double> v)
-{
-    std::sort(v.begin(), v.end());
-    return v[v.size() / 2];
-}
-
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    QTimer wake;
-    wake.start(1);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    }
-    return true;
-}
 
 // A connection made by the manager, torn down at the end.
 class Desktop
@@ -88,39 +60,18 @@ class Desktop
 public:
     explicit Desktop(const sim::Robot &robot)
     {
-        QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
-                         [this] { established = true; });
-        manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
-        processUntil([this] { return established; }, 30000);
+        connectTo(manager, robot);
         module = manager.sartelModuleInterface();
     }
     ~Desktop()
     {
         module.reset();
-        manager.disconnectBroker();
-        const RK::ConnectionThreadsManager *workers
-            = manager.findChild<RK::ConnectionThreadsManager *>();
-        processUntil([workers] { return workers->threads().isEmpty(); }, 30000);
+        disconnectAndWait(manager);
     }
 
     RK::ConnectionManager manager;
-    bool established = false;
     boost::shared_ptr<RK::SartelModuleInterface> module;
 };
-
-// Raises `count` events numbered from 0 on the robot, never more than the
-// window ahead of what has been received.
-std::thread raiser(sim::MemoryService &memory, const std::string &name, int count,
-                   const std::atomic<int> &received, const std::atomic<bool> &stop)
-{
-    return std::thread([&memory, name, count, &received, &stop] {
-        for (int i = 0; i < count && !stop; ++i) {
-            while (i - received.load() >= k_window && !stop)
-                std::this_thread::yield();
-            memory.raiseMicroEvent(name, wz::AnyValue(i));
-        }
-    });
-}
 
 void BM_MicroEventsToApplication(benchmark::State &state)
 {
@@ -170,7 +121,7 @@ void BM_MicroEventsToApplication(benchmark::State &state)
         std::atomic<bool> stop {false};
         baselineReceived = 0;
         Clock::time_point t0 = Clock::now();
-        std::thread b = raiser(memory, "Bench/Baseline", count, baselineReceived, stop);
+        std::thread b = raiser(memory, "Bench/Baseline", count, baselineReceived, stop, k_window);
         while (baselineReceived < count && seconds(Clock::now() - t0) < 120)
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         baselineRates.push_back(baselineReceived / seconds(Clock::now() - t0));
@@ -179,7 +130,7 @@ void BM_MicroEventsToApplication(benchmark::State &state)
 
         received = 0;
         t0 = Clock::now();
-        std::thread r = raiser(memory, "Bench/Event", count, received, stop);
+        std::thread r = raiser(memory, "Bench/Event", count, received, stop, k_window);
         processUntil([&] { return received == count; }, 120000);
         rates.push_back(received / seconds(Clock::now() - t0));
         stop = true;

@@ -20,6 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.h"
+
 #pragma push_macro("signals")
 #undef signals
 #include <sim/robot.h>
@@ -36,12 +38,8 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double millis(Clock::duration d)
-{
-    return std::chrono::duration<double, std::milli>(d).count();
-}
+using bench::Clock;
+using bench::millis;
 
 bool processUntil(const std::function<bool()> &done, int ms)
 {

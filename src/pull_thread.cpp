@@ -7,7 +7,6 @@
 #include <QFileInfo>
 #include <QHostAddress>
 #include <QTcpSocket>
-#include <QTimer>
 
 #include <cstdio>
 
@@ -20,74 +19,8 @@ const char *const k_category = "con.projectSync";
 PullThread::PullThread(const std::string &host, int port, const QString &path,
                        wz::project::ProjectModel *model, wz::project::ArchiveFormat format,
                        QObject *parent)
-    : SynchronizationThread(parent),
-      m_host(host),
-      m_port(port),
-      m_path(path),
-      m_model(model),
-      m_format(format)
+    : SynchronizationThread(host, port, parent), m_path(path), m_model(model), m_format(format)
 { }
-
-PullThread::~PullThread()
-{
-    delete m_socket;
-}
-
-void PullThread::fail(const QString &text)
-{
-    if (isInterrupting())
-        return;
-    m_lastError = text;
-    exit(1);
-}
-
-void PullThread::transfer()
-{
-    m_lastError.clear();
-    delete m_socket;
-    HttpHelpers::setNoDataTimeout(m_noDataTimeout);
-    m_socket = new QTcpSocket;
-    connect(m_socket, &QTcpSocket::connected, this, &PullThread::onConnected, Qt::DirectConnection);
-    connect(m_socket, &QAbstractSocket::errorOccurred, this, &PullThread::onSocketError,
-            Qt::DirectConnection);
-    step(tr("Connecting to %1").arg(QString::fromStdString(m_host)), 0, 0, 0);
-    m_socket->connectToHost(QString::fromStdString(m_host), quint16(m_port & 0xffff),
-                            QIODevice::ReadWrite);
-    QTimer connectLimit;
-    connectLimit.setSingleShot(true);
-    connect(&connectLimit, &QTimer::timeout, m_socket, [this]() {
-        if (m_socket->state() != QAbstractSocket::ConnectedState)
-            exit(~int(QAbstractSocket::SocketTimeoutError));
-    });
-    connectLimit.start(m_noDataTimeout);
-    const int code = exec();
-    connectLimit.stop();
-    disconnect(m_socket, nullptr, this, nullptr);
-    if (code < 0) {
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "PullThread couldn't connect to robot. " << m_host << ":" << m_port
-            << ". Connection was lost.";
-        m_lastError = tr("could not connect to robot");
-        m_socket->abort();
-        emit connectionLost();
-    } else {
-        if (m_socket->isOpen())
-            m_socket->close();
-        if (code == 0 || code == 2)
-            m_lastError.clear();
-    }
-    if (m_socket->state() != QAbstractSocket::UnconnectedState)
-        m_socket->waitForDisconnected(1000);
-    delete m_socket;
-    m_socket = nullptr;
-}
-
-void PullThread::onSocketError(QAbstractSocket::SocketError error)
-{
-    // The first ending counts: an error after the transaction ended changes nothing.
-    if (!isInterrupting())
-        exit(~int(error));
-}
 
 void PullThread::onConnected()
 {

@@ -6,7 +6,6 @@
 
 #include <QHostAddress>
 #include <QTcpSocket>
-#include <QTimer>
 
 #include <climits>
 #include <cstdio>
@@ -19,14 +18,9 @@ constexpr qint64 k_writeBacklog = 256 * 1024;
 } // namespace
 
 PushThread::PushThread(const std::string &host, int port, const PushTask &task, QObject *parent)
-    : SynchronizationThread(parent), m_host(host), m_port(port)
+    : SynchronizationThread(host, port, parent)
 {
     m_tasks.append(task);
-}
-
-PushThread::~PushThread()
-{
-    delete m_socket;
 }
 
 void PushThread::setMergeOption(bool merge)
@@ -34,63 +28,11 @@ void PushThread::setMergeOption(bool merge)
     m_tasks.last().merge = merge;
 }
 
-void PushThread::fail(const QString &text)
+QString PushThread::connectionLostText(QAbstractSocket::SocketError error) const
 {
-    if (isInterrupting())
-        return;
-    m_lastError = text;
-    exit(1);
-}
-
-void PushThread::transfer()
-{
-    m_lastError.clear();
-    delete m_socket;
-    HttpHelpers::setNoDataTimeout(m_noDataTimeout);
-    m_socket = new QTcpSocket;
-    connect(m_socket, &QTcpSocket::connected, this, &PushThread::onConnected, Qt::DirectConnection);
-    connect(m_socket, &QAbstractSocket::errorOccurred, this, &PushThread::onSocketError,
-            Qt::DirectConnection);
-    step(tr("Connecting to %1").arg(QString::fromStdString(m_host)), 0, 0, 0);
-    m_socket->connectToHost(QString::fromStdString(m_host), quint16(m_port & 0xffff),
-                            QIODevice::ReadWrite);
-    // Connecting has its limit too.
-    QTimer connectLimit;
-    connectLimit.setSingleShot(true);
-    connect(&connectLimit, &QTimer::timeout, m_socket, [this]() {
-        if (m_socket->state() != QAbstractSocket::ConnectedState)
-            exit(~int(QAbstractSocket::SocketTimeoutError));
-    });
-    connectLimit.start(m_noDataTimeout);
-    const int code = exec();
-    connectLimit.stop();
-    disconnect(m_socket, nullptr, this, nullptr);
-    if (code < 0) {
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "PushThread couldn't connect to robot. " << m_host << ":" << m_port
-            << ". Connection was lost.";
-        m_lastError = m_socket->error() == QAbstractSocket::RemoteHostClosedError
-            ? tr("has encountered a connection problem or the robot's hard drive may be full")
-            : tr("could not connect to robot");
-        m_socket->abort();
-        emit connectionLost();
-    } else {
-        if (m_socket->isOpen())
-            m_socket->close();
-        if (code == 0 || code == 2)
-            m_lastError.clear();
-    }
-    if (m_socket->state() != QAbstractSocket::UnconnectedState)
-        m_socket->waitForDisconnected(1000);
-    delete m_socket;
-    m_socket = nullptr;
-}
-
-void PushThread::onSocketError(QAbstractSocket::SocketError error)
-{
-    // The first ending counts: an error after the transaction ended changes nothing.
-    if (!isInterrupting())
-        exit(~int(error));
+    return error == QAbstractSocket::RemoteHostClosedError
+        ? tr("has encountered a connection problem or the robot's hard drive may be full")
+        : tr("could not connect to robot");
 }
 
 void PushThread::onConnected()

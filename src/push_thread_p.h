@@ -4,13 +4,10 @@
 
 #include <wz/project/project_model.h>
 
-#include <QAbstractSocket>
 #include <QList>
 #include <QString>
 
 #include <string>
-
-class QTcpSocket;
 
 namespace RK {
 
@@ -32,29 +29,19 @@ class PushThread : public SynchronizationThread
 
 public:
     PushThread(const std::string &host, int port, const PushTask &task, QObject *parent = nullptr);
-    ~PushThread() override;
 
     void setMergeOption(bool merge);
-    QString lastError() const override { return m_lastError; }
-    void exit(int code) override { SynchronizationThread::exit(code); }
 
 protected:
-    void transfer() override;
-
-private slots:
-    void onConnected();
-    void onSocketError(QAbstractSocket::SocketError error);
+    void onConnected() override;
+    // A robot that closes a push mid-way has often run out of disk.
+    QString connectionLostText(QAbstractSocket::SocketError error) const override;
 
 private:
     bool sendFile(quint64 &sent, const PushTask &task, const QString &file, const quint64 &total);
-    void fail(const QString &text);
     int scaled(quint64 bytes) const { return int(bytes >> m_progressShift); }
 
-    QString m_lastError;
-    std::string m_host;
-    int m_port;
     QList<PushTask> m_tasks;
-    QTcpSocket *m_socket = nullptr;
     int m_progressShift = 0;
 };
 

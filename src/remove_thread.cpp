@@ -15,7 +15,7 @@ const char *const k_category = "con.projectSync";
 
 RemoveThread::RemoveThread(const std::string &host, int port, const QString &path,
                            wz::project::ArchiveFormat format, QObject *parent)
-    : SynchronizationThread(parent), m_host(host), m_port(port), m_path(path), m_format(format)
+    : SynchronizationThread(host, port, parent), m_path(path), m_format(format)
 { }
 
 void RemoveThread::transfer()

@@ -19,15 +19,10 @@ public:
     RemoveThread(const std::string &host, int port, const QString &path,
                  wz::project::ArchiveFormat format, QObject *parent = nullptr);
 
-    QString lastError() const override { return m_lastError; }
-
 protected:
     void transfer() override;
 
 private:
-    QString m_lastError;
-    std::string m_host;
-    int m_port;
     QString m_path;
     wz::project::ArchiveFormat m_format;
 };

@@ -1,25 +1,31 @@
 #pragma once
 
+#include <QAbstractSocket>
 #include <QMutex>
 #include <QString>
 #include <QThread>
 
 #include <mutex>
+#include <string>
+
+class QTcpSocket;
 
 namespace RK {
 
-// Base of the transfer threads: an interrupting flag under a mutex, the
-// progress signals, and exit codes that tell how a transaction ended
-// (0 done, 1 failed with lastError(), 2 cancelled, below 0 the complement of
-// a socket error).
+// Base of the transfer threads: the robot's file server they talk to, an
+// interrupting flag under a mutex, the progress signals, and exit codes that
+// tell how a transaction ended (0 done, 1 failed with lastError(), 2
+// cancelled, below 0 the complement of a socket error).
 class SynchronizationThread : public QThread
 {
     Q_OBJECT
 
 public:
-    explicit SynchronizationThread(QObject *parent = nullptr);
+    explicit SynchronizationThread(const std::string &host = std::string(), int port = 0,
+                                   QObject *parent = nullptr);
+    ~SynchronizationThread() override;
 
-    virtual QString lastError() const = 0;
+    QString lastError() const { return m_lastError; }
     // Marks the thread interrupting first, then ends every event loop of it,
     // nested waits included, so a failing wait always sees why.
     virtual void exit(int code);
@@ -39,15 +45,30 @@ signals:
     void valueChanged(int value);
 
 protected:
-    // The transfer itself, on this thread.
-    virtual void transfer() = 0;
+    // The transfer itself, on this thread. By default: connect to the robot,
+    // run onConnected() inside this thread's event loop until it ends the
+    // loop with an exit code (or a socket error or the connect limit does),
+    // then close.
+    virtual void transfer();
+    // The transaction, once connected; ends with exit(code) or fail(text).
+    virtual void onConnected() { }
+    // What lastError() says after the connection broke.
+    virtual QString connectionLostText(QAbstractSocket::SocketError error) const;
+    // Ends the transaction with `text` as the error, unless it is already
+    // being interrupted.
+    void fail(const QString &text);
     // " (no data from the robot for N s)" after a wait ran out, else "".
     QString timeoutNote() const;
 
     int m_noDataTimeout = 30000;
+    QString m_lastError;
+    const std::string m_host;
+    const int m_port;
+    QTcpSocket *m_socket = nullptr;
 
 private:
     void run() final;
+    void onSocketError(QAbstractSocket::SocketError error);
 
     std::mutex m_endMutex;
     mutable QMutex m_mutex;

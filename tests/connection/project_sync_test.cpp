@@ -267,7 +267,6 @@ TEST(SynchronizationThreadTest, ExitBeforeStartEndsTheTransfer)
 {
     struct Waiting : RK::SynchronizationThread
     {
-        QString lastError() const override { return QString(); }
         void transfer() override { ran = true, exec(); }
         std::atomic<bool> ran {false};
     } thread;

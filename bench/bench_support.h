@@ -1,0 +1,103 @@
+#pragma once
+
+// What the benchmarks that drive the library against the simulated robot
+// share: clocks, the median, a wait that keeps this thread's events moving,
+// connecting and tearing down a manager, and a windowed event raiser.
+
+#include <connection/connection_manager.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEventLoop>
+#include <QTimer>
+
+#pragma push_macro("signals")
+#undef signals
+#include <sim/memory_service.h>
+#include <sim/robot.h>
+#pragma pop_macro("signals")
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace bench {
+
+using Clock = std::chrono::steady_clock;
+
+inline double seconds(Clock::duration d)
+{
+    return std::chrono::duration<double>(d).count();
+}
+
+inline double millis(Clock::duration d)
+{
+    return std::chrono::duration<double, std::milli>(d).count();
+}
+
+// The middle sample (the upper one of an even count).
+inline double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+// Processes this thread's events until `done` holds; false after `ms`. A
+// 1 ms timer bounds how late the condition is seen.
+inline bool processUntil(const std::function<bool()> &done, int ms)
+{
+    QDeadlineTimer deadline(ms);
+    QTimer wake;
+    wake.start(1);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return true;
+}
+
+// Connects `manager` to `robot`; with `andTested`, also waits for the
+// two-way test, which holds a pool thread until it ends. False on a time-out.
+inline bool connectTo(RK::ConnectionManager &manager, const sim::Robot &robot,
+                      bool andTested = false)
+{
+    bool established = false;
+    bool tested = false;
+    QObject context;
+    QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished, &context,
+                     [&established] { established = true; });
+    QObject::connect(&manager, &RK::ConnectionManager::connectionTested, &context,
+                     [&tested] { tested = true; });
+    manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
+    return processUntil([&] { return established && (tested || !andTested); }, 30000);
+}
+
+// Disconnects and waits until every worker has closed its session.
+inline void disconnectAndWait(RK::ConnectionManager &manager)
+{
+    manager.disconnectBroker();
+    processUntil([&manager] { return !manager.hasActiveWorkers(); }, 30000);
+}
+
+// Raises `count` micro events numbered from 0 on the robot, never more than
+// `window` ahead of what has been received (the robot drops the oldest beyond
+// its own queue, and none may be lost here).
+inline std::thread raiser(sim::MemoryService &memory, const std::string &name, int count,
+                          const std::atomic<int> &received, const std::atomic<bool> &stop,
+                          int window)
+{
+    return std::thread([&memory, name, count, &received, &stop, window] {
+        for (int i = 0; i < count && !stop; ++i) {
+            while (i - received.load() >= window && !stop)
+                std::this_thread::yield();
+            memory.raiseMicroEvent(name, wz::AnyValue(i));
+        }
+    });
+}
+
+} // namespace bench
