@@ -11,11 +11,15 @@
 #include <QEventLoop>
 #include <QTimer>
 
+#include <benchmark/benchmark.h>
+
 #pragma push_macro("signals")
 #undef signals
 #include <sim/memory_service.h>
 #include <sim/robot.h>
 #pragma pop_macro("signals")
+
+#include <wz/log.h>
 
 #include <algorithm>
 #include <atomic>
@@ -61,6 +65,22 @@ inline bool processUntil(const std::function<bool()> &done, int ms)
     return true;
 }
 
+// The same with a real event loop running, as in an application: objects
+// that other threads delete later on this one are deleted only by a loop.
+// The condition is seen at most 1 ms late.
+inline bool processUntilInLoop(const std::function<bool()> &done, int ms)
+{
+    QDeadlineTimer deadline(ms);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QEventLoop loop;
+        QTimer::singleShot(1, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+    return true;
+}
+
 // Connects `manager` to `robot`; with `andTested`, also waits for the
 // two-way test, which holds a pool thread until it ends. False on a time-out.
 inline bool connectTo(RK::ConnectionManager &manager, const sim::Robot &robot,
@@ -98,6 +118,20 @@ inline std::thread raiser(sim::MemoryService &memory, const std::string &name, i
             memory.raiseMicroEvent(name, wz::AnyValue(i));
         }
     });
+}
+
+// The main() of a benchmark program: a Qt application around the runs, and
+// the framework's log down to errors so that it does not mix with the table.
+inline int runWithQt(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    wz::log::setLogLevel(wz::LogLevel_Error);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
 }
 
 } // namespace bench

@@ -20,6 +20,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.h"
+
 #pragma push_macro("signals")
 #undef signals
 #include <sim/device_services.h>
@@ -40,22 +42,11 @@
 
 namespace {
 
+using bench::processUntilInLoop;
+
 const int k_messages = 40000;
 const int k_rate = 25000;
 const char *const k_category = "bench.chatter";
-
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(1, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
 
 // Counts numbered messages of the bench's category: how many, whether any
 // came out of order or went missing, and the time from first to last.
@@ -115,7 +106,7 @@ void BM_LogMessages(benchmark::State &state)
                 })
                 .value(10000);
             chatter(robot, k_rate);
-            processUntil([&] { return seen >= k_messages; }, 10000);
+            processUntilInLoop([&] { return seen >= k_messages; }, 10000);
             chatter(robot, 0);
             session->close().wait(10000);
         }
@@ -126,7 +117,7 @@ void BM_LogMessages(benchmark::State &state)
             QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
                              [&up] { up = true; });
             manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
-            processUntil([&] { return up; }, 20000);
+            processUntilInLoop([&] { return up; }, 20000);
             auto logs = manager.logListenerInterface();
             QObject receiver;
             QObject::connect(logs.get(), &RK::LogListenerInterface::onLogMessageReceived, &receiver,
@@ -135,10 +126,10 @@ void BM_LogMessages(benchmark::State &state)
                                      gui.add(m.message);
                              });
             chatter(robot, k_rate);
-            processUntil([&] { return gui.count >= k_messages; }, 10000);
+            processUntilInLoop([&] { return gui.count >= k_messages; }, 10000);
             chatter(robot, 0);
             manager.disconnectBroker();
-            processUntil([] { return false; }, 300);
+            processUntilInLoop([] { return false; }, 300);
         }
     }
     wz::log::setStderrEnabled(true);

@@ -253,12 +253,5 @@ BENCHMARK(BM_PeopleChurn)->Arg(2000)->Iterations(1)->Unit(benchmark::kMillisecon
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
-    wz::log::setLogLevel(wz::LogLevel_Error);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runWithQt(argc, argv);
 }

@@ -17,6 +17,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench_support.h"
+
 #pragma push_macro("signals")
 #undef signals
 #include <sim/robot.h>
@@ -34,21 +36,10 @@
 
 namespace {
 
+using bench::processUntilInLoop;
+
 const int k_cycles = 20;
 const int k_tickMs = 10;
-
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(1, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
 
 int threadCount()
 {
@@ -108,17 +99,17 @@ void BM_KillRestartReconnect(benchmark::State &state)
         QElapsedTimer t;
         t.start();
         manager.connectRemoteBroker(host, port, "bench");
-        processUntil([&] { return established == i + 1; }, 30000);
+        processUntilInLoop([&] { return established == i + 1; }, 30000);
         connects.push_back(t.nsecsElapsed() / 1e6);
         if (i < 2) {
             manager.disconnectBroker();
-            processUntil([&] { return !manager.hasActiveWorkers(); }, 30000);
+            processUntilInLoop([&] { return !manager.hasActiveWorkers(); }, 30000);
         }
     }
     const double connectMs = median(connects);
     // The attempt comes on the tick after the countdown reaches 0: 31 ticks.
     const double delayMs = 31.0 * k_tickMs;
-    processUntil([] { return false; }, 300);
+    processUntilInLoop([] { return false; }, 300);
     const int threadsBefore = threadCount();
     const long rssBefore = residentKb();
 
@@ -130,7 +121,7 @@ void BM_KillRestartReconnect(benchmark::State &state)
             const int before = established;
             const int lostBefore = lost;
             robot.reset();
-            if (!processUntil([&] { return lost > lostBefore; }, 10000)) {
+            if (!processUntilInLoop([&] { return lost > lostBefore; }, 10000)) {
                 ++failed;
                 break;
             }
@@ -138,7 +129,7 @@ void BM_KillRestartReconnect(benchmark::State &state)
             options.listenUrl = url;
             robot = std::make_unique<sim::Robot>(options);
             robot->start();
-            if (!processUntil([&] { return established > before; }, 30000)) {
+            if (!processUntilInLoop([&] { return established > before; }, 30000)) {
                 ++failed;
                 break;
             }
@@ -150,9 +141,9 @@ void BM_KillRestartReconnect(benchmark::State &state)
         }
     }
     manager.disconnectBroker();
-    processUntil([&] { return !manager.hasActiveWorkers(); }, 30000);
+    processUntilInLoop([&] { return !manager.hasActiveWorkers(); }, 30000);
     // Idle framework threads end by themselves after a while.
-    processUntil([threadsBefore] { return threadCount() <= threadsBefore; }, 10000);
+    processUntilInLoop([threadsBefore] { return threadCount() <= threadsBefore; }, 10000);
     const int threadsAfter = threadCount();
     const long rssAfter = residentKb();
 
@@ -177,12 +168,5 @@ BENCHMARK(BM_KillRestartReconnect)->Iterations(1)->Unit(benchmark::kMillisecond)
 
 int main(int argc, char **argv)
 {
-    QCoreApplication app(argc, argv);
-    wz::log::setLogLevel(wz::LogLevel_Error);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runWithQt(argc, argv);
 }

@@ -38,21 +38,10 @@
 
 namespace {
 
+using bench::processUntilInLoop;
+
 using bench::Clock;
 using bench::millis;
-
-bool processUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(2, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
 
 long residentKiB()
 {
@@ -106,7 +95,7 @@ void BM_VgaAcquisition(benchmark::State &state)
     QObject::connect(&manager, &RK::ConnectionManager::connectionEstablished,
                      [&] { established = true; });
     manager.connectRemoteBroker(robot.url().host(), robot.url().port(), "bench");
-    if (!processUntil([&] { return established; }, 20000)) {
+    if (!processUntilInLoop([&] { return established; }, 20000)) {
         state.SkipWithError("no connection");
         return;
     }
@@ -127,11 +116,11 @@ void BM_VgaAcquisition(benchmark::State &state)
     for (auto _ : state) {
         // A first second to settle the allocations, then the measured run.
         video->startVideo(20, 2, one, two);
-        processUntil([] { return false; }, 1000);
+        processUntilInLoop([] { return false; }, 1000);
         rssBefore = residentKiB();
         images = 0;
         const Clock::time_point start = Clock::now();
-        processUntil([] { return false; }, seconds * 1000);
+        processUntilInLoop([] { return false; }, seconds * 1000);
         elapsedS = millis(Clock::now() - start) / 1000;
         video->stopVideo();
     }
@@ -143,7 +132,7 @@ void BM_VgaAcquisition(benchmark::State &state)
     state.counters["rss_before_KiB"] = double(rssBefore);
     state.counters["rss_after_KiB"] = double(residentKiB());
     manager.disconnectBroker();
-    processUntil([] { return false; }, 500);
+    processUntilInLoop([] { return false; }, 500);
 }
 
 } // namespace

@@ -51,22 +51,12 @@ void PeoplePerceptionService::start()
     if (robot().options().lively && !m_autoplayConfigured)
         setAutoplay(true);
     robot().memory().raiseEvent(kPeopleList, wz::AnyValue::List {});
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = false;
-    }
-    m_thread = std::thread([this]() { run(); });
+    m_ticker.start();
 }
 
 void PeoplePerceptionService::stop()
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = true;
-    }
-    m_wake.notify_all();
-    if (m_thread.joinable())
-        m_thread.join();
+    m_ticker.stop();
 }
 
 void PeoplePerceptionService::configure(const wz::AnyValue &settings)
@@ -176,36 +166,13 @@ void PeoplePerceptionService::setRange(float range)
 
 void PeoplePerceptionService::setAutoplay(bool on)
 {
-    m_autoplay = on;
-    m_wake.notify_all();
+    m_ticker.setOn(on);
 }
 
 void PeoplePerceptionService::clear()
 {
     for (int id : people())
         leave(id);
-}
-
-void PeoplePerceptionService::run()
-{
-    std::unique_lock<std::mutex> lock(m_mutex);
-    uint64_t n = 0;
-    auto due = std::chrono::steady_clock::now();
-    while (!m_stopping) {
-        due += kTick;
-        m_wake.wait_until(lock, due, [this] { return m_stopping; });
-        if (m_stopping)
-            break;
-        if (!m_autoplay)
-            continue;
-        lock.unlock();
-        try {
-            tick(++n);
-        } catch (const std::exception &) {
-            // Someone left through a hook meanwhile; the next tick goes on.
-        }
-        lock.lock();
-    }
 }
 
 void PeoplePerceptionService::tick(uint64_t n)

@@ -67,22 +67,12 @@ void WorldRepresentationService::start()
 {
     if (robot().options().lively && !m_sceneConfigured)
         setSceneRunning(true);
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = false;
-    }
-    m_thread = std::thread([this]() { run(); });
+    m_ticker.start();
 }
 
 void WorldRepresentationService::stop()
 {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = true;
-    }
-    m_wake.notify_all();
-    if (m_thread.joinable())
-        m_thread.join();
+    m_ticker.stop();
 }
 
 void WorldRepresentationService::configure(const wz::AnyValue &settings)
@@ -309,8 +299,7 @@ void WorldRepresentationService::setDisplayed(const std::vector<std::string> &na
 
 void WorldRepresentationService::setSceneRunning(bool running)
 {
-    m_sceneRunning = running;
-    m_wake.notify_all();
+    m_ticker.setOn(running);
 }
 
 void WorldRepresentationService::resetWorld()
@@ -332,29 +321,6 @@ void WorldRepresentationService::buildSceneLocked()
     ball.attributes.push_back(Attribute {"Physics", {"mass", "radius"}, {}});
     ball.attributes.back().history.push_front(wz::AnyValue::List {0.05f, 0.04f});
     m_objects.push_back(std::move(ball));
-}
-
-void WorldRepresentationService::run()
-{
-    std::unique_lock<std::mutex> lock(m_mutex);
-    uint64_t n = 0;
-    auto due = std::chrono::steady_clock::now();
-    while (!m_stopping) {
-        due += kTick;
-        m_wake.wait_until(lock, due, [this] { return m_stopping; });
-        if (m_stopping)
-            break;
-        if (!m_sceneRunning)
-            continue;
-        lock.unlock();
-        try {
-            tick(++n);
-        } catch (const std::exception &) {
-            // A test has changed the scene's objects under it; the next tick
-            // tries again.
-        }
-        lock.lock();
-    }
 }
 
 void WorldRepresentationService::tick(uint64_t n)

@@ -2,6 +2,7 @@
 
 #include <sim/api.h>
 #include <sim/service.h>
+#include <sim/ticker.h>
 
 #include <array>
 #include <atomic>
@@ -67,7 +68,6 @@ private:
         Position position;
     };
     wz::AnyValue listValueLocked() const;
-    void run();
     void tick(uint64_t n);
 
     std::mutex m_changes; // a change and its events, one at a time
@@ -75,11 +75,9 @@ private:
     std::vector<Person> m_people;
     int m_nextId = 1;
     std::atomic<float> m_range {kDefaultRange};
-    std::atomic<bool> m_autoplay {false};
     bool m_autoplayConfigured = false;
-    bool m_stopping = false;
-    std::condition_variable m_wake;
-    std::thread m_thread;
+    // Last: it goes first, before anything its ticks touch.
+    Ticker m_ticker {kTick, [this](uint64_t n) { tick(n); }};
 };
 
 } // namespace sim

@@ -2,6 +2,7 @@
 
 #include <sim/api.h>
 #include <sim/service.h>
+#include <sim/ticker.h>
 
 #include <wz/any_value.h>
 
@@ -87,7 +88,7 @@ public:
     void setDisplayed(const std::vector<std::string> &names);
 
     void setSceneRunning(bool running);
-    bool sceneRunning() const { return m_sceneRunning; }
+    bool sceneRunning() const { return m_ticker.isOn(); }
     // The empty world (root only), the scene's objects back in place.
     void resetWorld();
 
@@ -112,7 +113,6 @@ private:
     static wz::AnyValue poseValue(const Pose &pose);
     void raise(const char *event, const wz::AnyValue &value);
     void buildSceneLocked();
-    void run();
     void tick(uint64_t n);
 
     // Serialises changes with their events, so that events leave in the
@@ -120,11 +120,9 @@ private:
     std::mutex m_changes;
     mutable std::mutex m_mutex;
     std::vector<Object> m_objects; // m_objects[0] is the root
-    std::atomic<bool> m_sceneRunning {false};
     bool m_sceneConfigured = false;
-    bool m_stopping = false;
-    std::condition_variable m_wake;
-    std::thread m_thread;
+    // Last: it goes first, before anything its ticks touch.
+    Ticker m_ticker {kTick, [this](uint64_t n) { tick(n); }};
 };
 
 } // namespace sim
