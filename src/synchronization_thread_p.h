@@ -21,8 +21,7 @@ class SynchronizationThread : public QThread
     Q_OBJECT
 
 public:
-    explicit SynchronizationThread(const std::string &host = std::string(), int port = 0,
-                                   QObject *parent = nullptr);
+    SynchronizationThread(const std::string &host, int port, QObject *parent = nullptr);
     ~SynchronizationThread() override;
 
     QString lastError() const { return m_lastError; }

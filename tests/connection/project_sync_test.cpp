@@ -267,6 +267,7 @@ TEST(SynchronizationThreadTest, ExitBeforeStartEndsTheTransfer)
 {
     struct Waiting : RK::SynchronizationThread
     {
+        Waiting() : SynchronizationThread("127.0.0.1", 1) { }
         void transfer() override { ran = true, exec(); }
         std::atomic<bool> ran {false};
     } thread;
