@@ -16,6 +16,7 @@
 #include <QFile>
 #include <QRandomGenerator>
 #include <QTcpServer>
+#include <QTemporaryDir>
 
 #include <atomic>
 #include <filesystem>
@@ -360,7 +361,11 @@ TEST_F(ProjectSyncTest, HostileListingsNeitherEscapeNorLoop)
         setFault(Fault::Kind::Listing, "GET");
         fault.names = names;
         applyFault();
-        auto target = newModel();
+        // A parent of its own: the shared temporary directory changes under
+        // the other tests running beside this one.
+        QTemporaryDir home;
+        auto target = std::make_unique<wz::project::ProjectModel>();
+        target->createNew(home.filePath(QStringLiteral("project")));
         const QDir parent = QFileInfo(target->rootPath()).dir();
         const QStringList before = parent.entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
         pull(target.get());
