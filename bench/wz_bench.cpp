@@ -1,5 +1,6 @@
 // Messaging costs against plain loopback TCP measured in the same run:
-//  - small call round trip vs a raw ping-pong of the same bytes (median, p99);
+//  - small call round trip vs a raw ping-pong of the same bytes (median, p99),
+//    with the robot in a process of its own and with both ends in this one;
 //  - posted calls per second, one way, and signal emissions per second to a
 //    subscriber, each against raw one-way messages of the same size;
 //  - a 2.5 MB binary round trip vs the same bytes echoed over a plain socket.
@@ -12,17 +13,23 @@
 #include <boost/make_shared.hpp>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -183,6 +190,7 @@ public:
         }
         for (int i = 0; i <= StageCount; ++i)
             m_stages[i].push_back(double(points[i + 1] - points[i]) / 1000);
+        m_totals.push_back(double(points[StageCount + 1] - points[0]) / 1000);
     }
 
     void report(benchmark::State &state) const
@@ -191,9 +199,18 @@ public:
             = {"b1_encode_us",       "b2_send_to_decode_us", "b3_to_method_us",   "b4_method_us",
                "b5_reply_encode_us", "b6_send_to_decode_us", "b7_wake_caller_us", "b8_return_us"};
         static_assert(sizeof names / sizeof *names == wz::detail::trace::StageCount + 1, "");
+        if (m_totals.empty())
+            return;
+        // The slowest 2% of calls, stage by stage: where the tail comes from.
+        const double slow = percentile(m_totals, 0.98);
         for (int i = 0; i <= wz::detail::trace::StageCount; ++i) {
-            if (!m_stages[i].empty())
-                state.counters[names[i]] = percentile(m_stages[i], 0.5);
+            state.counters[names[i]] = percentile(m_stages[i], 0.5);
+            std::vector<double> tail;
+            for (size_t k = 0; k < m_totals.size(); ++k) {
+                if (m_totals[k] >= slow)
+                    tail.push_back(m_stages[i][k]);
+            }
+            state.counters[std::string("tail_") + names[i]] = percentile(tail, 0.5);
         }
     }
 
@@ -204,10 +221,26 @@ private:
     }
 
     std::vector<double> m_stages[wz::detail::trace::StageCount + 1];
+    std::vector<double> m_totals;
 };
 
 // ---- the framework ------------------------------------------------------------------
 
+// The service both kinds of robot offer.
+wz::Object benchService(std::atomic<int64_t> *posted)
+{
+    wz::DynamicObjectBuilder b("Bench");
+    b.advertiseMethod("add", [](int a, int b) { return a + b; });
+    b.advertiseMethod("echo", [](const wz::Buffer &bytes) { return bytes; });
+    b.advertiseMethod("count", [posted](int) {
+        if (posted)
+            ++*posted;
+    });
+    return b.object();
+}
+
+// Both ends in this process, sharing its one I/O thread. The posted-call and
+// event cases count on the robot's side, so they need it here.
 struct Robot
 {
     boost::shared_ptr<wz::Session> directory = boost::make_shared<wz::Session>();
@@ -217,14 +250,70 @@ struct Robot
 
     Robot()
     {
-        wz::DynamicObjectBuilder b("Bench");
-        b.advertiseMethod("add", [](int a, int b) { return a + b; });
-        b.advertiseMethod("echo", [](const wz::Buffer &bytes) { return bytes; });
-        b.advertiseMethod("count", [this](int) { ++posted; });
         directory->listen(wz::Url("tcp://127.0.0.1:0")).value();
-        directory->registerService("Bench", b.object()).value();
+        directory->registerService("Bench", benchService(&posted)).value();
         client->connect(directory->endpoints()[0]).value();
         service = client->service("Bench").value();
+    }
+};
+
+// This program started again as the robot: it serves until its input closes.
+int serveAsRobot()
+{
+    auto directory = boost::make_shared<wz::Session>();
+    directory->listen(wz::Url("tcp://127.0.0.1:0")).value();
+    directory->registerService("Bench", benchService(nullptr)).value();
+    std::printf("%s\n", directory->endpoints()[0].str().c_str());
+    std::fflush(stdout);
+    char c;
+    while (::read(STDIN_FILENO, &c, 1) > 0) { }
+    return 0;
+}
+
+// The robot in a process of its own, as the product meets it: each end has
+// its own I/O thread, as a desktop and a robot do.
+struct RemoteRobot
+{
+    boost::shared_ptr<wz::Session> client = boost::make_shared<wz::Session>();
+    wz::Object service;
+    pid_t pid = -1;
+    int input = -1;
+
+    RemoteRobot()
+    {
+        int in[2], out[2];
+        check(::pipe2(in, O_CLOEXEC) == 0 && ::pipe2(out, O_CLOEXEC) == 0, "pipe");
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+        char self[] = "/proc/self/exe", serve[] = "--serve-as-robot";
+        char *argv[] = {self, serve, nullptr};
+        const int spawned = ::posix_spawn(&pid, self, &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(in[0]);
+        ::close(out[1]);
+        input = in[1];
+        errno = spawned;
+        check(spawned == 0, "posix_spawn");
+        // The robot says where it listens; a robot that dies first ends the read.
+        pollfd p {out[0], POLLIN, 0};
+        std::string url;
+        char c;
+        while (::poll(&p, 1, 10000) == 1 && ::read(out[0], &c, 1) == 1 && c != '\n')
+            url += c;
+        ::close(out[0]);
+        if (url.empty())
+            throw std::runtime_error("the robot process did not start");
+        client->connect(wz::Url(url)).value();
+        service = client->service("Bench").value();
+    }
+    ~RemoteRobot()
+    {
+        service = wz::Object();
+        client->close().wait();
+        ::close(input);
+        ::waitpid(pid, nullptr, 0);
     }
 };
 
@@ -247,19 +336,19 @@ size_t replyFrameSize(int64_t requestId, const wz::AnyValue &value)
         .size();
 }
 
-void BM_SmallCallRoundTrip(benchmark::State &state)
+// Calls of add(1000, 1) interleaved sample by sample with a raw ping-pong of
+// the same bytes, so that both see the same machine.
+void smallCalls(benchmark::State &state, wz::Object &service)
 {
     const int rounds = static_cast<int>(state.range(0));
-    Robot robot;
     for (int i = 0; i < 200; ++i) // warm up the pool and the caches
-        robot.service.call<int>("add", i, 1);
-    const size_t request = callFrameSize(1000, static_cast<int64_t>(robot.service->objectUid()),
-                                         "add", {wz::AnyValue(1000), wz::AnyValue(1)});
+        service.call<int>("add", i, 1);
+    const size_t request = callFrameSize(1000, static_cast<int64_t>(service->objectUid()), "add",
+                                         {wz::AnyValue(1000), wz::AnyValue(1)});
     const size_t reply = replyFrameSize(1000, wz::AnyValue(1001));
     std::vector<double> raw, call;
     Breakdown breakdown;
     for (auto _ : state) {
-        // Interleaved, so that both see the same machine load.
         RawPair pair(request, reply, rounds);
         std::vector<char> out(request, 'q'), in(reply);
         raw.clear();
@@ -267,7 +356,7 @@ void BM_SmallCallRoundTrip(benchmark::State &state)
         for (int i = 0; i < rounds; ++i) {
             raw.push_back(rawRoundTrip(pair, out, in));
             const auto t0 = Clock::now();
-            benchmark::DoNotOptimize(robot.service.call<int>("add", 1000, 1));
+            benchmark::DoNotOptimize(service.call<int>("add", 1000, 1));
             const auto t1 = Clock::now();
             call.push_back(micros(t1 - t0));
             breakdown.add(t0, t1);
@@ -283,6 +372,20 @@ void BM_SmallCallRoundTrip(benchmark::State &state)
     state.counters["p99_ratio"] = callP99 / rawP99;
     state.counters["frame_bytes"] = static_cast<double>(request);
     breakdown.report(state);
+}
+
+// The robot in its own process (the stage breakdown needs both ends here).
+void BM_SmallCallRoundTrip(benchmark::State &state)
+{
+    RemoteRobot robot;
+    smallCalls(state, robot.service);
+}
+
+// Both ends in this process, on one I/O thread: with the stage breakdown.
+void BM_SmallCallOneProcess(benchmark::State &state)
+{
+    Robot robot;
+    smallCalls(state, robot.service);
 }
 
 void BM_PostsOneWay(benchmark::State &state)
@@ -368,8 +471,19 @@ void BM_BinaryRoundTrip(benchmark::State &state)
 } // namespace
 
 BENCHMARK(BM_SmallCallRoundTrip)->Arg(5000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SmallCallOneProcess)->Arg(5000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PostsOneWay)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EventsToSubscriber)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BinaryRoundTrip)->Arg(2500000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    if (argc > 1 && std::strcmp(argv[1], "--serve-as-robot") == 0)
+        return serveAsRobot();
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
