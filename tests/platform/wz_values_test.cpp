@@ -174,6 +174,25 @@ TEST(WzFuture, EveryHandOverWakesItsWaiter)
     const auto t0 = Clock::now();
     EXPECT_EQ(never.future().wait(30), wz::FutureState_Running);
     EXPECT_GE(Clock::now() - t0, std::chrono::milliseconds(30));
+
+    // ... and a wake that comes just as a sleeping waiter gave up (one that
+    // may stay in its pipe) neither ends the next wait early nor is lost.
+    for (int i = 0; i < 50; ++i) {
+        wz::Promise<int> late;
+        wz::detail::runOnFrameworkThread([late]() mutable {
+            std::this_thread::sleep_for(std::chrono::microseconds(900));
+            late.setValue(1);
+        });
+        late.future().wait(1);
+        wz::Promise<int> next;
+        wz::Future<int> f = next.future();
+        wz::detail::runOnFrameworkThread([next]() mutable {
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+            next.setValue(2);
+        });
+        ASSERT_EQ(f.wait(5000), wz::FutureState_FinishedWithValue) << "round " << i;
+        EXPECT_EQ(f.value(), 2);
+    }
 }
 
 TEST(WzFuture, CancelHandlerDecides)

@@ -175,6 +175,7 @@ bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs)
     bool woke = budgetNs > 0 && spin(budgetNs);
     if (!woke) {
         m_mode.store(Sleeping, std::memory_order_seq_cst);
+        m_pipeMayHoldWake = true;
         if (m_signal.load(std::memory_order_seq_cst)) {
             woke = true;
         } else if (m_read >= 0) {
@@ -214,8 +215,13 @@ void Waker::drain()
 {
     m_signal.store(false, std::memory_order_seq_cst);
     if (m_read >= 0) {
-        char buf[64];
-        while (::read(m_read, buf, sizeof buf) > 0) { }
+        // A byte that lands after this read makes one later sleep end at
+        // once, which every waiter takes as a possible spurious wake.
+        if (m_pipeMayHoldWake) {
+            m_pipeMayHoldWake = false;
+            char buf[64];
+            while (::read(m_read, buf, sizeof buf) > 0) { }
+        }
         return;
     }
     std::lock_guard<std::mutex> lock(m_mutex);

@@ -61,6 +61,10 @@ private:
     // Running mean of how long this thread's waits lasted (ns), the basis of
     // its spin budget. Only the waiting thread touches it.
     int64_t m_meanWaitNs = 0;
+    // Whether a waker may have written to the pipe since the last drain: only
+    // one that found this thread asleep does. Waiting thread only; it spares
+    // a wake caught while spinning a read of an empty pipe.
+    bool m_pipeMayHoldWake = false;
     int m_read = -1;
     int m_write = -1;
     // Used when no pipe could be made (out of descriptors).
