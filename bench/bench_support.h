@@ -11,6 +11,8 @@
 #include <QEventLoop>
 #include <QTimer>
 
+#include "run_benchmarks.h"
+
 #include <benchmark/benchmark.h>
 
 #pragma push_macro("signals")
@@ -126,12 +128,7 @@ inline int runWithQt(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     wz::log::setLogLevel(wz::LogLevel_Error);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runBenchmarks(argc, argv);
 }
 
 } // namespace bench

@@ -35,6 +35,8 @@
 #include <thread>
 #include <vector>
 
+#include "run_benchmarks.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -176,10 +178,5 @@ int main(int argc, char **argv)
     sim::Robot robot;
     robot.start();
     g_robot = &robot;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runBenchmarks(argc, argv);
 }

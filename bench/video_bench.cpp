@@ -144,10 +144,5 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     wz::log::setLogLevel(wz::LogLevel_Fatal);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runBenchmarks(argc, argv);
 }

@@ -33,6 +33,8 @@
 #include <thread>
 #include <vector>
 
+#include "run_benchmarks.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -480,10 +482,5 @@ int main(int argc, char **argv)
 {
     if (argc > 1 && std::strcmp(argv[1], "--serve-as-robot") == 0)
         return serveAsRobot();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    return bench::runBenchmarks(argc, argv);
 }
