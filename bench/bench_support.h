@@ -8,6 +8,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QEventLoop>
 #include <QTimer>
 
@@ -23,9 +24,12 @@
 
 #include <wz/log.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <thread>
@@ -120,6 +124,27 @@ inline std::thread raiser(sim::MemoryService &memory, const std::string &name, i
             memory.raiseMicroEvent(name, wz::AnyValue(i));
         }
     });
+}
+
+// Threads of this process, from /proc.
+inline int threadCount()
+{
+    return static_cast<int>(QDir(QStringLiteral("/proc/self/task"))
+                                .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
+                                .size());
+}
+
+// Resident memory of this process in KiB, -1 if /proc cannot tell.
+inline long residentKb()
+{
+    long pages = 0;
+    long resident = 0;
+    FILE *f = std::fopen("/proc/self/statm", "r");
+    if (!f)
+        return -1;
+    const int read = std::fscanf(f, "%ld %ld", &pages, &resident);
+    std::fclose(f);
+    return read == 2 ? resident * (sysconf(_SC_PAGESIZE) / 1024) : -1;
 }
 
 // The main() of a benchmark program: a Qt application around the runs, and

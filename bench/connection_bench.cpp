@@ -13,7 +13,6 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
@@ -32,11 +31,9 @@
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -50,25 +47,6 @@ double median(std::vector<double> v)
     std::sort(v.begin(), v.end());
     const size_t n = v.size();
     return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
-int threadCount()
-{
-    return static_cast<int>(QDir(QStringLiteral("/proc/self/task"))
-                                .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
-                                .size());
-}
-
-long residentKb()
-{
-    long pages = 0;
-    long resident = 0;
-    FILE *f = std::fopen("/proc/self/statm", "r");
-    if (!f)
-        return -1;
-    const int read = std::fscanf(f, "%ld %ld", &pages, &resident);
-    std::fclose(f);
-    return read == 2 ? resident * (sysconf(_SC_PAGESIZE) / 1024) : -1;
 }
 
 int workers(RK::ConnectionManager &manager)
@@ -179,8 +157,8 @@ void BM_Cycles(benchmark::State &state)
         disconnectOnce(manager);
     }
     processUntil([] { return false; }, 200);
-    const int threadsBefore = threadCount();
-    const long rssBefore = residentKb();
+    const int threadsBefore = bench::threadCount();
+    const long rssBefore = bench::residentKb();
     double total = 0;
     for (auto _ : state) {
         QElapsedTimer t;
@@ -196,10 +174,10 @@ void BM_Cycles(benchmark::State &state)
     // is still there after 10 s has leaked.
     QElapsedTimer settle;
     settle.start();
-    processUntil([threadsBefore] { return threadCount() <= threadsBefore; }, 10000);
+    processUntil([threadsBefore] { return bench::threadCount() <= threadsBefore; }, 10000);
     const double settleMs = settle.nsecsElapsed() / 1e6;
-    const int threadsAfter = threadCount();
-    const long rssAfter = residentKb();
+    const int threadsAfter = bench::threadCount();
+    const long rssAfter = bench::residentKb();
     state.counters["cycles"] = 50;
     state.counters["per_cycle_ms"] = total / 50;
     state.counters["threads_before"] = threadsBefore;
@@ -224,12 +202,7 @@ int main(int argc, char **argv)
     sim::Robot robot;
     robot.start();
     g_robot = &robot;
-
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
+    const int result = bench::runBenchmarks(argc, argv);
     g_robot = nullptr;
-    return 0;
+    return result;
 }

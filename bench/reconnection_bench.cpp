@@ -10,7 +10,6 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTimer>
@@ -26,10 +25,7 @@
 
 #include <wz/log.h>
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -40,25 +36,6 @@ using bench::processUntilInLoop;
 
 const int k_cycles = 20;
 const int k_tickMs = 10;
-
-int threadCount()
-{
-    return static_cast<int>(QDir(QStringLiteral("/proc/self/task"))
-                                .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
-                                .size());
-}
-
-long residentKb()
-{
-    long pages = 0;
-    long resident = 0;
-    FILE *f = std::fopen("/proc/self/statm", "r");
-    if (!f)
-        return -1;
-    const int read = std::fscanf(f, "%ld %ld", &pages, &resident);
-    std::fclose(f);
-    return read == 2 ? resident * (sysconf(_SC_PAGESIZE) / 1024) : -1;
-}
 
 double median(std::vector<double> v)
 {
@@ -110,8 +87,8 @@ void BM_KillRestartReconnect(benchmark::State &state)
     // The attempt comes on the tick after the countdown reaches 0: 31 ticks.
     const double delayMs = 31.0 * k_tickMs;
     processUntilInLoop([] { return false; }, 300);
-    const int threadsBefore = threadCount();
-    const long rssBefore = residentKb();
+    const int threadsBefore = bench::threadCount();
+    const long rssBefore = bench::residentKb();
 
     std::vector<double> reconnects;
     int late = 0;
@@ -143,9 +120,9 @@ void BM_KillRestartReconnect(benchmark::State &state)
     manager.disconnectBroker();
     processUntilInLoop([&] { return !manager.hasActiveWorkers(); }, 30000);
     // Idle framework threads end by themselves after a while.
-    processUntilInLoop([threadsBefore] { return threadCount() <= threadsBefore; }, 10000);
-    const int threadsAfter = threadCount();
-    const long rssAfter = residentKb();
+    processUntilInLoop([threadsBefore] { return bench::threadCount() <= threadsBefore; }, 10000);
+    const int threadsAfter = bench::threadCount();
+    const long rssAfter = bench::residentKb();
 
     state.counters["cycles"] = static_cast<double>(reconnects.size());
     state.counters["failed"] = failed;

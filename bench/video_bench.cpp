@@ -32,7 +32,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <vector>
 
@@ -42,15 +41,6 @@ using bench::processUntilInLoop;
 
 using bench::Clock;
 using bench::millis;
-
-long residentKiB()
-{
-    std::ifstream statm("/proc/self/statm");
-    long pages = 0;
-    long resident = 0;
-    statm >> pages >> resident;
-    return resident * 4;
-}
 
 void BM_Convert(benchmark::State &state)
 {
@@ -117,7 +107,7 @@ void BM_VgaAcquisition(benchmark::State &state)
         // A first second to settle the allocations, then the measured run.
         video->startVideo(20, 2, one, two);
         processUntilInLoop([] { return false; }, 1000);
-        rssBefore = residentKiB();
+        rssBefore = bench::residentKb();
         images = 0;
         const Clock::time_point start = Clock::now();
         processUntilInLoop([] { return false; }, seconds * 1000);
@@ -130,7 +120,7 @@ void BM_VgaAcquisition(benchmark::State &state)
     state.counters["ratio"] = images / produced;
     state.counters["skipped"] = video->skippedImages();
     state.counters["rss_before_KiB"] = double(rssBefore);
-    state.counters["rss_after_KiB"] = double(residentKiB());
+    state.counters["rss_after_KiB"] = double(bench::residentKb());
     manager.disconnectBroker();
     processUntilInLoop([] { return false; }, 500);
 }

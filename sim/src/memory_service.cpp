@@ -243,14 +243,7 @@ void MemoryService::describe(ServiceBuilder &b)
 
 void MemoryService::start()
 {
-    m_clientHook = std::make_shared<ClientHook>();
-    m_clientHook->service = this;
-    const std::shared_ptr<ClientHook> hook = m_clientHook;
-    m_clientLink = robot().session().clientDisconnected.connect([hook](const std::string &peer) {
-        std::lock_guard<std::mutex> lock(hook->mutex);
-        if (hook->service)
-            hook->service->onClientGone(peer);
-    });
+    m_clientWatch.start(robot().session(), [this](const std::string &peer) { onClientGone(peer); });
 }
 
 void MemoryService::stop()
@@ -265,12 +258,7 @@ void MemoryService::stop()
             retired.push_back(s.second);
         m_subscribers.clear();
     }
-    if (m_clientLink)
-        robot().session().clientDisconnected.disconnect(m_clientLink);
-    if (m_clientHook) {
-        std::lock_guard<std::mutex> lock(m_clientHook->mutex);
-        m_clientHook->service = nullptr;
-    }
+    m_clientWatch.stop();
     retire(retired);
 }
 

@@ -43,14 +43,7 @@ void MemoryWatcherService::describe(ServiceBuilder &b)
 
 void MemoryWatcherService::start()
 {
-    m_clientHook = std::make_shared<ClientHook>();
-    m_clientHook->service = this;
-    const std::shared_ptr<ClientHook> hook = m_clientHook;
-    m_clientLink = robot().session().clientDisconnected.connect([hook](const std::string &peer) {
-        std::lock_guard<std::mutex> lock(hook->mutex);
-        if (hook->service)
-            hook->service->onClientGone(peer);
-    });
+    m_clientWatch.start(robot().session(), [this](const std::string &peer) { onClientGone(peer); });
     std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_thread.joinable() && !m_stopping)
         m_thread = std::thread([this]() { run(); });
@@ -65,14 +58,7 @@ void MemoryWatcherService::stop()
     m_wake.notify_all();
     if (m_thread.joinable())
         m_thread.join();
-    if (m_clientLink) {
-        robot().session().clientDisconnected.disconnect(m_clientLink);
-        m_clientLink = 0;
-    }
-    if (m_clientHook) {
-        std::lock_guard<std::mutex> lock(m_clientHook->mutex);
-        m_clientHook->service = nullptr;
-    }
+    m_clientWatch.stop();
 }
 
 void MemoryWatcherService::configure(const wz::AnyValue &settings)

@@ -102,14 +102,7 @@ void VideoDeviceService::describe(ServiceBuilder &b)
 
 void VideoDeviceService::start()
 {
-    m_clientHook = std::make_shared<ClientHook>();
-    m_clientHook->service = this;
-    const std::shared_ptr<ClientHook> hook = m_clientHook;
-    m_clientLink = robot().session().clientDisconnected.connect([hook](const std::string &peer) {
-        std::lock_guard<std::mutex> lock(hook->mutex);
-        if (hook->service)
-            hook->service->onClientGone(peer);
-    });
+    m_clientWatch.start(robot().session(), [this](const std::string &peer) { onClientGone(peer); });
 }
 
 void VideoDeviceService::stop()
@@ -121,12 +114,7 @@ void VideoDeviceService::stop()
         m_stopping = true;
     }
     m_wake.notify_all();
-    if (m_clientLink)
-        robot().session().clientDisconnected.disconnect(m_clientLink);
-    if (m_clientHook) {
-        std::lock_guard<std::mutex> lock(m_clientHook->mutex);
-        m_clientHook->service = nullptr;
-    }
+    m_clientWatch.stop();
 }
 
 void VideoDeviceService::configure(const wz::AnyValue &settings)

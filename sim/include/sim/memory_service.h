@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sim/api.h>
+#include <sim/client_watch.h>
 #include <sim/service.h>
 
 #include <wz/object.h>
@@ -99,17 +100,8 @@ private:
     std::map<std::string, std::map<std::string, Subscription>> m_subscriptions;
     std::map<std::string, std::shared_ptr<Subscriber>> m_subscribers;
     std::set<std::string> m_blocked;
-    uint64_t m_clientLink = 0;
     bool m_stopped = false;
-    // The session may still be running the client callback when stop()
-    // disconnects it; the callback reaches the service only through this,
-    // which stop() clears once no callback is inside.
-    struct ClientHook
-    {
-        std::mutex mutex;
-        MemoryService *service = nullptr;
-    };
-    std::shared_ptr<ClientHook> m_clientHook;
+    ClientWatch m_clientWatch;
 };
 
 } // namespace sim

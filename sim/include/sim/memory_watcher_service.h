@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sim/api.h>
+#include <sim/client_watch.h>
 #include <sim/service.h>
 
 #include <wz/any_value.h>
@@ -111,16 +112,7 @@ private:
     bool m_stopping = false;
     bool m_overflowWarned = false;
     std::thread m_thread;
-    uint64_t m_clientLink = 0;
-    // The session may still be running the client callback when stop()
-    // disconnects it; the callback reaches the service only through this,
-    // which stop() clears once no callback is inside.
-    struct ClientHook
-    {
-        std::mutex mutex;
-        MemoryWatcherService *service = nullptr;
-    };
-    std::shared_ptr<ClientHook> m_clientHook;
+    ClientWatch m_clientWatch;
 };
 
 } // namespace sim

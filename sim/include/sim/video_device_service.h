@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sim/api.h>
+#include <sim/client_watch.h>
 #include <sim/service.h>
 
 #include <wz/any_value.h>
@@ -102,13 +103,7 @@ private:
     bool m_stopping = false;
     size_t m_maxSubscribers = kDefaultMaxSubscribers;
     uint64_t m_served = 0;
-    uint64_t m_clientLink = 0;
-    struct ClientHook
-    {
-        std::mutex mutex;
-        VideoDeviceService *service = nullptr;
-    };
-    std::shared_ptr<ClientHook> m_clientHook;
+    ClientWatch m_clientWatch;
 };
 
 } // namespace sim
