@@ -1,4 +1,5 @@
 // The simulated behaviour manager and autonomous life, through a client session.
+#include "shared_robot.h"
 #include "sim_test_support.h"
 
 #include <sim/behavior_manager_service.h>
@@ -65,23 +66,13 @@ TEST(BehaviorScript, ParsesTheGrammarAndNamesTheBadLine)
     EXPECT_THROW(sim::BehaviorScript::parse(std::string(70000, '#')), std::runtime_error);
 }
 
-class SimBehaviors : public ::testing::Test
+class SimBehaviors : public test::SharedRobotTest
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        robot = new sim::Robot();
-        robot->start();
-    }
-    static void TearDownTestSuite()
-    {
-        delete robot;
-        robot = nullptr;
-    }
     void SetUp() override
     {
         manager()->reset();
-        client = connectTo(*robot);
+        client = connectTo(robot());
         memory = client->service("VXMemory").value(10000);
         behaviors = client->service("VXBehaviorManager").value(10000);
         inbox = std::make_shared<Inbox>();
@@ -90,12 +81,12 @@ protected:
     void TearDown() override
     {
         client->close().wait(10000);
-        robot->scenario().reset();
+        robot().scenario().reset();
         manager()->reset();
     }
     static sim::BehaviorManagerService *manager()
     {
-        return robot->serviceAs<sim::BehaviorManagerService>("VXBehaviorManager");
+        return robot().serviceAs<sim::BehaviorManagerService>("VXBehaviorManager");
     }
     void subscribe(const std::string &name)
     {
@@ -112,14 +103,11 @@ protected:
         return out;
     }
 
-    static sim::Robot *robot;
     boost::shared_ptr<wz::Session> client;
     wz::Object memory;
     wz::Object behaviors;
     std::shared_ptr<Inbox> inbox;
 };
-
-sim::Robot *SimBehaviors::robot = nullptr;
 
 TEST_F(SimBehaviors, ListsAndNamesFollowTheUserPrefix)
 {
@@ -179,7 +167,7 @@ TEST_F(SimBehaviors, ALoadedBehaviourIsObservableAndItsEndUndoesIt)
     EXPECT_EQ(runs[1], wz::toAny(std::vector<std::string> {}));
     EXPECT_EQ(valuesOf(id + "Say__said").back(), AnyValue("hi there"));
     EXPECT_FALSE(listed(*client, id + "Say"));
-    EXPECT_FALSE(robot->memory().hasKey(id + "Main"));
+    EXPECT_FALSE(robot().memory().hasKey(id + "Main"));
     EXPECT_EQ(behaviors.call<std::string>("_getBehaviorFrameManagerId", "short"), "");
     // Loaded again, it gets the same id back.
     behaviors.call<bool>("preloadBehavior", "short");

@@ -1,6 +1,7 @@
 // The device services of the simulated robot over the wire: their state,
 // their failures, the durations that a stop cuts short, the launcher's
 // promise never to run anything on the host, and a restart on the same port.
+#include "shared_robot.h"
 #include "sim_test_support.h"
 
 #include <sim/animated_speech_service.h>
@@ -62,35 +63,22 @@ void listFiles(const std::string &dir, std::vector<std::string> &out)
     closedir(d);
 }
 
-class DeviceServices : public ::testing::Test
+class DeviceServices : public test::SharedRobotTest
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        robot = new sim::Robot();
-        robot->start();
-    }
-    static void TearDownTestSuite()
-    {
-        delete robot;
-        robot = nullptr;
-    }
-    void SetUp() override { client = connectTo(*robot); }
+    void SetUp() override { client = connectTo(robot()); }
     void TearDown() override
     {
         client->close().wait(10000);
-        robot->scenario().reset();
-        robot->serviceAs<sim::LauncherService>("VXLauncher")->reset();
-        robot->serviceAs<sim::TextToSpeechService>("VXTextToSpeech")->reset();
-        robot->serviceAs<sim::AudioDeviceService>("VXAudioDevice")->reset();
+        robot().scenario().reset();
+        robot().serviceAs<sim::LauncherService>("VXLauncher")->reset();
+        robot().serviceAs<sim::TextToSpeechService>("VXTextToSpeech")->reset();
+        robot().serviceAs<sim::AudioDeviceService>("VXAudioDevice")->reset();
     }
     wz::Object service(const std::string &name) { return client->service(name).value(10000); }
 
-    static sim::Robot *robot;
     boost::shared_ptr<wz::Session> client;
 };
-
-sim::Robot *DeviceServices::robot = nullptr;
 
 } // namespace
 
@@ -115,7 +103,7 @@ TEST(SimSources, NothingRunsOnTheHost)
 
 TEST_F(DeviceServices, LauncherAnswersFromItsTableAndRecordsEveryRequest)
 {
-    auto *launcher = robot->serviceAs<sim::LauncherService>("VXLauncher");
+    auto *launcher = robot().serviceAs<sim::LauncherService>("VXLauncher");
     launcher->setDurationScale(0.01);
     const wz::Object o = service("VXLauncher");
     const std::vector<std::string> args {"-v", "--all"};
@@ -136,7 +124,7 @@ TEST_F(DeviceServices, LauncherAnswersFromItsTableAndRecordsEveryRequest)
 
 TEST_F(DeviceServices, SpeechTakesItsTimeAndStopAllCutsItShort)
 {
-    auto *tts = robot->serviceAs<sim::TextToSpeechService>("VXTextToSpeech");
+    auto *tts = robot().serviceAs<sim::TextToSpeechService>("VXTextToSpeech");
     tts->setWordDuration(std::chrono::milliseconds(2));
     const wz::Object o = service("VXTextToSpeech");
     o.call<std::string>("say", std::string("three short words"));
@@ -165,13 +153,13 @@ TEST_F(DeviceServices, AnimatedSpeechSpeaksTheNarrationWithoutItsTags)
               "Hello there");
     EXPECT_EQ(sim::AnimatedSpeechService::stripTags("3 ^ 4 ^open(never closed"), "3 ^ 4");
 
-    auto *tts = robot->serviceAs<sim::TextToSpeechService>("VXTextToSpeech");
+    auto *tts = robot().serviceAs<sim::TextToSpeechService>("VXTextToSpeech");
     tts->setWordDuration(std::chrono::milliseconds(1));
     service("VXAnimatedSpeech").call<std::string>("interpretText", std::string("^greeting Hi you"));
     ASSERT_EQ(tts->spoken().size(), 1u);
     EXPECT_EQ(tts->spoken()[0].text, "Hi you");
 
-    robot->scenario().omitService("VXTextToSpeech");
+    robot().scenario().omitService("VXTextToSpeech");
     EXPECT_EQ(callError(service("VXAnimatedSpeech"), "interpretText", {AnyValue("^yes Hi")}),
               "VXAnimatedSpeech needs VXTextToSpeech, which is not running");
 }
@@ -220,7 +208,7 @@ TEST_F(DeviceServices, ChatterIsNumberedAndReachesAListener)
             received->lines.push_back(m.message);
         })
         .value(10000);
-    auto *logs = robot->serviceAs<sim::LogManagerService>("LogManager");
+    auto *logs = robot().serviceAs<sim::LogManagerService>("LogManager");
     wz::log::setStderrEnabled(false);
     const uint64_t first = logs->sent();
     logs->setChatter({2000, "test.chatter", wz::LogLevel_Error});

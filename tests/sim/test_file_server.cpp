@@ -1,4 +1,5 @@
 // The robot's file server, reached by a real HTTP client over loopback.
+#include "shared_robot.h"
 #include "sim_test_support.h"
 
 #include <sim/device_services.h>
@@ -31,7 +32,7 @@ std::string readFile(const fs::path &p)
     return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
-class FileServerTest : public ::testing::Test
+class FileServerTest : public test::SharedRobotTest
 {
 protected:
     static void SetUpTestSuite()
@@ -39,13 +40,12 @@ protected:
         outside = fs::temp_directory_path() / ("fs-test-outside-" + std::to_string(::getpid()));
         fs::create_directories(outside);
         std::ofstream(outside / "secret") << "keep out";
-        robot = new sim::Robot();
-        robot->start();
-        service = robot->serviceAs<sim::PackageManagerService>("PackageManager");
+        SharedRobotTest::SetUpTestSuite();
+        service = robot().serviceAs<sim::PackageManagerService>("PackageManager");
     }
     static void TearDownTestSuite()
     {
-        delete robot;
+        SharedRobotTest::TearDownTestSuite();
         fs::remove_all(outside);
     }
     void SetUp() override
@@ -55,7 +55,7 @@ protected:
             fs::remove_all(e.path());
         service->clearHttpFault();
         socket.connect({asio::ip::make_address("127.0.0.1"),
-                        static_cast<unsigned short>(robot->httpTransferPort())});
+                        static_cast<unsigned short>(robot().httpTransferPort())});
     }
 
     http::response<http::string_body> exchange(http::verb verb, const std::string &target,
@@ -82,7 +82,6 @@ protected:
         return std::to_string(parser.get().result_int());
     }
 
-    static sim::Robot *robot;
     static sim::PackageManagerService *service;
     static fs::path outside;
     fs::path store;
@@ -91,7 +90,6 @@ protected:
     beast::flat_buffer buffer;
 };
 
-sim::Robot *FileServerTest::robot = nullptr;
 sim::PackageManagerService *FileServerTest::service = nullptr;
 fs::path FileServerTest::outside;
 

@@ -1,5 +1,6 @@
 // The simulated perception services, reached by a plain client over TCP.
 
+#include "shared_robot.h"
 #include "sim_test_support.h"
 
 #include <sim/memory_service.h>
@@ -16,43 +17,34 @@ namespace {
 
 using namespace simtest;
 
-class SimPerception : public ::testing::Test
+class SimPerception : public test::SharedRobotTest
 {
 protected:
     static void SetUpTestSuite()
     {
-        s_robot = new sim::Robot();
-        s_robot->start();
+        SharedRobotTest::SetUpTestSuite();
         world().setSceneRunning(false);
         people().setAutoplay(false);
-    }
-    static void TearDownTestSuite()
-    {
-        delete s_robot;
-        s_robot = nullptr;
     }
     void SetUp() override
     {
         world().resetWorld();
         people().clear();
-        client = connectTo(*s_robot);
+        client = connectTo(robot());
     }
     void TearDown() override { client->close().wait(); }
 
     static sim::WorldRepresentationService &world()
     {
-        return *s_robot->serviceAs<sim::WorldRepresentationService>("VXWorldRepresentation");
+        return *robot().serviceAs<sim::WorldRepresentationService>("VXWorldRepresentation");
     }
     static sim::PeoplePerceptionService &people()
     {
-        return *s_robot->serviceAs<sim::PeoplePerceptionService>("VXPeoplePerception");
+        return *robot().serviceAs<sim::PeoplePerceptionService>("VXPeoplePerception");
     }
 
-    static sim::Robot *s_robot;
     boost::shared_ptr<wz::Session> client;
 };
-
-sim::Robot *SimPerception::s_robot = nullptr;
 
 std::vector<float> floats(const wz::AnyValue &list)
 {
@@ -166,7 +158,7 @@ TEST_F(SimPerception, PeopleComeWithTheirKeyAndGoWithoutItIdsAreNeverReused)
         lists.push_back(ids);
     }
     EXPECT_EQ(lists, (std::vector<std::vector<int64_t>> {{first}, {first, second}, {second}}));
-    EXPECT_FALSE(s_robot->memory().hasKey(sim::PeoplePerceptionService::positionKey(first)));
+    EXPECT_FALSE(robot().memory().hasKey(sim::PeoplePerceptionService::positionKey(first)));
     EXPECT_EQ(floats(memory.call<wz::AnyValue>("getData",
                                                sim::PeoplePerceptionService::positionKey(second))),
               std::vector<float>({2, 0, 0}));

@@ -1,4 +1,5 @@
 // A client session against one in-process simulated robot, over TCP.
+#include "shared_robot.h"
 #include "sim_test_support.h"
 
 #include <sim/device_services.h>
@@ -32,37 +33,24 @@ std::string callError(const wz::Object &o, const std::string &method, const sim:
     return f.hasError(0) ? f.error(0) : std::string();
 }
 
-class SimRobot : public ::testing::Test
+class SimRobot : public test::SharedRobotTest
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        robot = new sim::Robot();
-        robot->start();
-    }
-    static void TearDownTestSuite()
-    {
-        delete robot;
-        robot = nullptr;
-    }
     void SetUp() override
     {
-        client = connectTo(*robot);
+        client = connectTo(robot());
         memory = client->service("VXMemory").value(10000);
     }
     void TearDown() override
     {
         client->close().wait(10000);
-        robot->scenario().reset();
-        robot->scenario().releaseReadiness();
+        robot().scenario().reset();
+        robot().scenario().releaseReadiness();
     }
 
-    static sim::Robot *robot;
     boost::shared_ptr<wz::Session> client;
     wz::Object memory;
 };
-
-sim::Robot *SimRobot::robot = nullptr;
 
 TEST_F(SimRobot, OffersEveryServiceABindingLooksFor)
 {
@@ -111,7 +99,7 @@ TEST_F(SimRobot, HttpPortIsTheFileServers)
     const wz::Object packages = client->service("PackageManager").value(10000);
     const int port = packages.call<int>("_getHttpTransferPort");
     ASSERT_GT(port, 0);
-    EXPECT_EQ(port, robot->httpTransferPort());
+    EXPECT_EQ(port, robot().httpTransferPort());
 
     namespace asio = boost::asio;
     asio::io_context io;
@@ -163,8 +151,8 @@ TEST_F(SimRobot, MicroEventsReachTheClientsOwnModule)
     EXPECT_EQ(memory.call<std::vector<std::string>>("getMicroEventList").size(), 2u);
 
     memory.call<void>("raiseMicroEvent", "Test/Micro", 5);
-    robot->scenario().raiseMicroEvent("Test/Micro", std::string("from robot"));
-    robot->scenario().raiseEvent("Test/Event", 1.5);
+    robot().scenario().raiseMicroEvent("Test/Micro", std::string("from robot"));
+    robot().scenario().raiseEvent("Test/Event", 1.5);
     memory.call<void>("insertData", "Test/Key", 1);
     memory.call<void>("removeData", "Test/Key");
     ASSERT_TRUE(inbox->waitFor(4));
@@ -181,7 +169,7 @@ TEST_F(SimRobot, MicroEventsReachTheClientsOwnModule)
     // alone: deliveries keep their order, so the first would have come before.
     memory.call<void>("unsubscribeToMicroEvent", "Test/Micro", "TestModule");
     memory.call<void>("raiseMicroEvent", "Test/Micro", 6);
-    robot->scenario().raiseEvent("Test/Event", 2.5);
+    robot().scenario().raiseEvent("Test/Event", 2.5);
     ASSERT_TRUE(inbox->waitFor(5));
     EXPECT_EQ(inbox->got().at(4).at(1), AnyValue(2.5));
 
@@ -190,7 +178,7 @@ TEST_F(SimRobot, MicroEventsReachTheClientsOwnModule)
     ASSERT_TRUE(inbox->waitFor(6));
     EXPECT_EQ(inbox->got().at(5).at(1), AnyValue("Test/Event"));
     memory.call<void>("unsubscribeToMicroEvent", "VXMemory/KeyRemoved", "TestModule");
-    EXPECT_EQ(robot->memory().subscriberModuleCount(), 0u);
+    EXPECT_EQ(robot().memory().subscriberModuleCount(), 0u);
 
     // A module may be subscribed before it is registered: it is looked up at
     // each delivery (what comes before it exists is dropped).
@@ -204,7 +192,7 @@ TEST_F(SimRobot, MicroEventsReachTheClientsOwnModule)
         return !got.empty() && got.back().at(1) == AnyValue(2);
     }));
     memory.call<void>("unsubscribeToMicroEvent", "Test/Late", "LateModule");
-    EXPECT_EQ(robot->memory().subscriberModuleCount(), 0u);
+    EXPECT_EQ(robot().memory().subscriberModuleCount(), 0u);
 }
 
 TEST_F(SimRobot, BlockedCallbacksAreLostSilently)
@@ -212,9 +200,9 @@ TEST_F(SimRobot, BlockedCallbacksAreLostSilently)
     auto inbox = std::make_shared<Inbox>();
     client->registerService("Firewalled", makeModule(inbox)).value(10000);
     memory.call<void>("subscribeToMicroEvent", "Test/Blocked", "Firewalled", "", "onEvent");
-    robot->scenario().blockCallbacks("Firewalled");
+    robot().scenario().blockCallbacks("Firewalled");
     memory.call<void>("raiseMicroEvent", "Test/Blocked", 1);
-    robot->scenario().blockCallbacks("Firewalled", false);
+    robot().scenario().blockCallbacks("Firewalled", false);
     memory.call<void>("raiseMicroEvent", "Test/Blocked", 2);
     ASSERT_TRUE(inbox->waitFor(1));
     EXPECT_EQ(inbox->got().at(0).at(1), AnyValue(2));
@@ -223,24 +211,24 @@ TEST_F(SimRobot, BlockedCallbacksAreLostSilently)
 
 TEST_F(SimRobot, ReadinessCanBeDelayedOrHeld)
 {
-    robot->scenario().holdReadinessFor(std::chrono::milliseconds(400));
+    robot().scenario().holdReadinessFor(std::chrono::milliseconds(400));
     EXPECT_FALSE(memory.call<bool>("getData", "MorvaneReady"));
     EXPECT_TRUE(waitUntil([&] { return memory.call<bool>("getData", "MorvaneReady"); }));
 
-    robot->scenario().holdReadiness();
+    robot().scenario().holdReadiness();
     EXPECT_FALSE(memory.call<bool>("getData", "MorvaneReady"));
     // A delay given earlier must not release a hold that came later.
-    robot->scenario().holdReadinessFor(std::chrono::milliseconds(50));
-    robot->scenario().holdReadiness();
+    robot().scenario().holdReadinessFor(std::chrono::milliseconds(50));
+    robot().scenario().holdReadiness();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_FALSE(memory.call<bool>("getData", "MorvaneReady"));
-    robot->scenario().releaseReadiness();
+    robot().scenario().releaseReadiness();
     EXPECT_TRUE(memory.call<bool>("getData", "MorvaneReady"));
 }
 
 TEST_F(SimRobot, InjectedMethodFaults)
 {
-    sim::Scenario &s = robot->scenario();
+    sim::Scenario &s = robot().scenario();
     const wz::Object battery = client->service("VXBattery").value(10000);
 
     s.failMethod("VXBattery", "getBatteryCharge", "battery board not answering");
@@ -281,7 +269,7 @@ TEST_F(SimRobot, InjectedMethodFaults)
 
 TEST_F(SimRobot, CallLogTellsWhatReachedTheRobot)
 {
-    sim::Scenario &s = robot->scenario();
+    sim::Scenario &s = robot().scenario();
     const wz::Object battery = client->service("VXBattery").value(10000);
     battery.call<int>("getBatteryCharge");
     s.failMethod("VXBattery", "getBatteryCharge", "no");
@@ -301,10 +289,10 @@ TEST_F(SimRobot, CallLogTellsWhatReachedTheRobot)
 
 TEST_F(SimRobot, OmittedServiceIsNotFound)
 {
-    robot->scenario().omitService("VXBattery");
+    robot().scenario().omitService("VXBattery");
     EXPECT_FALSE(listed(*client, "VXBattery"));
     EXPECT_EQ(client->service("VXBattery").error(10000), wz::serviceNotFoundText("VXBattery"));
-    robot->scenario().restoreService("VXBattery");
+    robot().scenario().restoreService("VXBattery");
     EXPECT_EQ(client->service("VXBattery").value(10000).call<int>("getBatteryCharge"), 87);
 }
 
@@ -342,29 +330,29 @@ TEST_F(SimRobot, ConnectionFaultsReachTheClient)
     wz::log::LogCapture capture;
     std::atomic<int> lost {0};
     client->disconnected.connect([&](const std::string &) { ++lost; });
-    ASSERT_TRUE(waitUntil([&] { return robot->scenario().clients().size() == 1; }));
-    robot->scenario().dropClients();
+    ASSERT_TRUE(waitUntil([&] { return robot().scenario().clients().size() == 1; }));
+    robot().scenario().dropClients();
     EXPECT_TRUE(waitUntil([&] { return lost > 0; }));
     EXPECT_FALSE(client->isConnected());
     EXPECT_NE(callError(memory, "version").find("disconnected"), std::string::npos);
 
     // Garbage on the wire: the client closes the connection with a reason.
-    auto second = connectTo(*robot);
+    auto second = connectTo(robot());
     std::atomic<int> lost2 {0};
     second->disconnected.connect([&](const std::string &) { ++lost2; });
-    ASSERT_TRUE(waitUntil([&] { return robot->scenario().clients().size() == 1; }));
-    robot->scenario().sendRaw(robot->scenario().clients().at(0),
-                              std::string("\xff\xff\xff\x7f garbage that is no frame", 30));
+    ASSERT_TRUE(waitUntil([&] { return robot().scenario().clients().size() == 1; }));
+    robot().scenario().sendRaw(robot().scenario().clients().at(0),
+                               std::string("\xff\xff\xff\x7f garbage that is no frame", 30));
     EXPECT_TRUE(waitUntil([&] { return lost2 > 0; }));
     second->close().wait(10000);
 
     // A stalled robot: the call hangs until the heartbeat gives up on it.
     auto third = boost::make_shared<wz::Session>();
     third->setHeartbeat(std::chrono::milliseconds(100), std::chrono::milliseconds(800));
-    third->connect(robot->url()).value(10000);
+    third->connect(robot().url()).value(10000);
     const wz::Object mem3 = third->service("VXMemory").value(10000);
-    ASSERT_TRUE(waitUntil([&] { return robot->scenario().clients().size() == 1; }));
-    robot->scenario().stallClient(robot->scenario().clients().at(0));
+    ASSERT_TRUE(waitUntil([&] { return robot().scenario().clients().size() == 1; }));
+    robot().scenario().stallClient(robot().scenario().clients().at(0));
     wz::Future<AnyValue> hanging = mem3->metaCall("version", {});
     EXPECT_EQ(hanging.wait(300), wz::FutureState_Running);
     EXPECT_EQ(hanging.wait(10000), wz::FutureState_FinishedWithError);
@@ -372,7 +360,7 @@ TEST_F(SimRobot, ConnectionFaultsReachTheClient)
     third->close().wait(10000);
 
     // The robot goes on serving.
-    auto fourth = connectTo(*robot);
+    auto fourth = connectTo(robot());
     EXPECT_EQ(fourth->service("VXMemory").value(10000).call<std::string>("version"), "2.1.4.13");
     fourth->close().wait(10000);
 }

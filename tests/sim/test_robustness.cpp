@@ -1,4 +1,5 @@
 // Several clients, hostile ones and many short-lived ones against one robot.
+#include "shared_robot.h"
 #include "sim_test_support.h"
 
 #include <sim/memory_service.h>
@@ -22,7 +23,7 @@ using wz::AnyValue;
 
 namespace {
 
-class SimRobustness : public ::testing::Test
+class SimRobustness : public test::SharedRobotTest
 {
 protected:
     static void SetUpTestSuite()
@@ -31,38 +32,34 @@ protected:
         // churn case settle at once instead of after seconds.
         s_idleTime = wz::detail::poolIdleTimeout();
         wz::detail::setPoolIdleTimeout(std::chrono::milliseconds(100));
-        robot = new sim::Robot();
-        robot->start();
+        SharedRobotTest::SetUpTestSuite();
     }
     static void TearDownTestSuite()
     {
-        delete robot;
-        robot = nullptr;
+        SharedRobotTest::TearDownTestSuite();
         wz::detail::setPoolIdleTimeout(s_idleTime);
     }
-    void TearDown() override { robot->scenario().reset(); }
+    void TearDown() override { robot().scenario().reset(); }
 
     static bool serving()
     {
-        auto s = connectTo(*robot);
+        auto s = connectTo(robot());
         const bool ok
             = s->service("VXMemory").value(10000).call<std::string>("version") == "2.1.4.13";
         s->close().wait(10000);
         return ok;
     }
 
-    static sim::Robot *robot;
     static std::chrono::milliseconds s_idleTime;
 };
 
-sim::Robot *SimRobustness::robot = nullptr;
 std::chrono::milliseconds SimRobustness::s_idleTime {0};
 
 TEST_F(SimRobustness, TwoClientsShareTheRobotAndNamesComeFreeWhenOneLeaves)
 {
     wz::log::LogCapture capture;
-    auto a = connectTo(*robot);
-    auto b = connectTo(*robot);
+    auto a = connectTo(robot());
+    auto b = connectTo(robot());
     auto inboxA = std::make_shared<Inbox>();
     auto inboxB = std::make_shared<Inbox>();
     a->registerService("VXSartel", makeModule(inboxA, "dataChanged")).value(10000);
@@ -80,10 +77,10 @@ TEST_F(SimRobustness, TwoClientsShareTheRobotAndNamesComeFreeWhenOneLeaves)
 
     a->close().wait(10000);
     EXPECT_TRUE(waitUntil([&] { return !listed(*b, "VXSartel"); }));
-    EXPECT_TRUE(waitUntil([&] { return robot->memory().subscribers("Shared").size() == 1; }));
+    EXPECT_TRUE(waitUntil([&] { return robot().memory().subscribers("Shared").size() == 1; }));
     EXPECT_TRUE(capture.contains("sim.memory", "dropping subscriber VXSartel"));
 
-    auto c = connectTo(*robot);
+    auto c = connectTo(robot());
     auto inboxC = std::make_shared<Inbox>();
     c->registerService("VXSartel", makeModule(inboxC, "dataChanged")).value(10000);
     memB.call<void>("raiseMicroEvent", "Shared", 2);
@@ -97,8 +94,8 @@ TEST_F(SimRobustness, TwoClientsShareTheRobotAndNamesComeFreeWhenOneLeaves)
 
 TEST_F(SimRobustness, AFrozenSubscriberDelaysNobody)
 {
-    auto frozen = connectTo(*robot);
-    auto lively = connectTo(*robot);
+    auto frozen = connectTo(robot());
+    auto lively = connectTo(robot());
     auto frozenInbox = std::make_shared<Inbox>();
     auto livelyInbox = std::make_shared<Inbox>();
     frozen->registerService("Frozen", makeModule(frozenInbox)).value(10000);
@@ -107,18 +104,18 @@ TEST_F(SimRobustness, AFrozenSubscriberDelaysNobody)
     mem.call<void>("subscribeToMicroEvent", "Busy", "Frozen", "", "onEvent");
     mem.call<void>("subscribeToMicroEvent", "Busy", "Lively", "", "onEvent");
 
-    const std::string frozenPeer = robot->scenario().peerOf("Frozen");
+    const std::string frozenPeer = robot().scenario().peerOf("Frozen");
     ASSERT_FALSE(frozenPeer.empty());
-    robot->scenario().stallClient(frozenPeer);
+    robot().scenario().stallClient(frozenPeer);
 
     const int events = 2000;
     for (int i = 0; i < events; ++i)
-        robot->scenario().raiseMicroEvent("Busy", i);
+        robot().scenario().raiseMicroEvent("Busy", i);
     EXPECT_TRUE(livelyInbox->waitFor(events));
     const auto got = livelyInbox->got();
     EXPECT_EQ(got.back().at(1).toInt(), events - 1);
 
-    robot->scenario().stallClient(frozenPeer, false);
+    robot().scenario().stallClient(frozenPeer, false);
     EXPECT_TRUE(frozenInbox->waitFor(events));
     mem.call<void>("removeMicroEvent", "Busy");
     frozen->close().wait(10000);
@@ -128,7 +125,7 @@ TEST_F(SimRobustness, AFrozenSubscriberDelaysNobody)
 TEST_F(SimRobustness, GarbageFromAClientClosesOnlyThatConnection)
 {
     wz::log::LogCapture capture;
-    auto bystander = connectTo(*robot);
+    auto bystander = connectTo(robot());
     const wz::Object mem = bystander->service("VXMemory").value(10000);
 
     namespace asio = boost::asio;
@@ -141,7 +138,7 @@ TEST_F(SimRobustness, GarbageFromAClientClosesOnlyThatConnection)
     for (const std::string &bytes : payloads) {
         asio::io_context io;
         asio::ip::tcp::socket socket(io);
-        const wz::Url url = robot->url();
+        const wz::Url url = robot().url();
         socket.connect({asio::ip::make_address("127.0.0.1"), url.port()});
         asio::write(socket, asio::buffer(bytes));
         // The robot ends the connection: reading runs into its end.
@@ -160,23 +157,23 @@ TEST_F(SimRobustness, AClientVanishingMidCallLeavesTheRobotServing)
 {
     // The answer is written after the client has gone.
     std::atomic<int> answered {0};
-    robot->scenario().delayMethod("VXMemory", "getData", std::chrono::milliseconds(300));
-    robot->scenario().replaceMethod("VXMemory", "getData", [&answered](const sim::Args &args) {
-        const wz::AnyValue v = robot->memory().getData(args.at(0).toStr());
+    robot().scenario().delayMethod("VXMemory", "getData", std::chrono::milliseconds(300));
+    robot().scenario().replaceMethod("VXMemory", "getData", [&answered](const sim::Args &args) {
+        const wz::AnyValue v = robot().memory().getData(args.at(0).toStr());
         ++answered;
         return v;
     });
     for (int i = 0; i < 5; ++i) {
-        auto client = connectTo(*robot);
+        auto client = connectTo(robot());
         const wz::Object mem = client->service("VXMemory").value(10000);
         wz::Future<AnyValue> pending = mem->metaCall("getData", {AnyValue("MorvaneReady")});
-        ASSERT_TRUE(
-            robot->scenario().waitForCalls("VXMemory", "getData", i + 1, std::chrono::seconds(10)));
+        ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", i + 1,
+                                                    std::chrono::seconds(10)));
         client->close().wait(10000);
         EXPECT_EQ(pending.wait(10000), wz::FutureState_FinishedWithError);
     }
     EXPECT_TRUE(waitUntil([&] { return answered == 5; }));
-    robot->scenario().restoreMethod("VXMemory", "getData");
+    robot().scenario().restoreMethod("VXMemory", "getData");
     EXPECT_TRUE(serving());
 }
 
@@ -184,7 +181,7 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
 {
     auto cycle = [](int n) {
         for (int i = 0; i < n; ++i) {
-            auto client = connectTo(*robot);
+            auto client = connectTo(robot());
             auto inbox = std::make_shared<Inbox>();
             client->registerService("Churn", makeModule(inbox)).value(10000);
             const wz::Object mem = client->service("VXMemory").value(10000);
@@ -193,16 +190,16 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
             if (i % 2)
                 client->close().wait(10000);
             else
-                robot->scenario().dropClients(); // the robot ends it this time
+                robot().scenario().dropClients(); // the robot ends it this time
             // The name "Churn" is free again once the robot has seen the client go.
-            ASSERT_TRUE(waitUntil([] { return robot->scenario().clients().empty(); }));
+            ASSERT_TRUE(waitUntil([] { return robot().scenario().clients().empty(); }));
         }
     };
     auto settled = [](int limit) {
         return waitUntil([&] { return threadCount() <= limit; }, std::chrono::seconds(20));
     };
     cycle(20);
-    ASSERT_TRUE(waitUntil([] { return robot->scenario().clients().empty(); }));
+    ASSERT_TRUE(waitUntil([] { return robot().scenario().clients().empty(); }));
     // The pool back at its minimum of two: what the first burst grew is gone.
     ASSERT_TRUE(
         waitUntil([] { return wz::detail::poolThreadCount() <= 2; }, std::chrono::seconds(10)));
@@ -210,7 +207,7 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
     const long rssBefore = residentKiB();
 
     cycle(200);
-    ASSERT_TRUE(waitUntil([] { return robot->scenario().clients().empty(); }));
+    ASSERT_TRUE(waitUntil([] { return robot().scenario().clients().empty(); }));
     EXPECT_TRUE(settled(threadsBefore + 2))
         << threadsBefore << " threads before, " << threadCount() << " after";
     const long rssAfter = residentKiB();
@@ -224,8 +221,8 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
 #endif
     EXPECT_LT(rssAfter - rssBefore, allowedKiB)
         << rssBefore << " KiB before, " << rssAfter << " KiB after";
-    EXPECT_TRUE(waitUntil([] { return robot->memory().subscriberModuleCount() == 0; }));
-    EXPECT_TRUE(robot->memory().subscribers("Churn/Event").empty());
+    EXPECT_TRUE(waitUntil([] { return robot().memory().subscriberModuleCount() == 0; }));
+    EXPECT_TRUE(robot().memory().subscribers("Churn/Event").empty());
     EXPECT_TRUE(serving());
 }
 
