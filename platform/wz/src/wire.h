@@ -135,5 +135,21 @@ Message decodeMessage(const std::shared_ptr<const void> &owner, const char *body
 AnyValue decodeValue(const std::shared_ptr<const void> &owner, const char *data, size_t size,
                      ObjectCodec *codec, unsigned depth = kMaxDepth);
 
+// Resolves references to inert placeholders, as a connection with no objects would.
+class PlaceholderCodec : public ObjectCodec
+{
+public:
+    bool peerObjectId(const GenericObject &, uint64_t &) override { return false; }
+    uint64_t exportObject(const boost::shared_ptr<GenericObject> &o) override
+    {
+        return o->objectUid();
+    }
+    AnyValue importObject(uint64_t id, MetaObject) override
+    {
+        return AnyValue(AnyValue::Map {{"object", AnyValue(static_cast<int64_t>(id))}});
+    }
+    AnyValue ownObject(uint64_t id) override { return importObject(id, MetaObject()); }
+};
+
 } // namespace detail
 } // namespace wz
