@@ -21,8 +21,9 @@ using Task = std::function<void()>;
 // Lets one thread sleep until another wakes it. A pipe rather than a
 // condition variable: the kernel wakes a pipe reader "in sync", on the CPU of
 // the waker that is about to sleep, where a futex wake sends the sleeper to
-// another (often halted) CPU. On a two-core virtual machine that is ~2 us
-// against ~20 us per hand-over, and a call has two of them.
+// another (often halted) CPU. On a two-core virtual machine a hand-over and
+// back costs ~5 us through pipes against ~45 us through a condition variable
+// (platform/README.md), and a call has two hand-overs.
 //
 // Where the kernel does not keep the wake on the waker's CPU, a sleeper costs
 // tens of microseconds more to wake. So a waiter whose recent waits were
