@@ -32,7 +32,9 @@ protected:
     // Relays the executer's error(QString title, QString contents, QString
     // details) as errorOccurred for `operation` until the next detach. The
     // executer's class is internal, so the link is made by signature; it is
-    // queued, as the executer emits on its own thread.
+    // queued, as the executer emits on its own thread. An interface that has
+    // errorOccurred(const RK::OperationError &) of its own is connected to
+    // this pane's errorOccurred instead, with the pane as the context.
     void relayExecuterErrors(QObject *executer, const QString &operation);
     void dropExecuterErrors();
     void fail(const QString &operation, RK::ErrorCode code, const QString &contents,
