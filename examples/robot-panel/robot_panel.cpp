@@ -278,7 +278,11 @@ void RobotPanel::onConnectionLost()
     m_attempt = 0;
     m_lastFailure.clear();
     m_reconnectNow->setEnabled(true);
-    m_manager->reconnectionManager()->startReconnectionProcess(ip.toStdString(), port, name);
+    RK::ReconnectionManager *reconnection = m_manager->reconnectionManager();
+    reconnection->startReconnectionProcess(ip.toStdString(), port, name);
+    m_countdown->setText(
+        tr("reconnecting in %1 s")
+            .arg(qRound(reconnection->secondsLeft() * reconnection->settings().tickMs / 1000.0)));
 }
 
 void RobotPanel::onManagerError(const QString &title, const QString &contents,
