@@ -1,6 +1,7 @@
 # Every external dependency of the project, in one place. Each one is a
 # Debian 12 package; scripts/dev.sh installs the same list.
-#   qt6-base-dev           Qt Core, Concurrent, Network, Gui, Test
+#   qt6-base-dev           Qt Core, Concurrent, Network, Gui, Test; Widgets for the
+#                          example application (examples/robot-panel)
 #   libboost-dev           smart pointers, Asio, Beast (headers)
 #   libboost-system-dev    Boost.System
 #   libmsgpack-cxx-dev     wire encoding
@@ -8,6 +9,8 @@
 #   libbenchmark-dev       benchmarks
 #   clang libclang-rt-14-dev   fuzz targets (libFuzzer)
 #   ccache                 incremental rebuilds across build directories
+# Not in the list: doxygen, which only `scripts/dev.sh docs` needs and installs
+# on demand (the API reference from connection/*.h).
 find_package(Qt6 6.2 REQUIRED COMPONENTS Core Concurrent Network Gui)
 find_package(Boost 1.74 REQUIRED COMPONENTS system)
 find_package(Threads REQUIRED)

@@ -55,6 +55,8 @@ endfunction()
 
 # nimiob_install_library(target HEADERS_DIR dir [HEADERS_DEST subdir])
 # Installs a shared library with VERSION/SOVERSION into the exported set.
+# Its include directory comes from the target's own INSTALL_INTERFACE; an
+# INCLUDES DESTINATION here as well would list it twice in the exported targets.
 function(nimiob_install_library target)
   cmake_parse_arguments(L "" "HEADERS_DIR;HEADERS_DEST" "" ${ARGN})
   set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION}
@@ -62,8 +64,7 @@ function(nimiob_install_library target)
   install(TARGETS ${target} EXPORT nimiobTargets
           LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-          INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+          RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   if(L_HEADERS_DIR)
     install(DIRECTORY ${L_HEADERS_DIR}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${L_HEADERS_DEST}
             FILES_MATCHING PATTERN "*.h")

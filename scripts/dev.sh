@@ -161,14 +161,47 @@ cmd_demo() {
   "$console" status "$@"
 }
 
+# The API reference from the public headers, in build/docs/html. Doxygen is
+# installed here on demand: nothing else needs it. Every public class or
+# member without documentation is a warning, and warnings fail the command.
+cmd_docs() {
+  if ! command -v doxygen >/dev/null; then
+    log "installing doxygen (needed only for the API reference)"
+    as_root apt-get update -qq
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends doxygen >/dev/null
+  fi
+  local out="$ROOT/build/docs"
+  local version
+  version="$(sed -nE 's/^project\(nimiob VERSION ([0-9.]+).*/\1/p' "$ROOT/CMakeLists.txt")"
+  rm -rf "$out"
+  mkdir -p "$out"
+  local status=0
+  NIMIOB_ROOT="$ROOT" NIMIOB_DOCS_OUT="$out" NIMIOB_VERSION="$version" \
+    doxygen "$ROOT/docs/Doxyfile" || status=$?
+  # With warnings as errors doxygen writes "error:" for each of them. A
+  # member of the interfaces' common template base is reported once for
+  # every interface; the places count each declaration once.
+  local warnings=0 places=0
+  if [ -f "$out/warnings.log" ]; then
+    warnings="$(grep -cE ': (warning|error): ' "$out/warnings.log" || true)"
+    places="$(grep -E ': (warning|error): ' "$out/warnings.log" | cut -d: -f1,2 | sort -u | wc -l)"
+  fi
+  if [ "$warnings" -gt 0 ] || [ "$status" -ne 0 ]; then
+    grep -E ': (warning|error): ' "$out/warnings.log" 2>/dev/null | head -n 20 >&2 || true
+    log "doxygen: $warnings warning(s) at $places place(s) in the headers (all in $out/warnings.log); the reference is in $out/html/index.html"
+    return 1
+  fi
+  log "API reference: $out/html/index.html, no warning"
+}
+
 usage() {
-  echo "usage: scripts/dev.sh {deps|build|test|bench|asan|tsan|fuzz|format|demo} [args...]"
+  echo "usage: scripts/dev.sh {deps|build|test|bench|asan|tsan|fuzz|format|demo|docs} [args...]"
 }
 
 main() {
   local cmd="${1:-}"; shift || true
   case "$cmd" in
-    deps|build|test|bench|asan|tsan|fuzz|format|demo) "cmd_$cmd" "$@" ;;
+    deps|build|test|bench|asan|tsan|fuzz|format|demo|docs) "cmd_$cmd" "$@" ;;
     *) usage; exit 2 ;;
   esac
 }

@@ -11,9 +11,29 @@ function(run)
 endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
-foreach(f include/connection/connection_manager.h lib/cmake/nimiob/nimiobConfig.cmake)
+foreach(f include/connection/connection_manager.h lib/cmake/nimiob/nimiobConfig.cmake
+          share/doc/nimiob/README.md share/doc/nimiob/platform/README.md
+          share/doc/nimiob/examples/robot-panel/CMakeLists.txt)
   if(NOT EXISTS ${prefix}/${f})
     message(FATAL_ERROR "missing from the install: ${f}")
+  endif()
+endforeach()
+
+# Each exported target names its include directory once. The lists are read
+# with "|" for ";", which CMake would otherwise take for list separators.
+file(READ ${prefix}/lib/cmake/nimiob/nimiobTargets.cmake targets)
+string(REPLACE ";" "|" targets "${targets}")
+string(REGEX MATCHALL "INTERFACE_INCLUDE_DIRECTORIES \"[^\"]*\"" include_lines "${targets}")
+if(NOT include_lines)
+  message(FATAL_ERROR "the exported targets name no include directory")
+endif()
+foreach(line IN LISTS include_lines)
+  string(REGEX REPLACE "INTERFACE_INCLUDE_DIRECTORIES \"([^\"]*)\"" "\\1" dirs "${line}")
+  string(REPLACE "|" ";" dirs "${dirs}")
+  set(unique ${dirs})
+  list(REMOVE_DUPLICATES unique)
+  if(NOT unique STREQUAL dirs)
+    message(FATAL_ERROR "an exported target lists an include directory twice: ${dirs}")
   endif()
 endforeach()
 
@@ -30,3 +50,14 @@ if(NOT LAST_OUTPUT MATCHES "sdk=${moved_real}\n")
   message(FATAL_ERROR "the consumer did not find the SDK at ${moved_real}:\n${LAST_OUTPUT}")
 endif()
 message(STATUS "consumer output:\n${LAST_OUTPUT}")
+
+# The example application, as installed with the documentation, built against
+# the moved package alone, and started far enough to print its usage.
+run(${CMAKE_COMMAND} -S ${moved}/share/doc/nimiob/examples/robot-panel -B ${WORK_DIR}/example
+    -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${moved} -DCMAKE_BUILD_TYPE=Release)
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/example)
+run(${CMAKE_COMMAND} -E env QT_QPA_PLATFORM=offscreen ${WORK_DIR}/example/robot-panel --help)
+if(NOT LAST_OUTPUT MATCHES "--robot <HOST\\[:PORT\\]>")
+  message(FATAL_ERROR "the example did not start:\n${LAST_OUTPUT}")
+endif()
+message(STATUS "example built against the installed package:\n${LAST_OUTPUT}")

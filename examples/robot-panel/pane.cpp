@@ -1,0 +1,47 @@
+#include "pane.h"
+
+namespace panel {
+
+Pane::Pane(const QString &title, QWidget *parent) : QGroupBox(title, parent) { }
+
+void Pane::relayExecuterErrors(QObject *executer, const QString &operation)
+{
+    if (!executer)
+        return;
+    auto *relay = new ExecuterErrorRelay(operation, this);
+    connect(executer, SIGNAL(error(QString, QString, QString)), relay,
+            SLOT(onError(QString, QString, QString)));
+    connect(relay, &ExecuterErrorRelay::errorOccurred, this, &Pane::errorOccurred);
+    m_relay = relay;
+}
+
+void Pane::dropExecuterErrors()
+{
+    // Deleting the relay cuts the link; an error already queued to it goes too.
+    delete m_relay;
+}
+
+void Pane::fail(const QString &operation, RK::ErrorCode code, const QString &contents,
+                const QString &details)
+{
+    RK::OperationError error;
+    error.operation = operation;
+    error.code = code;
+    error.title = title();
+    error.contents = contents;
+    error.details = details;
+    emit errorOccurred(error);
+}
+
+void ExecuterErrorRelay::onError(QString title, QString contents, QString details)
+{
+    RK::OperationError error;
+    error.operation = m_operation;
+    error.code = RK::ErrorCode::RobotFailed;
+    error.title = title;
+    error.contents = contents;
+    error.details = details;
+    emit errorOccurred(error);
+}
+
+} // namespace panel
