@@ -53,6 +53,14 @@ std::string statusText(int status)
         return "Created";
     case 204:
         return "No Content";
+    case 301:
+        return "Moved Permanently";
+    case 302:
+        return "Found";
+    case 307:
+        return "Temporary Redirect";
+    case 308:
+        return "Permanent Redirect";
     case 400:
         return "Bad Request";
     case 403:
@@ -273,7 +281,17 @@ public:
               const std::string &body, bool keepAlive)
     {
         return sendHead(status, headers, body.size(), keepAlive)
-            && sendBody(body.data(), body.size());
+            && sendBody(body.data(), body.size()) && finish() && !closes();
+    }
+
+    // Whether the answer's end is the close of the connection.
+    bool closes() const { return is(HttpFault::Kind::CloseDelimited); }
+
+    // Ends a chunked body; nothing to do for the other framings.
+    bool finish()
+    {
+        static const char kLast[] = "0\r\n\r\n";
+        return !is(HttpFault::Kind::Chunked) || write(kLast, sizeof kLast - 1);
     }
 
     bool sendHead(int status, const std::vector<std::pair<std::string, std::string>> &headers,
@@ -282,11 +300,16 @@ public:
         long long announced = static_cast<long long>(length);
         if (m_fault && m_fault->kind == HttpFault::Kind::LengthOff)
             announced = std::max(0LL, announced + m_fault->lengthDelta);
-        std::string head = "HTTP/1.1 " + std::to_string(status) + " " + statusText(status) + "\r\n";
+        // An HTTP/1.0 answer without a length ends with the connection.
+        std::string head = std::string(closes() ? "HTTP/1.0 " : "HTTP/1.1 ")
+            + std::to_string(status) + " " + statusText(status) + "\r\n";
         for (const auto &h : headers)
             head += h.first + ": " + h.second + "\r\n";
-        head += "Content-Length: " + std::to_string(announced) + "\r\n";
-        if (!keepAlive)
+        if (is(HttpFault::Kind::Chunked))
+            head += "Transfer-Encoding: chunked\r\n";
+        else if (!closes())
+            head += "Content-Length: " + std::to_string(announced) + "\r\n";
+        if (!keepAlive && !closes())
             head += "Connection: close\r\n";
         head += "\r\n";
         return write(head.data(), head.size());
@@ -294,6 +317,17 @@ public:
 
     bool sendBody(const char *data, size_t size)
     {
+        if (is(HttpFault::Kind::Chunked)) {
+            const size_t piece = std::max<size_t>(1, m_fault->bytes);
+            for (size_t at = 0; at < size; at += piece) {
+                const size_t n = std::min(piece, size - at);
+                char line[32];
+                const int length = std::snprintf(line, sizeof line, "%zx\r\n", n);
+                if (!write(line, size_t(length)) || !write(data + at, n) || !write("\r\n", 2))
+                    return false;
+            }
+            return true;
+        }
         if (m_fault && m_fault->kind == HttpFault::Kind::SlowBody) {
             const size_t piece = std::max<size_t>(1, m_fault->bytes);
             for (size_t at = 0; at < size; at += piece) {
@@ -324,6 +358,8 @@ public:
     }
 
 private:
+    bool is(HttpFault::Kind kind) const { return m_fault && m_fault->kind == kind; }
+
     bool rawWrite(const char *data, size_t size)
     {
         boost::system::error_code ec;
@@ -345,6 +381,7 @@ void FileServer::serve(Connection *connection)
     const fs::path root = m_store;
     beast::flat_buffer buffer;
     char chunk[64 * 1024];
+    size_t served = 0;
     for (;;) {
         http::request_parser<http::buffer_body> parser;
         parser.body_limit(kBodyLimit);
@@ -363,10 +400,16 @@ void FileServer::serve(Connection *connection)
         auto &request = parser.get();
         const std::string method(request.method_string());
         const std::string target(request.target());
-        const bool keepAlive = request.keep_alive();
+        bool keepAlive = request.keep_alive();
         const bool expect = beast::iequals(request[http::field::expect], "100-continue");
         HttpFault fault;
         const bool faulty = takeFault(method, target, fault);
+        // A keep-alive limit: the last request of the connection.
+        ++served;
+        const bool last = faulty && fault.kind == HttpFault::Kind::CloseAfter
+            && served % std::max<size_t>(1, fault.bytes) == 0;
+        if (last && fault.announce)
+            keepAlive = false;
         Responder out(socket, faulty ? &fault : nullptr,
                       [this](std::chrono::milliseconds d) { return waitStopping(d); });
 
@@ -400,7 +443,7 @@ void FileServer::serve(Connection *connection)
                 return out.send(status, {}, why + "\n", false) && false;
             if (!readBody(nullptr))
                 return false;
-            return out.send(status, {}, why + "\n", keepAlive) && keepAlive;
+            return out.send(status, {}, why + "\n", keepAlive) && keepAlive && !last;
         };
 
         if (faulty && fault.kind == HttpFault::Kind::Stall) {
@@ -429,7 +472,16 @@ void FileServer::serve(Connection *connection)
         }
 
         bool keep = keepAlive;
-        if (faulty && fault.kind == HttpFault::Kind::Listing && method == "GET") {
+        if (faulty && fault.kind == HttpFault::Kind::Redirect && method == "GET") {
+            std::string location = fault.body;
+            const auto at = target.find(fault.pathContains);
+            if (location.compare(0, 7, "http://") != 0 && at != std::string::npos)
+                location = std::string(target).replace(at, fault.pathContains.size(), fault.body);
+            keep = readBody(nullptr)
+                && out.send(fault.status ? fault.status : 301, {{"Location", location}}, "moved\n",
+                            keepAlive)
+                && keepAlive;
+        } else if (faulty && fault.kind == HttpFault::Kind::Listing && method == "GET") {
             // A hostile robot: every GET is a directory of these names.
             std::string body;
             for (const auto &n : fault.names)
@@ -460,17 +512,18 @@ void FileServer::serve(Connection *connection)
                 } else if (!readBody(nullptr) || !out.sendHead(200, {}, size, keepAlive)) {
                     keep = false;
                 } else if (method == "GET") {
-                    uint64_t left = size;
-                    while (keep && left > 0) {
+                    // The whole body goes, whether or not the connection stays.
+                    bool sent = true;
+                    for (uint64_t left = size; sent && left > 0;) {
                         file.read(chunk, std::streamsize(std::min<uint64_t>(left, sizeof chunk)));
                         const auto got = static_cast<size_t>(file.gcount());
                         if (got == 0) // the file shrank: the announced length cannot be kept
-                            keep = false;
+                            sent = false;
                         else
-                            keep = out.sendBody(chunk, got);
+                            sent = out.sendBody(chunk, got);
                         left -= got;
                     }
-                    keep = keep && keepAlive;
+                    keep = sent && out.finish() && !out.closes() && keepAlive;
                 }
             }
         } else if (method == "DELETE") {
@@ -553,7 +606,7 @@ void FileServer::serve(Connection *connection)
         } else {
             keep = refuse(405, "method not allowed");
         }
-        if (!keep)
+        if (!keep || last)
             return;
     }
 }
