@@ -8,6 +8,10 @@
 #   libbenchmark-dev       benchmarks
 #   clang libclang-rt-14-dev   fuzz targets (libFuzzer)
 #   ccache                 incremental rebuilds across build directories
+#   nginx libnginx-mod-http-xslt-filter   a standard HTTP server that the project
+#                          transfer tests run against (WebDAV PUT and DELETE; the
+#                          XSLT module turns its XML index into the robot's listing);
+#                          found at test time, the test skips without it
 find_package(Qt6 6.2 REQUIRED COMPONENTS Core Concurrent Network Gui)
 find_package(Boost 1.74 REQUIRED COMPONENTS system)
 find_package(Threads REQUIRED)
