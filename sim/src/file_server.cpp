@@ -380,6 +380,9 @@ void FileServer::serve(Connection *connection)
     tcp::socket &socket = connection->socket;
     const fs::path root = m_store;
     beast::flat_buffer buffer;
+    // Beast reads as much as the buffer has room for, 512 bytes at least: a
+    // body read through a small buffer costs one system call per 512 bytes.
+    buffer.reserve(64 * 1024);
     char chunk[64 * 1024];
     size_t served = 0;
     for (;;) {
