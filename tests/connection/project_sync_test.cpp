@@ -391,14 +391,17 @@ TEST_F(ProjectSyncTest, EachFaultGivesItsErrorAndTheNextTransferWorks)
     fault.lengthDelta = -2;
     applyFault();
     auto target = newModel();
+    writeFile(*target, "d/b.txt", "kept");
     pull(target.get());
     ASSERT_TRUE(outcome->ended());
     EXPECT_EQ(lastReason(),
               "Could not retrieve file d/b.txt: the robot's answer is not HTTP: \"haHTTP/1.1 200 "
               "OK\"");
-    // Nothing partial stands under a real name, nor any temporary file.
-    EXPECT_EQ(contents(*target).keys(), QStringList {"a.txt"});
-    EXPECT_EQ(QDir(target->rootPath() + "/d").entryList(QDir::Files | QDir::Hidden), QStringList());
+    // The file that failed keeps what it held; no temporary file is left.
+    EXPECT_EQ(contents(*target).keys(), (QStringList {"a.txt", "d/b.txt"}));
+    EXPECT_EQ(readFile(target->rootPath() + "/d/b.txt"), "kept");
+    EXPECT_EQ(QDir(target->rootPath() + "/d").entryList(QDir::Files | QDir::Hidden),
+              QStringList {"b.txt"});
     expectHealthy();
 }
 
