@@ -1,8 +1,10 @@
 // Project transfers over HTTP against the in-process simulated robot's file
-// server: push and pull of one 100 MB file and of 1000 files of 1 KiB. The
-// baseline, in the same run, is a raw loopback copy of the same bytes: each
-// file read, sent over one TCP connection in 64 KiB writes and written to a
-// file by a receiving thread.
+// server and against nginx (started by the benchmark when installed): push
+// and pull of one 100 MiB file and of 1000 files of 1 KiB, and the resident
+// memory a 200 MB pull adds to the idle process. The baseline, in the same
+// run, is a raw loopback copy of the same bytes: each file read, sent over
+// one TCP connection in 64 KiB writes and written to a file by a receiving
+// thread.
 
 #include <connection/http_project_synchronizer.h>
 
@@ -26,15 +28,18 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "nginx_server.h"
 #include "run_benchmarks.h"
 
 namespace {
@@ -43,14 +48,44 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 sim::Robot *g_robot = nullptr;
+test::Nginx *g_nginx = nullptr;
 
-void processUntil(const std::function<bool()> &done)
+enum Server { Simulated = 0, NginxServer = 1 };
+
+// The port of a server, or 0 (the case skipped) when it is not there.
+int portOf(int server)
+{
+    if (server == NginxServer)
+        return g_nginx ? g_nginx->port() : 0;
+    return g_robot->httpTransferPort();
+}
+
+// Resident memory of this process in bytes.
+long long residentBytes()
+{
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    long long kib = 0;
+    while (status >> key) {
+        if (key == "VmRSS:") {
+            status >> kib;
+            return kib * 1024;
+        }
+        status.ignore(1 << 20, '\n');
+    }
+    return 0;
+}
+
+// `tick` runs at every turn of the wait (the memory sampler).
+void processUntil(const std::function<bool()> &done, const std::function<void()> &tick = {})
 {
     QDeadlineTimer deadline(120000);
     while (!done() && !deadline.hasExpired()) {
         QEventLoop loop;
         QTimer::singleShot(1, &loop, &QEventLoop::quit);
         loop.exec();
+        if (tick)
+            tick();
     }
 }
 
@@ -124,10 +159,15 @@ void BM_Transfer(benchmark::State &state)
     const int files = int(state.range(0));
     const size_t size = size_t(state.range(1));
     const double megabytes = double(files) * double(size) / 1e6;
+    const int port = portOf(int(state.range(2)));
+    if (port == 0) {
+        state.SkipWithError("nginx is not installed");
+        for (auto _ : state) { }
+        return;
+    }
     wz::project::ProjectModel source;
     source.createNew();
     fill(source, files, size);
-    const int port = g_robot->httpTransferPort();
     double pushS = 0, pullS = 0, rawS = 0;
     for (auto _ : state) {
         RK::HttpProjectSynchronizer sync;
@@ -163,11 +203,64 @@ void BM_Transfer(benchmark::State &state)
     state.counters["pull_vs_raw"] = rawS / pullS;
 }
 
+// Resident memory added by pulling one large file: sampled through the
+// pull, against the idle process just before it. The pull streams each
+// body to disk, so this stays far below the file's size.
+void BM_PullMemory(benchmark::State &state)
+{
+    const size_t size = size_t(state.range(0));
+    const int port = portOf(int(state.range(1)));
+    if (port == 0) {
+        state.SkipWithError("nginx is not installed");
+        for (auto _ : state) { }
+        return;
+    }
+    wz::project::ProjectModel source;
+    source.createNew();
+    fill(source, 1, size);
+    long long idle = 0, peak = 0;
+    double pullS = 0;
+    for (auto _ : state) {
+        RK::HttpProjectSynchronizer sync;
+        bool ended = false;
+        QObject::connect(&sync, &RK::ProjectSynchronizer::done, [&] { ended = true; });
+        QObject::connect(&sync, &RK::ProjectSynchronizer::aborted, [&](const QString &r) {
+            ended = true;
+            state.SkipWithError(r.toStdString().c_str());
+        });
+        sync.push("127.0.0.1", port, &source, "/memory", wz::project::ArchiveFormat_Plain);
+        processUntil([&] { return ended; });
+        wz::project::ProjectModel target;
+        target.createNew();
+        ended = false;
+        idle = peak = residentBytes();
+        const auto start = Clock::now();
+        sync.pull("127.0.0.1", port, "/memory", &target, wz::project::ArchiveFormat_Plain);
+        processUntil([&] { return ended; }, [&] { peak = std::max(peak, residentBytes()); });
+        pullS = std::chrono::duration<double>(Clock::now() - start).count();
+        peak = std::max(peak, residentBytes());
+    }
+    state.counters["idle_MB"] = double(idle) / 1e6;
+    state.counters["above_idle_MB"] = double(peak - idle) / 1e6;
+    state.counters["pull_MB_s"] = double(size) / 1e6 / pullS;
+}
+
 } // namespace
 
+// Arguments: files, bytes a file, server (0 simulated robot, 1 nginx).
 BENCHMARK(BM_Transfer)
-    ->Args({1, 100 << 20})
-    ->Args({1000, 1024})
+    ->ArgNames({"files", "bytes", "nginx"})
+    ->Args({1, 100 << 20, Simulated})
+    ->Args({1000, 1024, Simulated})
+    ->Args({1, 100 << 20, NginxServer})
+    ->Args({1000, 1024, NginxServer})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+BENCHMARK(BM_PullMemory)
+    ->ArgNames({"bytes", "nginx"})
+    ->Args({200000000, Simulated})
+    ->Args({200000000, NginxServer})
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
 
@@ -178,5 +271,15 @@ int main(int argc, char **argv)
     sim::Robot robot;
     robot.start();
     g_robot = &robot;
+    // nginx as the standard server beside it, when installed.
+    std::unique_ptr<test::Nginx> nginx;
+    if (!test::nginxBinary().isEmpty()) {
+        nginx = std::make_unique<test::Nginx>();
+        QString why;
+        if (nginx->start(why))
+            g_nginx = nginx.get();
+        else
+            std::fprintf(stderr, "nginx did not start: %s\n", why.toLocal8Bit().constData());
+    }
     return bench::runBenchmarks(argc, argv);
 }

@@ -9,6 +9,10 @@
 #   libbenchmark-dev       benchmarks
 #   clang libclang-rt-14-dev   fuzz targets (libFuzzer)
 #   ccache                 incremental rebuilds across build directories
+#   nginx libnginx-mod-http-xslt-filter   a standard HTTP server that the project
+#                          transfer tests run against (WebDAV PUT and DELETE; the
+#                          XSLT module turns its XML index into the robot's listing);
+#                          found at test time, the test skips without it
 # Not in the list: doxygen, which only `scripts/dev.sh docs` needs and installs
 # on demand (the API reference from connection/*.h).
 find_package(Qt6 6.2 REQUIRED COMPONENTS Core Concurrent Network Gui)

@@ -10,10 +10,21 @@ namespace RK {
 
 class SynchronizationThread;
 
-// The synchronizer over the robot's HTTP file server, one transfer thread at
-// a time. A busy object refuses new operations with aborted(). The model
-// must be left alone until done(), aborted() or the return of wait().
+// The synchronizer over the robot's HTTP file server (or any HTTP/1.x server
+// that speaks its listing dialect), one transfer thread at a time. It lives
+// on the thread that made it, which must run its event loop during a
+// transfer: the signals arrive there. The caller owns it; it owns its
+// transfer thread. A busy object refuses new operations with aborted(). The
+// model must be left alone until done(), aborted() or the return of wait().
 // Destroying it while a transfer runs cancels and waits.
+//
+// Every operation ends with exactly one done() or aborted(reason) (unless
+// wait() took it); cancel() ends it as aborted("") within a few
+// milliseconds, and a pull then leaves no partial file. Progress:
+// rangeChanged(0, max) then valueChanged(value) in the same unit, reaching
+// max when the files are through. Push counts bytes over the whole project
+// (halved until the total fits an int); pull counts thousandths of a file,
+// each file's share advancing with its bytes, since the listing has no sizes.
 class NIMIOB_EXPORT HttpProjectSynchronizer : public ProjectSynchronizer
 {
     Q_OBJECT
@@ -37,8 +48,12 @@ public:
     virtual QString wait();
 
     bool isBusy() const;
-    // How long a transfer may receive no byte before it fails (30 s by default).
+    // How long a transfer may receive no byte before it fails, in ms (30 s by
+    // default); also the limit of connecting.
     void setNoDataTimeout(int milliseconds);
+    // Fails a transfer averaging fewer than `bytesPerSecond` over any
+    // `windowMilliseconds` (1024 bytes/s over 60 s by default; 0 turns it off).
+    void setSpeedFloor(qint64 bytesPerSecond, int windowMilliseconds);
 
 private slots:
     void onFinished();
@@ -52,6 +67,8 @@ private:
     SynchronizationThread *m_waitedFor = nullptr;
     bool m_cancelled = false;
     int m_noDataTimeout = 30000;
+    qint64 m_speedFloor = 1024;
+    int m_speedWindow = 60000;
     std::atomic<int> m_latestValue {0};
     std::atomic<bool> m_valuePending {false};
 };

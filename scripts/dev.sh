@@ -15,6 +15,7 @@ PACKAGES=(
   libmsgpack-cxx-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev clang-format
+  nginx libnginx-mod-http-xslt-filter
 )
 
 log() { printf '[dev.sh] %s\n' "$*" >&2; }

@@ -30,6 +30,12 @@ void HttpProjectSynchronizer::setNoDataTimeout(int milliseconds)
     m_noDataTimeout = milliseconds;
 }
 
+void HttpProjectSynchronizer::setSpeedFloor(qint64 bytesPerSecond, int windowMilliseconds)
+{
+    m_speedFloor = bytesPerSecond;
+    m_speedWindow = windowMilliseconds;
+}
+
 bool HttpProjectSynchronizer::begin(SynchronizationThread *thread)
 {
     {
@@ -49,7 +55,11 @@ bool HttpProjectSynchronizer::begin(SynchronizationThread *thread)
     // (the package manager starts transfers from the pool).
     if (thread->thread() != this->thread())
         thread->moveToThread(this->thread());
-    thread->setNoDataTimeout(m_noDataTimeout);
+    TransferLimits limits;
+    limits.noDataTimeout = m_noDataTimeout;
+    limits.speedFloor = m_speedFloor;
+    limits.speedWindow = m_speedWindow;
+    thread->setLimits(limits);
     connect(thread, &QThread::finished, this, &HttpProjectSynchronizer::onFinished);
     connect(thread, &SynchronizationThread::connectionLost, this,
             &ProjectSynchronizer::connectionLost);
@@ -72,7 +82,7 @@ bool HttpProjectSynchronizer::begin(SynchronizationThread *thread)
             }
         },
         Qt::DirectConnection);
-    thread->start(QThread::InheritPriority);
+    thread->launch();
     return true;
 }
 

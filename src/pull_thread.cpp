@@ -8,12 +8,21 @@
 #include <QHostAddress>
 #include <QTcpSocket>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace RK {
 
 namespace {
+
 const char *const k_category = "con.projectSync";
+
+QString statusOf(const HttpResponse &response)
+{
+    return QStringLiteral("%1 %2").arg(response.code).arg(response.text).trimmed();
+}
+
 } // namespace
 
 PullThread::PullThread(const std::string &host, int port, const QString &path,
@@ -26,84 +35,54 @@ void PullThread::onConnected()
 {
     wz::log::LogStream(wz::LogLevel_Verbose, k_category, __FUNCTION__)
         << "initiated pull transaction"
-        << " from " << m_socket->localAddress().toString().toStdString() << ":"
-        << m_socket->localPort() << " to " << m_socket->peerAddress().toString().toStdString()
-        << ":" << m_socket->peerPort();
+        << " from " << m_http->socket()->localAddress().toString().toStdString() << ":"
+        << m_http->socket()->localPort() << " to "
+        << m_http->socket()->peerAddress().toString().toStdString() << ":"
+        << m_http->socket()->peerPort();
     if (isInterrupting())
         return;
     step(tr("Listing files"), 0, 0, 0);
     QStringList files;
-    QString why;
-    if (!HttpHelpers::blockingReadRemoteDirectoryRecursively(m_socket, m_path, files, &why)) {
+    if (!m_http->listTree(m_path, files)) {
         if (isInterrupting())
             return;
         wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "listing " << m_path.toStdString() << " failed: " << why.toStdString();
-        fail(tr("could not check for remote files") + QLatin1Char('\n') + why + timeoutNote());
+            << "listing " << m_path.toStdString() << " failed: " << m_http->error().toStdString();
+        fail(tr("could not check for remote files") + QLatin1Char('\n') + m_http->error());
         return;
     }
     if (files.isEmpty()) {
         fail(tr("no remote file found at %1").arg(m_path));
         return;
     }
-    step(tr("Getting files"), 0, files.size(), 0);
-    emit rangeChanged(0, files.size());
-    int code = 0;
-    QString text;
-    QMap<QString, QString> headers;
-    QByteArray body;
-    int done = 0;
-    for (const QString &f : qAsConst(files)) {
-        if (f == QLatin1String(".metadata")) {
-            emit valueChanged(++done);
-            continue;
-        }
-        const QString dir = QFileInfo(f).path();
-        if (dir != QLatin1String(".") && !m_model->mkdir(dir, true)) {
-            fail(tr("Could not open project file %1 to receive it.").arg(f));
-            return;
-        }
-        std::FILE *file = m_model->fopen(f, QStringLiteral("wb"));
-        if (!file) {
-            fail(tr("Could not open project file %1 to receive it.").arg(f));
-            return;
-        }
-        if (!HttpHelpers::blockingGet(m_socket, m_path + QLatin1Char('/') + f, code, text, headers,
-                                      body)) {
-            std::fclose(file);
-            fail(tr("Could not retrieve file %1: %2").arg(f, tr("error in HTTP GET."))
-                 + timeoutNote());
-            return;
-        }
-        if (code < 200 || code > 299) {
-            std::fclose(file);
-            fail(tr("Could not retrieve file %1: %2").arg(f, QString::fromUtf8(body)));
-            return;
-        }
-        for (qint64 at = 0; at < body.size();) {
-            const size_t n = std::fwrite(body.constData() + at, 1, size_t(body.size() - at), file);
-            if (n == 0) {
-                std::fclose(file);
-                fail(tr("Could not write data to file %1.").arg(f));
+    QString root = HttpHelpers::normalizeTarget(m_path);
+    if (!root.endsWith(QLatin1Char('/')))
+        root += QLatin1Char('/');
+    step(tr("Getting files"), 0, files.size() * kUnitsPerFile, 0);
+    for (int i = 0; i < files.size(); ++i) {
+        const QString &f = files.at(i);
+        // The metadata comes last, through the model's own record of it.
+        if (f != QLatin1String(".metadata")) {
+            const QString error = fetch(root, f, i);
+            if (isInterrupting())
+                return;
+            if (!error.isEmpty()) {
+                fail(error);
                 return;
             }
-            at += qint64(n);
         }
-        if (std::fclose(file) != 0) {
-            fail(tr("Could not write data to file %1.").arg(f));
-            return;
-        }
-        emit valueChanged(++done);
+        emit valueChanged((i + 1) * kUnitsPerFile);
     }
-    step(tr("Getting metadata"), 0, 0, 0);
-    if (!HttpHelpers::blockingGet(m_socket, m_path + QStringLiteral("/.metadata"), code, text,
-                                  headers, body)) {
-        fail(tr("Could not retrieve metadata file: %1").arg(tr("error in HTTP GET."))
-             + timeoutNote());
+    // The bar stays full: only the words change.
+    emit stateChanged(tr("Getting metadata"));
+    HttpResponse response;
+    if (!m_http->get(root + QStringLiteral(".metadata"), response)) {
+        fail(tr("Could not retrieve metadata file: %1").arg(m_http->error()));
         return;
     }
-    if (code >= 200 && code <= 299) {
-        for (const QByteArray &line : body.split('\n')) {
+    // A project without metadata is whole all the same.
+    if (response.ok()) {
+        for (const QByteArray &line : response.body.split('\n')) {
             const int sep = line.indexOf(": ");
             if (sep < 0)
                 continue;
@@ -112,6 +91,68 @@ void PullThread::onConnected()
         }
     }
     exit(0);
+}
+
+QString PullThread::fetch(const QString &root, const QString &f, int index)
+{
+    const QFileInfo info(f);
+    const QString dir = info.path();
+    if (dir != QLatin1String(".") && !m_model->mkdir(dir, true))
+        return tr("Could not open project file %1 to receive it.").arg(f);
+    // Beside the target, so the rename stays on one file system; nothing
+    // partial ever stands under the real name.
+    const QString partial = (dir == QLatin1String(".") ? QString() : dir + QLatin1Char('/'))
+        + QLatin1Char('.') + info.fileName() + QStringLiteral(".nimiob-part");
+    std::FILE *out = m_model->fopen(partial, QStringLiteral("wb"));
+    if (!out)
+        return tr("Could not open project file %1 to receive it.").arg(f);
+    const QString local = m_model->rootPath() + QLatin1Char('/');
+    auto discard = [&]() { std::remove((local + partial).toLocal8Bit().constData()); };
+
+    qint64 length = -1;
+    qint64 got = 0;
+    int shown = index * kUnitsPerFile;
+    bool writeFailed = false;
+    HttpResponse response;
+    const bool ok = m_http->get(
+        root + f, response,
+        [&](const char *data, qint64 size) {
+            if (std::fwrite(data, 1, size_t(size), out) != size_t(size)) {
+                writeFailed = true;
+                return false;
+            }
+            got += size;
+            if (length > 0) {
+                const int now = index * kUnitsPerFile + int(got * kUnitsPerFile / length);
+                if (now > shown) {
+                    shown = now;
+                    emit valueChanged(now);
+                }
+            }
+            return true;
+        },
+        [&](qint64 announced) { length = announced; });
+    const bool closed = std::fclose(out) == 0;
+    if (!ok || !response.ok() || !closed || writeFailed) {
+        discard();
+        if (writeFailed || (ok && response.ok()))
+            return tr("Could not write data to file %1.").arg(f);
+        if (!ok)
+            return tr("Could not retrieve file %1: %2").arg(f, m_http->error());
+        const QString body = QString::fromUtf8(response.body.left(1024)).trimmed();
+        return tr("Could not retrieve file %1: %2")
+            .arg(f,
+                 tr("the robot answered %1").arg(statusOf(response))
+                     + (body.isEmpty() ? QString() : QLatin1Char('\n') + body));
+    }
+    if (std::rename((local + partial).toLocal8Bit().constData(),
+                    (local + f).toLocal8Bit().constData())
+        != 0) {
+        const QString why = QString::fromLocal8Bit(std::strerror(errno));
+        discard();
+        return tr("Could not write data to file %1.").arg(f) + QLatin1Char(' ') + why;
+    }
+    return QString();
 }
 
 } // namespace RK

@@ -13,8 +13,24 @@
 namespace RK {
 
 namespace {
+
 const char *const k_category = "con.projectSync";
-constexpr qint64 k_writeBacklog = 256 * 1024;
+
+// A project is a directory: its target ends in "/", as standard servers
+// want for a collection.
+QString directoryTarget(const QString &path)
+{
+    QString target = HttpHelpers::normalizeTarget(path);
+    if (!target.endsWith(QLatin1Char('/')))
+        target += QLatin1Char('/');
+    return target;
+}
+
+QString statusOf(const HttpResponse &response)
+{
+    return QStringLiteral("%1 %2").arg(response.code).arg(response.text).trimmed();
+}
+
 } // namespace
 
 PushThread::PushThread(const std::string &host, int port, const PushTask &task, QObject *parent)
@@ -28,37 +44,43 @@ void PushThread::setMergeOption(bool merge)
     m_tasks.last().merge = merge;
 }
 
-QString PushThread::connectionLostText(QAbstractSocket::SocketError error) const
+QString PushThread::refusal() const
 {
-    return error == QAbstractSocket::RemoteHostClosedError
-        ? tr("has encountered a connection problem or the robot's hard drive may be full")
-        : tr("could not connect to robot");
+    for (const PushTask &task : m_tasks) {
+        bool climbs = false;
+        HttpHelpers::normalizeTarget(task.path, &climbs);
+        // The whole store is never a project: refused before asking.
+        if (climbs || (!task.merge && HttpHelpers::namesStoreRoot(task.path)))
+            return tr("Could not DELETE remote project.") + QLatin1Char('\n')
+                + tr("The path \"%1\" names the robot's whole store.").arg(task.path);
+    }
+    return QString();
 }
 
 void PushThread::onConnected()
 {
     wz::log::LogStream(wz::LogLevel_Verbose, k_category, __FUNCTION__)
         << "initiated push transaction"
-        << " from " << m_socket->localAddress().toString().toStdString() << ":"
-        << m_socket->localPort() << " to " << m_socket->peerAddress().toString().toStdString()
-        << ":" << m_socket->peerPort();
+        << " from " << m_http->socket()->localAddress().toString().toStdString() << ":"
+        << m_http->socket()->localPort() << " to "
+        << m_http->socket()->peerAddress().toString().toStdString() << ":"
+        << m_http->socket()->peerPort();
     if (isInterrupting())
         return;
-    int code = 0;
-    QString text;
-    QMap<QString, QString> headers;
-    QByteArray body;
+    HttpResponse response;
     for (const PushTask &task : qAsConst(m_tasks)) {
         if (!task.merge) {
             step(tr("Deleting existing behavior"), 0, 0, 0);
-            // The whole store is never a project: refused before asking.
-            if (task.path.split(QLatin1Char('/'), Qt::SkipEmptyParts).isEmpty()) {
-                fail(tr("Could not DELETE remote project.") + QLatin1Char('\n')
-                     + tr("The path \"%1\" names the robot's whole store.").arg(task.path));
+            const QString target = directoryTarget(task.path);
+            if (!m_http->del(target, response)) {
+                fail(tr("Could not DELETE remote project %1: %2").arg(target, m_http->error()));
                 return;
             }
-            if (!HttpHelpers::blockingDel(m_socket, task.path, code, text, headers, body)) {
-                fail(tr("Could not DELETE remote project.") + timeoutNote());
+            // Nothing there is as good as deleted; any other refusal would
+            // leave stale files under the new project.
+            if (!response.ok() && response.code != 404) {
+                fail(tr("Could not DELETE remote project %1: the robot answered %2")
+                         .arg(target, statusOf(response)));
                 return;
             }
         }
@@ -81,26 +103,35 @@ void PushThread::onConnected()
         m_progressShift = 0;
         while ((total >> m_progressShift) > quint64(INT_MAX))
             ++m_progressShift;
+        m_reported = 0;
         emit valueChanged(0);
         emit rangeChanged(0, scaled(total));
         quint64 sent = 0;
         for (const QString &file : files) {
-            if (!sendFile(sent, task, file, total)) {
-                if (!isInterrupting())
-                    exit(1);
+            const QString error = sendFile(sent, task, file, total);
+            if (!error.isEmpty()) {
+                fail(error);
                 return;
             }
+            if (isInterrupting())
+                return;
         }
+        emit valueChanged(scaled(total));
         const QMap<QString, QString> metadata = task.model->getMetadata();
         if (!metadata.isEmpty()) {
-            step(tr("Sending metadata"), 0, 0, 0);
+            // The bar stays full: only the words change.
+            emit stateChanged(tr("Sending metadata"));
             QByteArray content;
             for (auto it = metadata.begin(); it != metadata.end(); ++it)
                 content += it.key().toUtf8() + ": " + it.value().toUtf8() + '\n';
-            if (!HttpHelpers::blockingPut(m_socket, task.path + QStringLiteral("/.metadata"), code,
-                                          text, headers, content)) {
-                fail(tr("Could not send metadata file:\n%1").arg(tr("Error in HTTP GET."))
-                     + timeoutNote());
+            const QString target = directoryTarget(task.path) + QStringLiteral(".metadata");
+            if (!m_http->put(target, content, response)) {
+                fail(tr("Could not send metadata file:\n%1").arg(m_http->error()));
+                return;
+            }
+            if (!response.ok()) {
+                fail(tr("Could not send metadata file:\n%1")
+                         .arg(tr("the robot answered %1").arg(statusOf(response))));
                 return;
             }
         }
@@ -108,88 +139,61 @@ void PushThread::onConnected()
     exit(0);
 }
 
-bool PushThread::sendFile(quint64 &sent, const PushTask &task, const QString &file,
-                          const quint64 &total)
+void PushThread::report(quint64 sent, quint64 total)
+{
+    // Every gain of 0.1% of the whole transaction, across files, and the end.
+    if (sent == total || (sent - m_reported) * 1000 > total) {
+        m_reported = sent;
+        emit valueChanged(scaled(sent));
+    }
+}
+
+QString PushThread::sendFile(quint64 &sent, const PushTask &task, const QString &file,
+                             const quint64 &total)
 {
     emit stateChanged(tr("Sending behavior files (%1)").arg(file));
     std::FILE *f = task.model->fopen(file, QStringLiteral("rb"));
-    if (!f) {
-        m_lastError = tr("Could not open project file %1 for sending.").arg(file);
-        return false;
-    }
+    if (!f)
+        return tr("Could not open project file %1 for sending.").arg(file);
     struct Closer
     {
         std::FILE *f;
         ~Closer() { std::fclose(f); }
     } closer {f};
-    auto failWith = [&](const QString &text) {
-        if (!isInterrupting())
-            m_lastError = text + timeoutNote();
-        return false;
-    };
-    if (fseeko(f, 0, SEEK_END) != 0)
-        return failWith(tr("Could not open project file %1 for sending.").arg(file));
-    const off_t size = ftello(f);
-    fseeko(f, 0, SEEK_SET);
-    if (size < 0)
-        return failWith(tr("Could not open project file %1 for sending.").arg(file));
+    off_t size = -1;
+    if (fseeko(f, 0, SEEK_END) == 0)
+        size = ftello(f);
+    if (size < 0 || fseeko(f, 0, SEEK_SET) != 0)
+        return tr("Could not open project file %1 for sending.").arg(file);
 
-    const QString remote = task.path + QLatin1Char('/') + file;
-    m_socket->write(HttpHelpers::requestHead(m_socket, "PUT", remote,
-                                             "Content-length: " + QByteArray::number(qint64(size))
-                                                 + "\r\nExpect: 100-continue\r\n"));
-    m_socket->flush();
-    int code = 0;
-    QString text;
-    QMap<QString, QString> headers;
-    if (!HttpHelpers::blockingReadResponse(m_socket, code, text, headers))
-        return failWith(tr("Could not read 100-continue for file %1.").arg(file));
-    if (code != 100)
-        return failWith(tr("Didn't get expected 100-continue for file %1.").arg(file));
-    if (!HttpHelpers::blockingReadBody(m_socket, headers, nullptr))
-        return failWith(tr("Could not read 100-continue content for file %1.").arg(file));
+    const QString remote = HttpHelpers::normalizeTarget(task.path) + QLatin1Char('/') + file;
+    HttpResponse response;
+    const quint64 before = sent;
+    const bool ok = m_http->putFile(remote, f, quint64(size), response, [&](quint64 done) {
+        sent = before + done;
+        report(sent, total);
+    });
     if (isInterrupting())
-        return false;
-
-    emit rangeChanged(0, scaled(total));
-    float lastRatio = total ? float(sent) / float(total) : 0.f;
-    char buffer[1024];
-    // Exactly the announced size, even if the file changes meanwhile.
-    for (quint64 left = quint64(size); left > 0;) {
-        if (isInterrupting())
-            return false;
-        const size_t n = std::fread(buffer, 1, size_t(qMin<quint64>(sizeof buffer, left)), f);
-        if (n == 0)
-            return failWith(tr("Could not send data for file %1.").arg(file));
-        if (m_socket->write(buffer, qint64(n)) != qint64(n))
-            return failWith(tr("Could not send data for file %1.").arg(file));
-        // Written out a batch at a time: one system call per kilobyte costs more than the copy.
-        while (m_socket->bytesToWrite() > k_writeBacklog) {
-            if (!m_socket->waitForBytesWritten(m_noDataTimeout) || isInterrupting())
-                return failWith(tr("Could not send data for file %1.").arg(file));
-        }
-        left -= n;
-        sent += n;
-        const float ratio = float(sent) / float(total);
-        if (ratio - lastRatio > 0.001f) {
-            emit valueChanged(scaled(sent));
-            lastRatio = ratio;
+        return QString();
+    if (!ok) {
+        const QString why = m_http->error();
+        switch (m_http->putStage()) {
+        case HttpConnection::PutStage::Head:
+        case HttpConnection::PutStage::Interim:
+            return tr("Could not read 100-continue for file %1: %2").arg(file, why);
+        case HttpConnection::PutStage::Refused:
+            return tr("Didn't get expected 100-continue for file %1: %2").arg(file, why);
+        case HttpConnection::PutStage::Body:
+            return tr("Could not send data for file %1: %2").arg(file, why);
+        case HttpConnection::PutStage::Final:
+            return tr("Could not read request result for file %1: %2").arg(file, why);
         }
     }
-    m_socket->flush();
-    if (isInterrupting())
-        return false;
-    if (!HttpHelpers::blockingReadResponse(m_socket, code, text, headers))
-        return failWith(tr("Could not read request result for file %1.").arg(file));
-    QByteArray body;
-    if (!HttpHelpers::blockingReadBody(m_socket, headers, &body))
-        return failWith(tr("Could not read 100-continue content for file %1.").arg(file));
-    if (isInterrupting())
-        return false;
-    if (code >= 200 && code <= 299)
-        return true;
-    m_lastError = tr("Could not PUT file %1:\n%2").arg(file, QString::fromUtf8(body));
-    return false;
+    if (response.ok())
+        return QString();
+    const QString body = QString::fromUtf8(response.body).trimmed();
+    // The server's own words when it gave some, else its status.
+    return tr("Could not PUT file %1:\n%2").arg(file, body.isEmpty() ? statusOf(response) : body);
 }
 
 } // namespace RK

@@ -22,7 +22,8 @@ struct PushTask
 };
 
 // Sends projects in one transaction: DELETE unless merging, one PUT with
-// "Expect: 100-continue" per file, the metadata last.
+// "Expect: 100-continue" per file, the metadata last. Progress is in bytes
+// over the whole transaction (shifted right when the total passes INT_MAX).
 class PushThread : public SynchronizationThread
 {
     Q_OBJECT
@@ -33,16 +34,19 @@ public:
     void setMergeOption(bool merge);
 
 protected:
+    QString refusal() const override;
     void onConnected() override;
-    // A robot that closes a push mid-way has often run out of disk.
-    QString connectionLostText(QAbstractSocket::SocketError error) const override;
 
 private:
-    bool sendFile(quint64 &sent, const PushTask &task, const QString &file, const quint64 &total);
+    // The error of one file's PUT, or "".
+    QString sendFile(quint64 &sent, const PushTask &task, const QString &file,
+                     const quint64 &total);
+    void report(quint64 sent, quint64 total);
     int scaled(quint64 bytes) const { return int(bytes >> m_progressShift); }
 
     QList<PushTask> m_tasks;
     int m_progressShift = 0;
+    quint64 m_reported = 0;
 };
 
 } // namespace RK

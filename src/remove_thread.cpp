@@ -18,46 +18,46 @@ RemoveThread::RemoveThread(const std::string &host, int port, const QString &pat
     : SynchronizationThread(host, port, parent), m_path(path), m_format(format)
 { }
 
-void RemoveThread::transfer()
+QString RemoveThread::refusal() const
 {
-    m_lastError.clear();
-    HttpHelpers::setNoDataTimeout(m_noDataTimeout);
     // The whole store is never a project: refused before connecting.
-    if (m_path.split(QLatin1Char('/'), Qt::SkipEmptyParts).isEmpty()) {
-        m_lastError = tr("Could not DELETE remote project.") + QLatin1Char('\n')
+    if (HttpHelpers::namesStoreRoot(m_path))
+        return tr("Could not DELETE remote project.") + QLatin1Char('\n')
             + tr("The path \"%1\" names the robot's whole store.").arg(m_path);
-        return;
-    }
-    QTcpSocket socket;
-    socket.connectToHost(QString::fromStdString(m_host), quint16(m_port & 0xffff),
-                         QIODevice::ReadWrite);
-    if (!socket.waitForConnected(1000)) {
-        m_lastError = tr("Could not connect to robot.");
-        socket.abort();
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "RemoveThread couldn't connect to robot. " << m_host << ":" << m_port
-            << ". Connection is lost.";
-        emit connectionLost();
-        return;
-    }
+    return QString();
+}
+
+QString RemoveThread::connectionLostText() const
+{
+    return tr("Could not connect to robot.");
+}
+
+void RemoveThread::onConnected()
+{
+    QTcpSocket *socket = m_http->socket();
     wz::log::LogStream(wz::LogLevel_Info, k_category, __FUNCTION__)
         << "initiated remove transaction"
-        << " from " << socket.localAddress().toString().toStdString() << ":" << socket.localPort()
-        << " to " << socket.peerAddress().toString().toStdString() << ":" << socket.peerPort();
-    int code = 0;
-    QString text;
-    QMap<QString, QString> headers;
-    QByteArray body;
-    if (HttpHelpers::blockingDel(&socket, m_path, code, text, headers, body)) {
-        socket.close();
-        if (socket.state() != QAbstractSocket::UnconnectedState)
-            socket.waitForDisconnected(1000);
-        m_lastError.clear();
-    } else {
-        if (!isInterrupting())
-            m_lastError = tr("Could not DELETE remote project.") + timeoutNote();
-        socket.abort();
+        << " from " << socket->localAddress().toString().toStdString() << ":" << socket->localPort()
+        << " to " << socket->peerAddress().toString().toStdString() << ":" << socket->peerPort();
+    // A project is a directory: asked with its "/", as standard servers want
+    // for a collection.
+    QString target = HttpHelpers::normalizeTarget(m_path);
+    if (!target.endsWith(QLatin1Char('/')))
+        target += QLatin1Char('/');
+    HttpResponse response;
+    if (!m_http->del(target, response)) {
+        fail(tr("Could not DELETE remote project %1: %2").arg(target, m_http->error()));
+        return;
     }
+    // A project that is not there is as good as removed.
+    if (!response.ok() && response.code != 404) {
+        fail(tr("Could not DELETE remote project %1: the robot answered %2 %3")
+                 .arg(target)
+                 .arg(response.code)
+                 .arg(response.text));
+        return;
+    }
+    exit(0);
 }
 
 } // namespace RK

@@ -10,7 +10,7 @@
 
 namespace RK {
 
-// Deletes one remote project with a single DELETE, connecting synchronously.
+// Deletes one remote project with a single DELETE. Sends no progress.
 class RemoveThread : public SynchronizationThread
 {
     Q_OBJECT
@@ -20,7 +20,9 @@ public:
                  wz::project::ArchiveFormat format, QObject *parent = nullptr);
 
 protected:
-    void transfer() override;
+    QString refusal() const override;
+    void onConnected() override;
+    QString connectionLostText() const override;
 
 private:
     QString m_path;

@@ -1,21 +1,21 @@
 #pragma once
 
+#include "http_connection_p.h"
+
 #include <QAbstractSocket>
 #include <QMutex>
 #include <QString>
 #include <QThread>
 
-#include <mutex>
+#include <memory>
 #include <string>
-
-class QTcpSocket;
 
 namespace RK {
 
 // Base of the transfer threads: the robot's file server they talk to, an
 // interrupting flag under a mutex, the progress signals, and exit codes that
 // tell how a transaction ended (0 done, 1 failed with lastError(), 2
-// cancelled, below 0 the complement of a socket error).
+// cancelled, below 0 the complement of a socket error: the connection broke).
 class SynchronizationThread : public QThread
 {
     Q_OBJECT
@@ -26,15 +26,17 @@ public:
 
     QString lastError() const { return m_lastError; }
     // Marks the thread interrupting first, then ends every event loop of it,
-    // nested waits included, so a failing wait always sees why.
+    // nested waits included, so a failing wait always sees why. The first
+    // code given is the one the transfer ends with.
     virtual void exit(int code);
     bool isInterrupting() const;
     void step(const QString &text, int minimum, int maximum, int value);
-    // How long a wait may see no byte before it fails.
-    void setNoDataTimeout(int milliseconds) { m_noDataTimeout = milliseconds; }
-    // wait(), then a lock the transfer released as its last act: everything
-    // it wrote is then ordered before what the caller reads, also for tools
-    // that cannot see QThread's own hand-over.
+    void setLimits(const TransferLimits &limits) { m_limits = limits; }
+    // start(), for a transfer that join() will wait for.
+    void launch();
+    // Returns once the thread has ended and left Qt's code for good, so that
+    // the object can be deleted: QThread::wait() can return while the
+    // finished thread still runs Qt's last steps on this object.
     void join();
 
 signals:
@@ -44,34 +46,38 @@ signals:
     void valueChanged(int value);
 
 protected:
-    // The transfer itself, on this thread. By default: connect to the robot,
-    // run onConnected() inside this thread's event loop until it ends the
-    // loop with an exit code (or a socket error or the connect limit does),
-    // then close.
+    // The transfer itself, on this thread: refuse what must not be sent,
+    // connect to the robot, run onConnected(), close.
     virtual void transfer();
+    // Why the request is refused before connecting, or "".
+    virtual QString refusal() const { return QString(); }
     // The transaction, once connected; ends with exit(code) or fail(text).
     virtual void onConnected() { }
-    // What lastError() says after the connection broke.
-    virtual QString connectionLostText(QAbstractSocket::SocketError error) const;
+    // What lastError() says when the robot cannot be reached.
+    virtual QString connectionLostText() const;
     // Ends the transaction with `text` as the error, unless it is already
-    // being interrupted.
+    // being interrupted; when the connection broke, it ends as lost.
     void fail(const QString &text);
-    // " (no data from the robot for N s)" after a wait ran out, else "".
-    QString timeoutNote() const;
+    // The name of the class, for log lines.
+    std::string name() const;
 
-    int m_noDataTimeout = 30000;
+    TransferLimits m_limits;
     QString m_lastError;
     const std::string m_host;
     const int m_port;
-    QTcpSocket *m_socket = nullptr;
+    HttpConnection *m_http = nullptr; // while transfer() runs
 
 private:
+    struct ExitLatch;
     void run() final;
-    void onSocketError(QAbstractSocket::SocketError error);
+    int exitCode() const;
 
-    std::mutex m_endMutex;
+    std::shared_ptr<ExitLatch> m_latch;
+    bool m_launched = false;
     mutable QMutex m_mutex;
     bool m_interrupting = false;
+    bool m_exited = false;
+    int m_exitCode = 0;
 };
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #include "file_server.h"
 
+#include "store_paths.h"
+
 #include <wz/log.h>
 
 #include <boost/asio/buffer.hpp>
@@ -19,7 +21,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <system_error>
 
 #include <sys/socket.h>
@@ -41,99 +42,6 @@ void logLine(wz::LogLevel level, const char *function, const std::string &text)
     wz::log::LogStream(level, "sim.http", function) << text;
 }
 
-int hexValue(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
-enum class Refusal { None, BadRequest, Forbidden };
-
-// Target to store-relative components: percent-decoded, "//" and "." dropped;
-// "..", NUL and a bad escape refused.
-Refusal splitTarget(std::string target, std::vector<std::string> &parts)
-{
-    parts.clear();
-    // An absolute-form target names the path after its authority.
-    const auto scheme = target.find("://");
-    if (scheme != std::string::npos && target.compare(0, 4, "http") == 0) {
-        const auto slash = target.find('/', scheme + 3);
-        target = slash == std::string::npos ? "/" : target.substr(slash);
-    }
-    std::string decoded;
-    decoded.reserve(target.size());
-    for (size_t i = 0; i < target.size(); ++i) {
-        if (target[i] != '%') {
-            decoded += target[i];
-            continue;
-        }
-        if (i + 2 >= target.size() || hexValue(target[i + 1]) < 0 || hexValue(target[i + 2]) < 0)
-            return Refusal::BadRequest;
-        decoded += char(hexValue(target[i + 1]) * 16 + hexValue(target[i + 2]));
-        i += 2;
-    }
-    if (decoded.find('\0') != std::string::npos)
-        return Refusal::Forbidden;
-    std::string part;
-    std::istringstream in(decoded);
-    while (std::getline(in, part, '/')) {
-        if (part.empty() || part == ".")
-            continue;
-        if (part == "..")
-            return Refusal::Forbidden;
-        parts.push_back(part);
-    }
-    return Refusal::None;
-}
-
-bool isInside(const fs::path &root, const fs::path &p)
-{
-    const std::string r = root.native();
-    const std::string s = p.native();
-    return s == r || (s.size() > r.size() && s.compare(0, r.size(), r) == 0 && s[r.size()] == '/');
-}
-
-// Walks `parts` from `root`, following links only while they stay inside.
-// With `makeDirs` missing directories are created. "" when the walk leaves
-// the store; `conflict` when a non-directory stands where a directory must.
-fs::path walk(const fs::path &root, const std::vector<std::string> &parts, size_t count,
-              bool makeDirs, bool &conflict)
-{
-    conflict = false;
-    fs::path current = root;
-    for (size_t i = 0; i < count; ++i) {
-        fs::path next = current / parts[i];
-        std::error_code ec;
-        const auto status = fs::symlink_status(next, ec);
-        if (fs::is_symlink(status)) {
-            const fs::path target = fs::weakly_canonical(next, ec);
-            if (ec || !isInside(root, target))
-                return {};
-            next = target;
-        }
-        const bool last = i + 1 == count;
-        if (!last || makeDirs) {
-            const auto st = fs::status(next, ec);
-            if (!fs::exists(st)) {
-                if (!makeDirs)
-                    return next; // missing: the caller answers 404
-                if (!fs::create_directory(next, ec) && ec)
-                    return {};
-            } else if (!fs::is_directory(st)) {
-                conflict = true;
-                return next;
-            }
-        }
-        current = next;
-    }
-    return current;
-}
-
 std::string statusText(int status)
 {
     switch (status) {
@@ -145,6 +53,14 @@ std::string statusText(int status)
         return "Created";
     case 204:
         return "No Content";
+    case 301:
+        return "Moved Permanently";
+    case 302:
+        return "Found";
+    case 307:
+        return "Temporary Redirect";
+    case 308:
+        return "Permanent Redirect";
     case 400:
         return "Bad Request";
     case 403:
@@ -365,7 +281,17 @@ public:
               const std::string &body, bool keepAlive)
     {
         return sendHead(status, headers, body.size(), keepAlive)
-            && sendBody(body.data(), body.size());
+            && sendBody(body.data(), body.size()) && finish() && !closes();
+    }
+
+    // Whether the answer's end is the close of the connection.
+    bool closes() const { return is(HttpFault::Kind::CloseDelimited); }
+
+    // Ends a chunked body; nothing to do for the other framings.
+    bool finish()
+    {
+        static const char kLast[] = "0\r\n\r\n";
+        return !is(HttpFault::Kind::Chunked) || write(kLast, sizeof kLast - 1);
     }
 
     bool sendHead(int status, const std::vector<std::pair<std::string, std::string>> &headers,
@@ -374,11 +300,16 @@ public:
         long long announced = static_cast<long long>(length);
         if (m_fault && m_fault->kind == HttpFault::Kind::LengthOff)
             announced = std::max(0LL, announced + m_fault->lengthDelta);
-        std::string head = "HTTP/1.1 " + std::to_string(status) + " " + statusText(status) + "\r\n";
+        // An HTTP/1.0 answer without a length ends with the connection.
+        std::string head = std::string(closes() ? "HTTP/1.0 " : "HTTP/1.1 ")
+            + std::to_string(status) + " " + statusText(status) + "\r\n";
         for (const auto &h : headers)
             head += h.first + ": " + h.second + "\r\n";
-        head += "Content-Length: " + std::to_string(announced) + "\r\n";
-        if (!keepAlive)
+        if (is(HttpFault::Kind::Chunked))
+            head += "Transfer-Encoding: chunked\r\n";
+        else if (!closes())
+            head += "Content-Length: " + std::to_string(announced) + "\r\n";
+        if (!keepAlive && !closes())
             head += "Connection: close\r\n";
         head += "\r\n";
         return write(head.data(), head.size());
@@ -386,6 +317,17 @@ public:
 
     bool sendBody(const char *data, size_t size)
     {
+        if (is(HttpFault::Kind::Chunked)) {
+            const size_t piece = std::max<size_t>(1, m_fault->bytes);
+            for (size_t at = 0; at < size; at += piece) {
+                const size_t n = std::min(piece, size - at);
+                char line[32];
+                const int length = std::snprintf(line, sizeof line, "%zx\r\n", n);
+                if (!write(line, size_t(length)) || !write(data + at, n) || !write("\r\n", 2))
+                    return false;
+            }
+            return true;
+        }
         if (m_fault && m_fault->kind == HttpFault::Kind::SlowBody) {
             const size_t piece = std::max<size_t>(1, m_fault->bytes);
             for (size_t at = 0; at < size; at += piece) {
@@ -416,6 +358,8 @@ public:
     }
 
 private:
+    bool is(HttpFault::Kind kind) const { return m_fault && m_fault->kind == kind; }
+
     bool rawWrite(const char *data, size_t size)
     {
         boost::system::error_code ec;
@@ -429,27 +373,6 @@ private:
     uint64_t m_written = 0;
 };
 
-std::string listing(const fs::path &dir)
-{
-    std::vector<std::string> names;
-    std::error_code ec;
-    for (const auto &entry : fs::directory_iterator(dir, ec)) {
-        const std::string name = entry.path().filename().native();
-        if (std::any_of(name.begin(), name.end(), [](char c) { return c == '\n' || c == '\r'; })) {
-            logLine(wz::LogLevel_Warning, __FUNCTION__,
-                    "not listing a name with a line break in " + dir.native());
-            continue;
-        }
-        std::error_code sec;
-        names.push_back(fs::is_directory(entry.path(), sec) ? name + "/" : name);
-    }
-    std::sort(names.begin(), names.end());
-    std::string body;
-    for (const auto &n : names)
-        body += n + "\n";
-    return body;
-}
-
 } // namespace
 
 void FileServer::serve(Connection *connection)
@@ -457,7 +380,11 @@ void FileServer::serve(Connection *connection)
     tcp::socket &socket = connection->socket;
     const fs::path root = m_store;
     beast::flat_buffer buffer;
+    // Beast reads as much as the buffer has room for, 512 bytes at least: a
+    // body read through a small buffer costs one system call per 512 bytes.
+    buffer.reserve(64 * 1024);
     char chunk[64 * 1024];
+    size_t served = 0;
     for (;;) {
         http::request_parser<http::buffer_body> parser;
         parser.body_limit(kBodyLimit);
@@ -476,10 +403,16 @@ void FileServer::serve(Connection *connection)
         auto &request = parser.get();
         const std::string method(request.method_string());
         const std::string target(request.target());
-        const bool keepAlive = request.keep_alive();
+        bool keepAlive = request.keep_alive();
         const bool expect = beast::iequals(request[http::field::expect], "100-continue");
         HttpFault fault;
         const bool faulty = takeFault(method, target, fault);
+        // A keep-alive limit: the last request of the connection.
+        ++served;
+        const bool last = faulty && fault.kind == HttpFault::Kind::CloseAfter
+            && served % std::max<size_t>(1, fault.bytes) == 0;
+        if (last && fault.announce)
+            keepAlive = false;
         Responder out(socket, faulty ? &fault : nullptr,
                       [this](std::chrono::milliseconds d) { return waitStopping(d); });
 
@@ -513,7 +446,7 @@ void FileServer::serve(Connection *connection)
                 return out.send(status, {}, why + "\n", false) && false;
             if (!readBody(nullptr))
                 return false;
-            return out.send(status, {}, why + "\n", keepAlive) && keepAlive;
+            return out.send(status, {}, why + "\n", keepAlive) && keepAlive && !last;
         };
 
         if (faulty && fault.kind == HttpFault::Kind::Stall) {
@@ -542,7 +475,16 @@ void FileServer::serve(Connection *connection)
         }
 
         bool keep = keepAlive;
-        if (faulty && fault.kind == HttpFault::Kind::Listing && method == "GET") {
+        if (faulty && fault.kind == HttpFault::Kind::Redirect && method == "GET") {
+            std::string location = fault.body;
+            const auto at = target.find(fault.pathContains);
+            if (location.compare(0, 7, "http://") != 0 && at != std::string::npos)
+                location = std::string(target).replace(at, fault.pathContains.size(), fault.body);
+            keep = readBody(nullptr)
+                && out.send(fault.status ? fault.status : 301, {{"Location", location}}, "moved\n",
+                            keepAlive)
+                && keepAlive;
+        } else if (faulty && fault.kind == HttpFault::Kind::Listing && method == "GET") {
             // A hostile robot: every GET is a directory of these names.
             std::string body;
             for (const auto &n : fault.names)
@@ -573,17 +515,18 @@ void FileServer::serve(Connection *connection)
                 } else if (!readBody(nullptr) || !out.sendHead(200, {}, size, keepAlive)) {
                     keep = false;
                 } else if (method == "GET") {
-                    uint64_t left = size;
-                    while (keep && left > 0) {
+                    // The whole body goes, whether or not the connection stays.
+                    bool sent = true;
+                    for (uint64_t left = size; sent && left > 0;) {
                         file.read(chunk, std::streamsize(std::min<uint64_t>(left, sizeof chunk)));
                         const auto got = static_cast<size_t>(file.gcount());
                         if (got == 0) // the file shrank: the announced length cannot be kept
-                            keep = false;
+                            sent = false;
                         else
-                            keep = out.sendBody(chunk, got);
+                            sent = out.sendBody(chunk, got);
                         left -= got;
                     }
-                    keep = keep && keepAlive;
+                    keep = sent && out.finish() && !out.closes() && keepAlive;
                 }
             }
         } else if (method == "DELETE") {
@@ -666,7 +609,7 @@ void FileServer::serve(Connection *connection)
         } else {
             keep = refuse(405, "method not allowed");
         }
-        if (!keep)
+        if (!keep || last)
             return;
     }
 }

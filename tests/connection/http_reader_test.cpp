@@ -40,7 +40,9 @@ TEST(HttpReader, LengthsAndListingsAreChecked)
     qint64 length = 0;
     EXPECT_TRUE(parseContentLength(" 12 ", length));
     EXPECT_EQ(length, 12);
-    for (const char *bad : {"", "-1", "1e3", "0x10", "99999999999999999999", "3000000000"})
+    EXPECT_TRUE(parseContentLength("3000000000", length)); // past 2 GiB
+    EXPECT_EQ(length, 3000000000LL);
+    for (const char *bad : {"", "-1", "1e3", "0x10", "99999999999999999999", "2000000000000"})
         EXPECT_FALSE(parseContentLength(bad, length)) << bad;
 
     QStringList names;
@@ -56,6 +58,53 @@ TEST(HttpReader, LengthsAndListingsAreChecked)
     EXPECT_EQ(encodePath("/a b/c\r\nd%?#é"), QByteArray("/a%20b/c%0D%0Ad%25%3F%23%C3%A9"));
 }
 
+TEST(HttpReader, TargetsAreOriginFormWithoutDotSegments)
+{
+    const QList<QPair<const char *, const char *>> cases = {
+        {"", "/"},          {"proj", "/proj"},       {"/a/b/", "/a/b/"},         {"//a//b", "/a/b"},
+        {"/a/./b", "/a/b"}, {"/a/b/..", "/a/"},      {"/a/../../b", "/b"},       {"/.", "/"},
+        {"/a/..", "/"},     {"a/b/../c/.", "/a/c/"}, {"/a/.b/..c", "/a/.b/..c"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(normalizeTarget(c.first), c.second) << c.first;
+    for (const char *root : {"", "/", "//", "/.", "/./", "/a/..", "..", "/../a", "a/../../b"})
+        EXPECT_TRUE(namesStoreRoot(root)) << root;
+    for (const char *below : {"/a", "a/b/..", "/..a", "/a/./"})
+        EXPECT_FALSE(namesStoreRoot(below)) << below;
+}
+
+TEST(HttpReader, FramingFollowsTheStatusAndHeaders)
+{
+    qint64 length = 0;
+    using H = QMap<QString, QString>;
+    EXPECT_EQ(framingOf("GET", 200, H {{"content-length", "12"}}, length), Framing::Length);
+    EXPECT_EQ(length, 12);
+    EXPECT_EQ(framingOf("GET", 200, H {{"content-length", "7, 7"}}, length), Framing::Length);
+    EXPECT_EQ(framingOf("GET", 200, H {{"content-length", "7, 8"}}, length), Framing::Bad);
+    // Chunked wins over a length; chunked not last is read to the close.
+    EXPECT_EQ(framingOf("GET", 200,
+                        H {{"transfer-encoding", "gzip, Chunked"}, {"content-length", "3"}},
+                        length),
+              Framing::Chunked);
+    EXPECT_EQ(framingOf("GET", 200, H {{"transfer-encoding", "chunked, gzip"}}, length),
+              Framing::UntilClose);
+    EXPECT_EQ(framingOf("GET", 200, H {}, length), Framing::UntilClose);
+    for (int code : {100, 204, 304})
+        EXPECT_EQ(framingOf("GET", code, H {{"content-length", "5"}}, length), Framing::None);
+    EXPECT_EQ(framingOf("HEAD", 200, H {{"content-length", "5"}}, length), Framing::None);
+
+    EXPECT_TRUE(keepsAlive("HTTP/1.1", H {}));
+    EXPECT_FALSE(keepsAlive("HTTP/1.1", H {{"connection", "Keep-Alive, Close"}}));
+    EXPECT_FALSE(keepsAlive("HTTP/1.0", H {}));
+    EXPECT_TRUE(keepsAlive("HTTP/1.0", H {{"connection", "keep-alive"}}));
+
+    qint64 size = 0;
+    EXPECT_TRUE(parseChunkSize("1aF;name=value\r\n", size));
+    EXPECT_EQ(size, 0x1af);
+    for (const char *bad : {"\r\n", "-1\r\n", "0x10\r\n", "g\r\n", "ffffffffffff\r\n"})
+        EXPECT_FALSE(parseChunkSize(bad, size)) << bad;
+}
+
 TEST(HttpReader, CorpusReplaysWithoutHarm)
 {
     const QDir corpus(QStringLiteral(NIMIOB_HTTP_CORPUS));
@@ -69,6 +118,14 @@ TEST(HttpReader, CorpusReplaysWithoutHarm)
                                size_t(bytes.size()));
     }
     EXPECT_TRUE(parseResponseBytes("HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello"));
+    EXPECT_TRUE(parseResponseBytes("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n"
+                                   "morvane-file-type: directory\r\n\r\n"
+                                   "4\r\na/\nb\r\n0\r\n\r\n"));
+    EXPECT_FALSE(parseResponseBytes("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n"
+                                    "morvane-file-type: directory\r\n\r\n"
+                                    "5\r\n../x\n\r\n0\r\n\r\n"));
+    EXPECT_FALSE(parseResponseBytes("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                    "2\r\nabc\r\n0\r\n\r\n"));
     EXPECT_FALSE(parseResponseBytes("HTTP/1.1 200 OK\r\nmorvane-file-type: directory\r\n"
                                     "Content-Length: 5\r\n\r\n../x\n"));
 }

@@ -50,6 +50,12 @@ struct HttpFault
         LengthOff, // Content-Length off by `lengthDelta`
         Malformed, // `body` (or a broken status line) as the whole answer, then close
         Listing, // a directory's listing is `names`, one a line, as given
+        Chunked, // GET answers in the chunked coding, chunks of `bytes`
+        CloseDelimited, // GET answers as HTTP/1.0 with no length, ended by the close
+        Redirect, // GET answered `status` (301 unless set) to the target with
+                  // `pathContains` replaced by `body` (`body` as it is when absolute)
+        CloseAfter, // every connection closed after `bytes` requests, silently or,
+                    // with `announce`, saying "Connection: close" on the last answer
     };
     Kind kind = Kind::None;
     std::string method;
@@ -60,6 +66,7 @@ struct HttpFault
     std::chrono::milliseconds delay {0};
     long long lengthDelta = 0;
     std::vector<std::string> names;
+    bool announce = false;
     int times = -1;
 };
 
