@@ -4,7 +4,9 @@
 //        lands (the baseline);
 //   gui  through LogListenerInterface (executer gate, two queued hops) to a
 //        slot on the application's thread.
-// Each phase checks that every message came, in order. The ratio is the
+// Each phase checks that every message came, in order. A second benchmark
+// stalls the application for 30 s under the same flood and prints the
+// process's memory each second (see BM_StalledReader). The ratio is the
 // rate of the second against the first; the goal is at least 20 000
 // messages/s through the interface, none lost, ratio at least 0.5.
 
@@ -34,11 +36,14 @@
 
 #include <boost/make_shared.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -145,6 +150,79 @@ void BM_LogMessages(benchmark::State &state)
 }
 
 BENCHMARK(BM_LogMessages)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// The application's thread stalled for the whole run (range(0) seconds) while
+// the robot logs 20 000 messages/s: the resident memory is printed each
+// second against the memory before the flood, the baseline. The queue to the
+// application is bounded, so the memory levels off instead of growing with
+// the run; afterwards every message sent is either delivered or counted in
+// logMessagesDropped.
+void BM_StalledReader(benchmark::State &state)
+{
+    const int seconds = static_cast<int>(state.range(0));
+    const int rate = 20000;
+    wz::log::setStderrEnabled(false);
+    sim::Robot robot;
+    robot.start();
+    auto *logManager = robot.serviceAs<sim::LogManagerService>("LogManager");
+    uint64_t sent = 0;
+    uint64_t delivered = 0;
+    uint64_t dropped = 0;
+    double baseMb = 0;
+    double peakMb = 0;
+    double firstHalfMb = 0;
+    for (auto _ : state) {
+        RK::ConnectionManager manager;
+        bench::connectTo(manager, robot);
+        const auto logs = manager.logListenerInterface();
+        logs->setCategory(QStringLiteral("*"), wz::LogLevel_Silent).waitForFinished();
+        logs->setCategory(QString::fromLatin1(k_category), wz::LogLevel_Debug).waitForFinished();
+        QObject receiver;
+        QObject::connect(logs.get(), &RK::LogListenerInterface::onLogMessageReceived, &receiver,
+                         [&](const wz::LogMessage &m) {
+                             if (m.category == k_category)
+                                 ++delivered;
+                         });
+        QObject::connect(logs.get(), &RK::LogListenerInterface::logMessagesDropped, &receiver,
+                         [&](int count) { dropped += static_cast<uint64_t>(count); });
+        // Whatever was queued before the flood is delivered first.
+        processUntilInLoop([] { return false; }, 200);
+        baseMb = bench::residentKb() / 1024.0;
+        peakMb = baseMb;
+        const uint64_t first = logManager->sent();
+        const auto start = std::chrono::steady_clock::now();
+        chatter(robot, rate);
+        // The stall: this thread does nothing but read its memory.
+        for (int s = 1; s <= seconds; ++s) {
+            std::this_thread::sleep_until(start + std::chrono::seconds(s));
+            const double mb = bench::residentKb() / 1024.0;
+            peakMb = std::max(peakMb, mb);
+            if (s == seconds / 2)
+                firstHalfMb = peakMb;
+            std::printf("stalled %2d s: %8llu sent, resident %7.1f MB (%+6.1f MB)\n", s,
+                        static_cast<unsigned long long>(logManager->sent() - first), mb,
+                        mb - baseMb);
+            std::fflush(stdout);
+        }
+        chatter(robot, 0);
+        sent = logManager->sent() - first;
+        processUntilInLoop([&] { return delivered + dropped >= sent; }, 30000);
+        manager.disconnectBroker();
+        processUntilInLoop([&] { return !manager.hasActiveWorkers(); }, 30000);
+    }
+    wz::log::setStderrEnabled(true);
+    state.counters["sent"] = static_cast<double>(sent);
+    state.counters["delivered"] = static_cast<double>(delivered);
+    state.counters["dropped_told"] = static_cast<double>(dropped);
+    state.counters["accounted"] = delivered + dropped == sent ? 1 : 0;
+    state.counters["base_mb"] = baseMb;
+    state.counters["peak_mb"] = peakMb;
+    state.counters["ratio"] = baseMb > 0 ? peakMb / baseMb : 0;
+    // Growth in the second half of the run: near 0 when the queue is bounded.
+    state.counters["second_half_growth_mb"] = peakMb - firstHalfMb;
+}
+
+BENCHMARK(BM_StalledReader)->Arg(30)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 } // namespace
 

@@ -3,6 +3,7 @@
 #include <connection/behavior_instance_manager.h>
 #include <connection/meta_types.h>
 #include <connection/nimiob_export.h>
+#include <connection/operation_error.h>
 #include <connection/timeline_player.h>
 
 #include <QMap>
@@ -62,6 +63,9 @@ signals:
     void IOActivated(QString name, QString value);
     void errorInBox(QString box, QString error);
     void errorStartingBehavior(QString errorTitle, QString errorMessage, QString errorDetails);
+    // The instance's failures, typed, with the operation "startBehavior": a
+    // refused start ends in behaviorStopped() after this.
+    void errorOccurred(const RK::OperationError &error);
 
 public slots:
     void setLevel(QStringList ios, QString timelinePath);

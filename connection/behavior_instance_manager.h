@@ -2,6 +2,7 @@
 
 #include <connection/autonomous_life_interface.h>
 #include <connection/nimiob_export.h>
+#include <connection/operation_error.h>
 
 #include <QFutureWatcher>
 #include <QObject>
@@ -47,7 +48,14 @@ public:
     LifeState lifeState() const { return m_lifeState; }
 
     void preloadBehavior();
+    // Ends in Running, or, when the robot refuses the start (a preload
+    // error, already running), in Stopped with errorStartingBehavior and
+    // errorOccurred carrying the robot's text.
     void playBehavior();
+    // From Running, Stopped comes with the robot's running list; from
+    // Preloading, Preloaded or Starting, once the robot has taken the stop
+    // (a start still on its way is let through first), so that the next
+    // preloadBehavior() is accepted.
     void stopBehavior();
 
     // "User/NAME" and "NAME" are the same behaviour.
@@ -59,6 +67,9 @@ signals:
     void stateChanged(BehaviorInstanceManager::State state);
     void errorInBox(QString box, QString error);
     void errorStartingBehavior(QString errorTitle, QString errorMessage, QString errorDetails);
+    // The same failures, typed: operation "playBehavior", the code from the
+    // robot's text, and the three texts of errorStartingBehavior.
+    void errorOccurred(const RK::OperationError &error);
 
 public slots:
     void onBehaviorPresent(QString behavior, bool isPresent);
@@ -74,10 +85,13 @@ public slots:
     void onBehaviorAdded(QString behaviorName);
     void onBehaviorRemoved(QString behaviorName);
     void onBehaviorFailed(QString behaviorName, QString box, QString error);
+    void onBehaviorStarted();
 
 private:
     void setState(State state);
     void playBehaviorUponItsNature();
+    void reportStartFailure(const QString &where, const QString &text);
+    void requestStop(bool endsWhenTaken);
 
     QFutureWatcher<LifeState> *m_lifeStateWatcher = nullptr;
     QFutureWatcher<QString> *m_natureWatcher = nullptr;
@@ -87,6 +101,9 @@ private:
     State m_state = Missing;
     LifeState m_lifeState = LifeStateUnknown;
     QFutureWatcher<void> *m_lifeFocusWatcher = nullptr;
+    // The direct start still on its way, and a stop asked for meanwhile.
+    QFutureWatcher<void> *m_startWatcher = nullptr;
+    bool m_stopAfterStart = false;
 };
 
 } // namespace RK

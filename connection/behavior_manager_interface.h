@@ -38,6 +38,9 @@ public:
 
     // The robot's error, if any, comes out of the future's wait.
     QFuture<void> stopBehavior(QString behavior);
+    // playBehavior() with an outcome: the robot's refusal (a preload error,
+    // already running) comes out of the future's wait.
+    QFuture<void> startBehavior(QString behavior);
     QFuture<void> setBehaviorDefaultFlag(QString behavior, bool isDefault);
     QFuture<bool> isBehaviorRunning(QString behavior);
     QFuture<bool> installBehavior(QString name);

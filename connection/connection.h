@@ -61,7 +61,8 @@ class BasicAwarenessInterface;
 
 // Destroys a QObject on the thread it lives on: at once when called there,
 // else by deleteLater(), which that thread runs before it ends. When that
-// thread has ended already, on a thread of its own.
+// thread has ended already: at once on the application's main thread, else
+// on a thread of its own.
 NIMIOB_EXPORT void destroyOnOwnThread(QObject *object);
 
 // Interface objects are made with this rather than boost::make_shared. An
@@ -121,6 +122,12 @@ public:
     QString morvaneVersion() const { return m_version; }
     bool hasDCM() const { return m_hasDCM; }
 
+    // Takes the desktop's own services out of the robot's directory, waiting
+    // at most timing().unregisterLimitMs for the robot; then releases the
+    // interface objects, each waiting for its executer's thread. A teardown
+    // runs unregisterServices(), closes the session, then destroyInterfaces(),
+    // so that no executer is left waiting on the robot.
+    void unregisterServices();
     void destroyInterfaces();
     void destroyProxiesConnections();
 

@@ -23,8 +23,33 @@ class ConnectionThreadsManager;
 class ReconnectionManager;
 
 // The one object through which the application reaches a robot. Lives on the
-// GUI thread; every slow step runs on a connection worker, and results come
-// back as signals.
+// GUI thread (the thread that made it, which must be the application's main
+// thread); every slow step runs on a connection worker, and results come
+// back as signals. The application owns it.
+//
+// Shutting down. Teardown never waits on the robot: it closes the session,
+// which ends every remote call still pending with "connection lost", and
+// only then joins the library's threads. Either
+//
+//   // Leave, and keep running: the robot sees the desktop go once
+//   // teardownFinished() has come.
+//   QObject::connect(manager, &RK::ConnectionManager::teardownFinished, [] { ... });
+//   manager->disconnectBroker();
+//
+// or simply
+//
+//   delete manager; // or let it go out of scope before main() returns
+//
+// The destructor does the whole teardown itself, on the calling thread, in a
+// bounded time whatever the robot does (well under a second on a robot that
+// no longer answers): when it returns, no worker or executer thread of the
+// library is left running. Only interface objects that the application
+// still holds keep their executer's thread until it lets go of them, so
+// drop them first. Quitting without disconnectBroker() is therefore safe
+// as long as the manager is destroyed before main() returns.
+//
+// destroyConnection() is the teardown without the "requested" flag: it is
+// what a lost connection runs. Applications call disconnectBroker().
 class NIMIOB_EXPORT ConnectionManager : public QObject
 {
     Q_OBJECT
@@ -33,9 +58,17 @@ public:
     explicit ConnectionManager(QObject *parent = nullptr);
     ~ConnectionManager() override;
 
-    // Starts an attempt and returns at once.
+    // Starts an attempt and returns at once. Refused, with
+    // displayErrorRequested and nothing else changed, while a connection to
+    // the same address and port is open or being made (a double click), and
+    // while ten workers are alive. An attempt abandoned by a disconnection
+    // ends at once and frees its place.
     void connectRemoteBroker(const std::string &address, int port, const QString &name);
     void connectRemoteBroker(const std::string &address, int port);
+    // Returns at once; disconnected() comes at once, teardownFinished()
+    // when every session has closed. Pending remote calls end with
+    // "connection lost"; the robot is given ConnectionTiming's
+    // unregisterLimitMs to drop the desktop's services.
     void disconnectBroker();
     void destroyConnection();
     // Reports missing services of the current connection, which must exist.
@@ -109,6 +142,8 @@ signals:
 public slots:
     void onMorvaneRestartNeeded();
     void onSessionDisconnected(std::string error);
+    // An attempt failed; the threads manager has reported why.
+    void onConnectionFailed();
     void onConnectionCreated(boost::shared_ptr<wz::Session> session,
                              boost::shared_ptr<RK::Connection> connection);
 

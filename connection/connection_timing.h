@@ -20,6 +20,12 @@ struct ConnectionTiming
     int fastPollMs = 60;
     int mediumPollMs = 500;
 
+    // Teardown: how long the robot may take to confirm that the desktop's
+    // own services (the recorder) are gone before the session is closed
+    // anyway. The robot drops them itself when the session ends, so waiting
+    // longer gains nothing on a robot that does not answer.
+    int unregisterLimitMs = 300;
+
     // The reconnection manager's delays belong here too, beside the limits
     // above, so that one struct carries every delay a test would wait out.
 };

@@ -19,6 +19,13 @@ class LogListenerExecuter;
 // The robot's log messages, pushed to the application as they come, and the
 // robot-side filters that cut them down. The settings run on the pool and
 // never report a failure to the caller: the future simply ends.
+//
+// Messages are delivered on the application's main thread (the thread of
+// QCoreApplication). Those waiting for it are held in one queue of at most
+// queueLimit() messages: when the application falls further behind, the
+// oldest go, and logMessagesDropped(count) says how many went, just before
+// the next message delivered. So a stalled application costs a bounded
+// amount of memory, never a growing one.
 class NIMIOB_EXPORT LogListenerInterface
     : public QObject,
       public MorvaneInterface<LogListenerExecuter, ExecuterThread>
@@ -36,8 +43,15 @@ public:
     // The robot's verbosity; info (4) when it cannot be read.
     QFuture<wz::LogLevel> logLevel();
 
+    // Thread-safe; 10000 messages unless set, at least 1.
+    void setQueueLimit(int messages);
+    int queueLimit() const;
+
 signals:
     void onLogMessageReceived(wz::LogMessage message);
+    // `count` messages, the oldest waiting, were dropped since the last
+    // delivery because the application's thread did not keep up.
+    void logMessagesDropped(int count);
 };
 
 } // namespace RK

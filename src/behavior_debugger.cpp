@@ -54,6 +54,12 @@ void BehaviorDebugger::initialize(QString behaviorName)
     connect(m_instance, &BehaviorInstanceManager::errorInBox, this, &BehaviorDebugger::errorInBox);
     connect(m_instance, &BehaviorInstanceManager::errorStartingBehavior, this,
             &BehaviorDebugger::errorStartingBehavior);
+    connect(m_instance, &BehaviorInstanceManager::errorOccurred, this,
+            [this](const OperationError &error) {
+                OperationError mine = error;
+                mine.operation = QStringLiteral("startBehavior");
+                emit errorOccurred(mine);
+            });
     connect(m_instance, &BehaviorInstanceManager::stateChanged, this,
             &BehaviorDebugger::onStateChanged);
     if (m_instance->state() != BehaviorInstanceManager::Missing)

@@ -35,6 +35,17 @@ void waitRethrowingTheCause(Watcher *watcher)
     }
 }
 
+// The kind of failure, from the texts the framework and the executers use.
+ErrorCode codeOf(const QString &text)
+{
+    if (text.contains(QLatin1String("connection lost"))
+        || text.startsWith(QLatin1String("disconnected")))
+        return ErrorCode::ConnectionLost;
+    if (text.startsWith(QLatin1String("service \"")) && text.endsWith(QLatin1String("not found")))
+        return ErrorCode::ServiceMissing;
+    return ErrorCode::RobotFailed;
+}
+
 QString withoutUserPrefix(const QString &name)
 {
     return name.startsWith(k_userPrefix) ? name.mid(k_userPrefix.size()) : name;
@@ -112,6 +123,9 @@ void BehaviorInstanceManager::onConnectionReady(bool isKnownToBePresent)
             onBehaviorPresent(m_behaviorName, true);
         else
             b->isBehaviorPresent(m_behaviorName);
+        // Once, after the presence: a behaviour already running shows as
+        // Running, not Stopped, without waiting for the robot's next list.
+        b->requestRunningBehaviors();
     }
     if (const boost::shared_ptr<AutonomousLifeInterface> life
         = m_manager->autonomousLifeInterface()) {
@@ -196,7 +210,9 @@ void BehaviorInstanceManager::onBehaviorPreloaded()
     }
     try {
         waitRethrowingTheCause(watcher);
-        setState(Preloaded);
+        // A stop or a running list may have moved on meanwhile.
+        if (m_state == Preloading)
+            setState(Preloaded);
     } catch (const std::exception &e) {
         const QPair<QString, QString> parsed = parsePreloadError(QString::fromUtf8(e.what()));
         emit errorInBox(parsed.first, parsed.second);
@@ -282,7 +298,58 @@ void BehaviorInstanceManager::playBehaviorUponItsNature()
         return;
     }
     setState(Starting);
-    emit behaviors->playBehaviorRequested(m_behaviorName);
+    // By future rather than by playBehaviorRequested, so that a refusal
+    // ends Starting instead of staying in the robot's log.
+    auto *watcher = new QFutureWatcher<void>(this);
+    m_startWatcher = watcher;
+    connect(watcher, &QFutureWatcherBase::finished, this,
+            &BehaviorInstanceManager::onBehaviorStarted);
+    watcher->setFuture(behaviors->startBehavior(m_behaviorName));
+}
+
+void BehaviorInstanceManager::onBehaviorStarted()
+{
+    auto *watcher = dynamic_cast<QFutureWatcher<void> *>(sender());
+    if (!watcher)
+        return;
+    watcher->deleteLater();
+    bool stopWanted = false;
+    if (watcher == m_startWatcher) {
+        m_startWatcher = nullptr;
+        stopWanted = m_stopAfterStart;
+        m_stopAfterStart = false;
+    }
+    try {
+        waitRethrowingTheCause(watcher);
+    } catch (const std::exception &e) {
+        reportStartFailure(QStringLiteral("VXBehaviorManager::startBehavior"),
+                           QString::fromUtf8(e.what()));
+        if (m_state == Starting || (stopWanted && m_state == Stopping)) {
+            setState(Stopped);
+            // Refused because it runs already: the robot's list says so.
+            if (const boost::shared_ptr<BehaviorManagerInterface> behaviors
+                = m_manager->behaviorManagerInterface())
+                behaviors->requestRunningBehaviors();
+        }
+        return;
+    }
+    // Running comes with the robot's list; a stop asked for while the start
+    // was on its way goes now, after it.
+    if (stopWanted && m_state == Stopping)
+        requestStop(true);
+}
+
+void BehaviorInstanceManager::reportStartFailure(const QString &where, const QString &text)
+{
+    OperationError error;
+    error.operation = QStringLiteral("playBehavior");
+    error.code = codeOf(text);
+    error.title = tr("Starting behavior failed");
+    error.contents = tr("%1 failed.%2Your behavior %3 will not run.")
+                         .arg(where, QStringLiteral("\n"), m_behaviorName);
+    error.details = tr("The error was: %1").arg(text);
+    emit errorStartingBehavior(error.title, error.contents, error.details);
+    emit errorOccurred(error);
 }
 
 void BehaviorInstanceManager::onLifeFocusSwitched()
@@ -304,11 +371,7 @@ void BehaviorInstanceManager::onLifeFocusSwitched()
         logError(__FUNCTION__,
                  QStringLiteral("Failed to switch life's focus to ") + m_behaviorName
                      + QStringLiteral(", reason: ") + text);
-        emit errorStartingBehavior(tr("Starting behavior failed"),
-                                   tr("%1 failed.%2Your behavior %3 will not run.")
-                                       .arg(QStringLiteral("VXAutonomousLife::switchFocus"),
-                                            QStringLiteral("\n"), m_behaviorName),
-                                   tr("The error was: %1").arg(text));
+        reportStartFailure(QStringLiteral("VXAutonomousLife::switchFocus"), text);
         if (m_state != Missing)
             setState(Stopped);
     }
@@ -318,12 +381,37 @@ void BehaviorInstanceManager::stopBehavior()
 {
     if (m_state == Stopped || m_state == Missing)
         return;
+    if (!m_manager->behaviorManagerInterface())
+        return;
+    const State from = m_state;
+    setState(Stopping);
+    if (m_startWatcher) {
+        // The start and the stop would race on the pool: the stop waits for
+        // the start's outcome.
+        m_stopAfterStart = true;
+        return;
+    }
+    // Only a running behaviour makes the robot raise a new list; from any
+    // other state the stop's own answer ends Stopping.
+    requestStop(from != Running);
+}
+
+void BehaviorInstanceManager::requestStop(bool endsWhenTaken)
+{
     const boost::shared_ptr<BehaviorManagerInterface> behaviors
         = m_manager->behaviorManagerInterface();
-    if (!behaviors)
+    if (!behaviors) {
+        if (endsWhenTaken && m_state == Stopping)
+            setState(Stopped);
         return;
-    setState(Stopping);
-    behaviors->stopBehavior(m_behaviorName);
+    }
+    auto *watcher = new QFutureWatcher<void>(this);
+    connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher, endsWhenTaken] {
+        watcher->deleteLater();
+        if (endsWhenTaken && m_state == Stopping)
+            setState(Stopped);
+    });
+    watcher->setFuture(behaviors->stopBehavior(m_behaviorName));
 }
 
 void BehaviorInstanceManager::onRunningBehaviorsReceived(QStringList behaviors)

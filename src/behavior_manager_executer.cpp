@@ -215,6 +215,22 @@ void BehaviorManagerExecuter::playBehavior(QString behaviorToPlay)
     }
 }
 
+void BehaviorManagerExecuter::startBehavior(QString behaviorToPlay)
+{
+    const boost::shared_ptr<Connection> connection = m_connection.lock();
+    if (!connection)
+        throw std::runtime_error("connection lost");
+    const boost::shared_ptr<VX::VXProxy> proxy = connection->behaviorManager();
+    if (!proxy)
+        throw std::runtime_error("service \"VXBehaviorManager\" not found");
+    try {
+        proxy->call<void>("startBehavior", utf8(behaviorToPlay));
+    } catch (const std::exception &e) {
+        logError(__FUNCTION__, "Failed to start " + utf8(behaviorToPlay) + ", reason: " + e.what());
+        throw;
+    }
+}
+
 void BehaviorManagerExecuter::stopBehavior(QString behaviorToStop)
 {
     RK_BEHAVIOR_PROXY_OR_RETURN()

@@ -36,6 +36,8 @@ public:
     // Pool calls.
     // Raises the robot's error again so that it reaches the caller's future.
     void preloadBehavior(QString behaviorToPlay);
+    // The same for a start: the robot's refusal reaches the caller's future.
+    void startBehavior(QString behaviorToPlay);
     QStringList behaviorsInstalled();
     QStringList behaviorTags();
     bool isBehaviorRunning(QString name) const;

@@ -99,6 +99,11 @@ QFuture<void> BehaviorManagerInterface::preloadBehavior(QString behavior)
     return run(&E::preloadBehavior, behavior);
 }
 
+QFuture<void> BehaviorManagerInterface::startBehavior(QString behavior)
+{
+    return run(&E::startBehavior, behavior);
+}
+
 QFuture<void> BehaviorManagerInterface::stopBehavior(QString behavior)
 {
     return run(&E::stopBehavior, behavior);

@@ -76,6 +76,12 @@ void destroyOnOwnThread(QObject *object)
         delete object;
     } else if (home && home->isRunning()) {
         object->deleteLater();
+    } else if (QCoreApplication::instance()
+               && QThread::currentThread() == QCoreApplication::instance()->thread()) {
+        // The application's thread is never one an object of this library
+        // waits for; deleting here leaves no thread behind, which matters when
+        // the manager's destructor ends the last connection.
+        delete object;
     } else {
         // Its thread has ended, and this one may be a thread the object
         // waits for: it goes on a short thread of its own.
@@ -101,11 +107,8 @@ Connection::~Connection()
 {
     m_ready = false;
     m_address = QString();
-    if (m_recorderModule && m_recorderServiceId != 0) {
-        if (m_session && m_session->isConnected())
-            m_session->unregisterService(m_recorderServiceId).wait();
-        m_recorderServiceId = 0;
-    }
+    if (m_recorderModule)
+        unregisterServices();
     destroyProxiesConnections();
 }
 
@@ -460,20 +463,36 @@ boost::shared_ptr<VXSartel> Connection::sartelModule() const
     return module->sartelModule();
 }
 
-void Connection::destroyInterfaces()
+void Connection::unregisterServices()
 {
     // The recorder is a service of this session: it must not outlive its
-    // connection in the robot's directory.
-    if (m_recorderServiceId != 0) {
-        try {
-            if (m_session && m_session->isConnected())
-                m_session->unregisterService(m_recorderServiceId).wait();
-        } catch (const std::exception &e) {
+    // connection in the robot's directory. A robot that does not answer in
+    // time drops it anyway when the session closes, so the wait is bounded.
+    if (m_recorderServiceId == 0)
+        return;
+    const unsigned int id = m_recorderServiceId;
+    m_recorderServiceId = 0;
+    if (!m_session || !m_session->isConnected())
+        return;
+    try {
+        const wz::Future<void> done = m_session->unregisterService(id);
+        if (done.wait(std::max(0, m_timing.unregisterLimitMs)) == wz::FutureState_Running) {
             wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-                << "Could not unregister VXSartelRecorder: " << e.what();
+                << "The robot did not confirm within " << m_timing.unregisterLimitMs
+                << " ms that VXSartelRecorder is gone; closing anyway";
+        } else if (done.hasError(0)) {
+            wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
+                << "Could not unregister VXSartelRecorder: " << done.error(0);
         }
-        m_recorderServiceId = 0;
+    } catch (const std::exception &e) {
+        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
+            << "Could not unregister VXSartelRecorder: " << e.what();
     }
+}
+
+void Connection::destroyInterfaces()
+{
+    unregisterServices();
     releaseField(m_memoryInterface);
     releaseField(m_sartelModuleInterface);
     releaseField(m_recorderModule);

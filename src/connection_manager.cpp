@@ -9,6 +9,8 @@
 
 #include <boost/make_shared.hpp>
 
+#include <utility>
+
 #include <wz/log.h>
 
 namespace RK {
@@ -42,7 +44,9 @@ ConnectionManager::ConnectionManager(QObject *parent)
             &ConnectionManager::displayErrorRequested);
 }
 
-// No teardown here: an application that wants one calls disconnectBroker first.
+// The whole teardown, here and now: every session closes at once, so that
+// no remote call is waited for, and every worker and executer thread has
+// been joined when this returns.
 ConnectionManager::~ConnectionManager()
 {
     delete m_reconnectionManager;
@@ -50,24 +54,42 @@ ConnectionManager::~ConnectionManager()
     if (m_session && m_sessionLink != wz::SignalBase::invalidSignalLink)
         m_session->disconnected.disconnect(m_sessionLink);
     m_sessionLink = wz::SignalBase::invalidSignalLink;
+    boost::shared_ptr<Connection> current;
+    current.swap(m_connection);
+    m_threadsManager->shutdown(std::move(current));
     releaseCurrent();
 }
 
 void ConnectionManager::connectRemoteBroker(const std::string &address, int port,
                                             const QString &name)
 {
-    setConnecting(true);
-    m_name = name;
-    m_lastAddress = QString::fromLatin1(address.c_str());
-    m_lastPort = port;
-    m_lastName = name;
+    // A second attempt on the same robot would register the desktop's
+    // services a second time, which the robot refuses, and its failure
+    // would take the first connection down with it.
+    if (m_threadsManager->hasLiveWorkerFor(address, port)) {
+        wz::log::LogStream(wz::LogLevel_Warning, "con.connection", __FUNCTION__)
+            << "Refused a second connection to " << address << ":" << port;
+        emit displayErrorRequested(
+            tr("ConnectionError"), tr("Cannot connect to Morvane"),
+            tr("A connection to %1:%2 is already open or being made. Disconnect first.")
+                .arg(QString::fromStdString(address))
+                .arg(port),
+            false);
+        return;
+    }
 
     boost::shared_ptr<wz::Session> session = boost::make_shared<wz::Session>();
     // A place holder: the worker replaces it with the connection it builds.
     boost::shared_ptr<Connection> connection = boost::make_shared<Connection>(
         session.get(), QString::fromLatin1(address.c_str()), port, name);
     connection->setTiming(m_timing);
-    m_threadsManager->initConnection(session, connection, address, port, name);
+    if (!m_threadsManager->initConnection(session, connection, address, port, name))
+        return;
+    setConnecting(true);
+    m_name = name;
+    m_lastAddress = QString::fromLatin1(address.c_str());
+    m_lastPort = port;
+    m_lastName = name;
 }
 
 void ConnectionManager::connectRemoteBroker(const std::string &address, int port)
@@ -87,7 +109,7 @@ void ConnectionManager::destroyConnection()
         m_session->disconnected.disconnect(m_sessionLink);
         m_sessionLink = wz::SignalBase::invalidSignalLink;
     }
-    m_threadsManager->destroyConnection(m_session, m_connection);
+    m_threadsManager->destroyConnection();
     releaseCurrent();
     setConnecting(false);
     emit disconnected();
@@ -96,11 +118,14 @@ void ConnectionManager::destroyConnection()
 void ConnectionManager::onConnectionCreated(boost::shared_ptr<wz::Session> session,
                                             boost::shared_ptr<RK::Connection> connection)
 {
-    // A connection that replaces a working one: the old one is released
-    // without teardown, but it must not report its own end as our loss.
+    // A connection that replaces a working one (another robot's): the old
+    // one is torn down by its own worker, and must not report its own end
+    // as our loss.
     if (m_session && m_sessionLink != wz::SignalBase::invalidSignalLink)
         m_session->disconnected.disconnect(m_sessionLink);
     m_sessionLink = wz::SignalBase::invalidSignalLink;
+    if (m_connection)
+        m_threadsManager->retire(m_connection);
     // The connection before its session: it holds a plain pointer to it.
     m_connection = connection;
     m_session = session;
@@ -117,6 +142,17 @@ void ConnectionManager::onConnectionCreated(boost::shared_ptr<wz::Session> sessi
     emit connectionEstablished();
     setConnecting(false);
     m_disconnectionRequested = false;
+}
+
+void ConnectionManager::onConnectionFailed()
+{
+    // A failed attempt beside a working connection (to another robot) leaves
+    // that connection alone.
+    if (m_connection) {
+        setConnecting(false);
+        return;
+    }
+    destroyConnection();
 }
 
 void ConnectionManager::onSessionDisconnected(std::string error)

@@ -8,6 +8,7 @@
 #include <wz/log.h>
 
 #include <stdexcept>
+#include <utility>
 
 namespace RK {
 
@@ -31,7 +32,7 @@ ConnectionManager *ConnectionThreadsManager::connectionManager() const
     return static_cast<ConnectionManager *>(parent());
 }
 
-void ConnectionThreadsManager::initConnection(boost::shared_ptr<wz::Session> session,
+bool ConnectionThreadsManager::initConnection(boost::shared_ptr<wz::Session> session,
                                               boost::shared_ptr<Connection> connection,
                                               const std::string &address, int port,
                                               const QString &name)
@@ -39,7 +40,7 @@ void ConnectionThreadsManager::initConnection(boost::shared_ptr<wz::Session> ses
     if (m_threads.size() > a_maxWorkers - 1) {
         emit displayErrorRequested(tr("ConnectionError"), tr("Cannot connect to Morvane"),
                                    tr("Too much parallel connections, please wait a while"), false);
-        return;
+        return false;
     }
     // Workers are found again by name when they go, so names are never reused.
     static int counter = 0;
@@ -48,15 +49,49 @@ void ConnectionThreadsManager::initConnection(boost::shared_ptr<wz::Session> ses
     worker->initConnection(session, connection, address, port, name);
     connect(worker, &QObject::destroyed, this, &ConnectionThreadsManager::onThreadDestroyed);
     m_threads.append(worker);
+    return true;
 }
 
-// Every worker closes: there is no matching of a worker with its connection.
-void ConnectionThreadsManager::destroyConnection(boost::shared_ptr<wz::Session> session,
-                                                 boost::shared_ptr<Connection> connection)
+void ConnectionThreadsManager::destroyConnection()
 {
     const QList<ConnectionThread *> workers = m_threads;
     for (ConnectionThread *worker : workers)
-        worker->destroyConnection(session, connection);
+        worker->destroyConnection();
+}
+
+void ConnectionThreadsManager::retire(const boost::shared_ptr<Connection> &connection)
+{
+    const QList<ConnectionThread *> workers = m_threads;
+    for (ConnectionThread *worker : workers) {
+        if (worker->built(connection))
+            worker->destroyConnection();
+    }
+}
+
+void ConnectionThreadsManager::shutdown(boost::shared_ptr<Connection> current)
+{
+    // Nothing of what follows is news to anybody: the manager is going.
+    disconnect(this, nullptr, nullptr, nullptr);
+    const QList<ConnectionThread *> workers = m_threads;
+    m_threads.clear();
+    for (ConnectionThread *worker : workers) {
+        disconnect(worker, &QObject::destroyed, this, &ConnectionThreadsManager::onThreadDestroyed);
+        boost::shared_ptr<Connection> mine;
+        if (worker->built(current))
+            mine.swap(current);
+        worker->finishNow(std::move(mine));
+    }
+    for (ConnectionThread *worker : workers)
+        delete worker;
+}
+
+bool ConnectionThreadsManager::hasLiveWorkerFor(const std::string &address, int port) const
+{
+    for (const ConnectionThread *worker : m_threads) {
+        if (worker->isLive() && worker->isFor(address, port))
+            return true;
+    }
+    return false;
 }
 
 void ConnectionThreadsManager::onConnectionCreated(boost::shared_ptr<wz::Session> session,
@@ -69,7 +104,7 @@ void ConnectionThreadsManager::onConnectionFailed(const QString &errorMessage)
 {
     emit displayErrorRequested(tr("ConnectionError"), tr("Cannot connect to Morvane"), errorMessage,
                                false);
-    connectionManager()->destroyConnection();
+    connectionManager()->onConnectionFailed();
 }
 
 void ConnectionThreadsManager::onConnectionDestroyed() { }
@@ -93,9 +128,13 @@ void ConnectionThreadsManager::onThreadDestroyed(QObject *connectionThread)
 ConnectionThread::ConnectionThread(ConnectionThreadsManager *parent)
     : QObject(parent), m_initTask(new InitConnectionTask), m_destroyTask(new DestroyConnectionTask)
 {
+    // Named, so that a thread left behind would be recognisable.
+    m_thread.setObjectName(QStringLiteral("nimiob connection"));
     m_initTask->moveToThread(&m_thread);
     m_destroyTask->moveToThread(&m_thread);
 
+    // The tasks go with the thread, never before: a teardown may be posted
+    // to the destroy task at any time until then.
     connect(&m_thread, &QThread::finished, m_initTask, &QObject::deleteLater);
     connect(m_initTask, &InitConnectionTask::finished, this, &ConnectionThread::onConnectionCreated,
             Qt::QueuedConnection);
@@ -105,13 +144,17 @@ ConnectionThread::ConnectionThread(ConnectionThreadsManager *parent)
             &ConnectionThread::onConnectionFailed, Qt::QueuedConnection);
     connect(&m_thread, &QThread::finished, m_destroyTask, &QObject::deleteLater);
     connect(m_destroyTask, &DestroyConnectionTask::finished, this,
-            &ConnectionThread::onConnectionDestroyed);
+            &ConnectionThread::onConnectionDestroyed, Qt::QueuedConnection);
 
     m_thread.start(QThread::InheritPriority);
 }
 
 ConnectionThread::~ConnectionThread()
 {
+    // A session still open (a failed attempt's, say) closes before the
+    // thread is joined, so that nothing on that thread waits on the robot.
+    if (m_session)
+        m_session->close();
     m_thread.quit();
     m_thread.wait();
 }
@@ -125,6 +168,10 @@ void ConnectionThread::initConnection(boost::shared_ptr<wz::Session> session,
                                       boost::shared_ptr<Connection> connection,
                                       const std::string &address, int port, const QString &name)
 {
+    m_session = session;
+    m_address = address;
+    m_port = port;
+    m_attempting = true;
     InitConnectionTask *task = m_initTask;
     QMetaObject::invokeMethod(
         task,
@@ -134,39 +181,78 @@ void ConnectionThread::initConnection(boost::shared_ptr<wz::Session> session,
         Qt::QueuedConnection);
 }
 
-void ConnectionThread::destroyConnection(boost::shared_ptr<wz::Session> session,
-                                         boost::shared_ptr<Connection> connection)
+void ConnectionThread::destroyConnection()
 {
     if (m_destroying)
         return;
     m_destroying = true;
-
-    if (m_initTask) {
-        // The attempt is still running: let it finish undisturbed, then close
-        // whatever it built, telling nobody.
-        QObject::disconnect(m_initTask, nullptr, nullptr, nullptr);
-        connect(m_initTask, &InitConnectionTask::finished, m_destroyTask,
-                &DestroyConnectionTask::execute, Qt::QueuedConnection);
+    if (m_attempting) {
+        // The attempt ends on its own thread, soon, with a failure (or, if it
+        // was just done, a success) that comes back here and is closed
+        // without telling anybody.
+        m_initTask->abandon();
+        if (m_session)
+            m_session->close();
         return;
     }
+    postTeardown(m_built.lock());
+}
+
+void ConnectionThread::postTeardown(boost::shared_ptr<Connection> connection)
+{
+    if (m_tornDown)
+        return;
+    m_tornDown = true;
     DestroyConnectionTask *task = m_destroyTask;
+    const boost::shared_ptr<wz::Session> session = m_session;
     QMetaObject::invokeMethod(
         task, [task, session, connection]() { task->execute(session, connection); },
         Qt::QueuedConnection);
 }
 
+void ConnectionThread::finishNow(boost::shared_ptr<Connection> current)
+{
+    m_destroying = true;
+    disconnect(m_initTask, nullptr, this, nullptr);
+    disconnect(m_destroyTask, nullptr, this, nullptr);
+    // Closed here and now: every call still waiting on the robot, the
+    // attempt's own included, ends at once.
+    m_initTask->abandon();
+    if (m_session)
+        m_session->close();
+    if (m_attempting) {
+        // The attempt may be inside its readiness wait, a local event loop:
+        // quitting ends that too, and the closed session makes it give up.
+        // What it built goes with the queued result that nobody reads.
+        m_thread.quit();
+    } else {
+        boost::shared_ptr<Connection> connection = current ? std::move(current) : m_built.lock();
+        DestroyConnectionTask *task = m_destroyTask;
+        boost::shared_ptr<wz::Session> session = m_session;
+        // The connection's last owner lets go on its own thread.
+        QMetaObject::invokeMethod(
+            task,
+            [task, session = std::move(session), connection = std::move(connection)]() mutable {
+                if (!task->done())
+                    task->execute(std::move(session), std::move(connection));
+                connection.reset();
+                session.reset();
+                QThread::currentThread()->quit();
+            },
+            Qt::QueuedConnection);
+    }
+    m_thread.wait();
+    m_session.reset();
+}
+
 void ConnectionThread::onConnectionCreated(boost::shared_ptr<wz::Session> session,
                                            boost::shared_ptr<Connection> connection)
 {
-    m_initTask->deleteLater();
-    m_initTask = nullptr;
+    m_attempting = false;
+    m_built = connection;
     if (m_destroying) {
-        // The result was already on its way when the teardown rerouted the
-        // task: close it here instead of handing it out.
-        DestroyConnectionTask *task = m_destroyTask;
-        QMetaObject::invokeMethod(
-            task, [task, session, connection]() { task->execute(session, connection); },
-            Qt::QueuedConnection);
+        // Abandoned while it was finishing: close it instead of handing it out.
+        postTeardown(connection);
         return;
     }
     manager()->onConnectionCreated(session, connection);
@@ -174,18 +260,19 @@ void ConnectionThread::onConnectionCreated(boost::shared_ptr<wz::Session> sessio
 
 void ConnectionThread::onConnectionFailed(QString errorMessage)
 {
-    m_initTask->deleteLater();
-    m_initTask = nullptr;
+    m_attempting = false;
     // A failure that crossed a teardown is no longer anybody's business.
-    if (!m_destroying)
-        manager()->onConnectionFailed(errorMessage);
+    const bool report = !m_destroying;
+    m_destroying = true;
+    if (m_session)
+        m_session->close();
     deleteLater();
+    if (report)
+        manager()->onConnectionFailed(errorMessage);
 }
 
 void ConnectionThread::onConnectionDestroyed()
 {
-    m_destroyTask->deleteLater();
-    m_destroyTask = nullptr;
     manager()->onConnectionDestroyed();
     deleteLater();
 }
@@ -214,6 +301,12 @@ void InitConnectionTask::execute(boost::shared_ptr<wz::Session> session,
         if (!url.isValid())
             throw std::runtime_error(url.error());
         session->connect(url).value();
+        // Abandoned before the link was up: closing it then came too early
+        // to end it.
+        if (m_abandoned) {
+            session->close();
+            throw std::runtime_error("disconnected: the attempt was abandoned");
+        }
     } catch (const std::exception &e) {
         emit sessionConnectionFailed(QString::fromUtf8(e.what()));
         return;
@@ -239,19 +332,24 @@ void InitConnectionTask::execute(boost::shared_ptr<wz::Session> session,
 void DestroyConnectionTask::execute(boost::shared_ptr<wz::Session> session,
                                     boost::shared_ptr<Connection> connection)
 {
+    m_done = true;
+    // While the session is still open: a bounded wait.
     if (connection)
-        connection->destroyInterfaces();
-    // If this was the last owner the connection goes here, on its own thread.
-    connection.reset();
+        connection->unregisterServices();
+    // Closing fails every remote call in flight at once, so that the
+    // executers joined below are not waiting on the robot.
     if (session) {
-        // The worker must still report, or it would hold its place for ever.
         try {
-            session->close().value();
+            session->close();
         } catch (const std::exception &e) {
             wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
                 << "Closing the session failed: " << e.what();
         }
     }
+    if (connection)
+        connection->destroyInterfaces();
+    // If this was the last owner the connection goes here, on its own thread.
+    connection.reset();
     session.reset();
     emit finished();
 }

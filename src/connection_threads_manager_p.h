@@ -26,7 +26,8 @@ class ConnectionThreadsManager : public QObject
 
 public:
     // How many workers may be alive at once: attempts, connections and
-    // connections still closing all count.
+    // connections still closing all count. An abandoned attempt counts until
+    // it has ended, which closing its session makes prompt.
     static const int a_maxWorkers = 10;
 
     explicit ConnectionThreadsManager(ConnectionManager *parent);
@@ -34,11 +35,21 @@ public:
 
     ConnectionManager *connectionManager() const;
 
-    void initConnection(boost::shared_ptr<wz::Session> session,
+    // False, with displayErrorRequested, when no worker can be started.
+    bool initConnection(boost::shared_ptr<wz::Session> session,
                         boost::shared_ptr<Connection> connection, const std::string &address,
                         int port, const QString &name);
-    void destroyConnection(boost::shared_ptr<wz::Session> session,
-                           boost::shared_ptr<Connection> connection);
+    // Every worker tears down what it built.
+    void destroyConnection();
+    // Only the worker that built `connection` tears down: a connection that
+    // another one replaced.
+    void retire(const boost::shared_ptr<Connection> &connection);
+    // Ends every worker before returning, on this thread; `current` is the
+    // connection the manager still holds, null when none. Nothing is
+    // reported any more.
+    void shutdown(boost::shared_ptr<Connection> current);
+    // A worker attempting, or serving, a connection to this robot.
+    bool hasLiveWorkerFor(const std::string &address, int port) const;
 
     void onConnectionCreated(boost::shared_ptr<wz::Session> session,
                              boost::shared_ptr<Connection> connection);

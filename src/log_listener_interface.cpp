@@ -13,7 +13,22 @@ LogListenerInterface::LogListenerInterface(boost::shared_ptr<Connection> connect
 {
     qRegisterMetaType<wz::LogMessage>("wz::LogMessage");
     qRegisterMetaType<wz::LogLevel>("wz::LogLevel");
-    forward(&LogListenerExecuter::onLogMessage, this, &LogListenerInterface::onLogMessageReceived);
+    // Direct: the executer emits on the application's thread already, and a
+    // second queued hop would be a second, unbounded queue.
+    QObject::connect(m_executer.get(), &LogListenerExecuter::onLogMessage, this,
+                     &LogListenerInterface::onLogMessageReceived, Qt::DirectConnection);
+    QObject::connect(m_executer.get(), &LogListenerExecuter::messagesDropped, this,
+                     &LogListenerInterface::logMessagesDropped, Qt::DirectConnection);
+}
+
+void LogListenerInterface::setQueueLimit(int messages)
+{
+    m_executer->setQueueLimit(messages);
+}
+
+int LogListenerInterface::queueLimit() const
+{
+    return m_executer->queueLimit();
 }
 
 LogListenerInterface::~LogListenerInterface() = default;

@@ -11,6 +11,7 @@
 
 #include <wz/log.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace RK {
@@ -87,7 +88,10 @@ VXSartelExecuter::~VXSartelExecuter()
         wz::Session *session = connection->session();
         if (session && session->isConnected() && m_moduleServiceId != 0) {
             try {
-                session->unregisterService(m_moduleServiceId).wait(wz::FutureTimeout_Infinite);
+                // Bounded: a robot that does not answer drops the name
+                // itself when the session closes.
+                session->unregisterService(m_moduleServiceId)
+                    .wait(std::max(0, connection->timing().unregisterLimitMs));
             } catch (const std::exception &) {
                 // The session is going: the directory drops the name with it.
             }

@@ -228,6 +228,29 @@ ProtectedBuffer *VideoDeviceExecuter::tryTake(const boost::shared_ptr<ProtectedB
     return nullptr;
 }
 
+// A slow reader skips an image every period: one line per interval says
+// how many went and why, instead of one line per image.
+void VideoDeviceExecuter::skipImage(SkipReason reason, int count)
+{
+    ++m_skipped;
+    ++m_skippedSinceReport;
+    if (m_skipReportClock.isValid() && !m_skipReportClock.hasExpired(a_skipReportIntervalMs))
+        return;
+    const bool first = !m_skipReportClock.isValid();
+    const qint64 elapsedMs = first ? 0 : m_skipReportClock.elapsed();
+    m_skipReportClock.start();
+    wz::log::LogStream line(wz::LogLevel_Warning, k_category, "requestNewImage");
+    line << "Skipped " << m_skippedSinceReport << " image(s)";
+    if (!first)
+        line << " in the last " << (elapsedMs + 500) / 1000 << " s";
+    if (reason == SkipReason::ImagesHeld)
+        line << ": the application has not yet taken the last " << count
+             << " images (queued to it or still held), so the robot is not asked for more";
+    else
+        line << ": both image buffers are locked by the application";
+    m_skippedSinceReport = 0;
+}
+
 void VideoDeviceExecuter::requestNewImage()
 {
     const boost::shared_ptr<Connection> connection = m_connection.lock();
@@ -243,9 +266,9 @@ void VideoDeviceExecuter::requestNewImage()
     m_sent.erase(std::remove_if(m_sent.begin(), m_sent.end(),
                                 [](const boost::weak_ptr<VX::VXValue> &w) { return w.expired(); }),
                  m_sent.end());
-    if (heldImages() >= a_maxHeldImages) {
-        logError(__FUNCTION__) << "Skipped image. The buffers are occupied.";
-        ++m_skipped;
+    const int held = heldImages();
+    if (held >= a_maxHeldImages) {
+        skipImage(SkipReason::ImagesHeld, held);
         return;
     }
     try {
@@ -274,8 +297,7 @@ void VideoDeviceExecuter::requestNewImage()
         if (!buffer)
             buffer = tryTake(m_bufferTwo);
         if (!buffer) {
-            logError(__FUNCTION__) << "Skipped image. The buffers are occupied.";
-            ++m_skipped;
+            skipImage(SkipReason::BuffersLocked, 2);
             return;
         }
         const uint64_t needed = uint64_t(4) * static_cast<uint64_t>(width) * height;

@@ -2,6 +2,7 @@
 
 #include <connection/video_device_interface.h>
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 #include <QTimer>
@@ -27,6 +28,8 @@ public:
     // Images the application may hold (queued or in use) before polls are
     // skipped.
     static const int a_maxHeldImages = 3;
+    // At most one line about skipped images in this time.
+    static const int a_skipReportIntervalMs = 5000;
 
     explicit VideoDeviceExecuter(boost::shared_ptr<Connection> connection);
     // Unsubscribes from the robot, and tells nobody: the interface is going.
@@ -57,6 +60,8 @@ private:
     void stopped(bool isok);
     bool subscribeOlderRoute(int quality);
     int heldImages() const;
+    enum class SkipReason { ImagesHeld, BuffersLocked };
+    void skipImage(SkipReason reason, int count);
     ProtectedBuffer *tryTake(const boost::shared_ptr<ProtectedBuffer> &buffer);
 
     boost::weak_ptr<Connection> m_connection;
@@ -73,6 +78,9 @@ private:
     // Images signalled lately, to see how many the application still holds.
     std::deque<boost::weak_ptr<VX::VXValue>> m_sent;
     std::atomic<int> m_skipped {0};
+    // Skips are reported at most once an interval, with their count.
+    QElapsedTimer m_skipReportClock;
+    int m_skippedSinceReport = 0;
     bool m_destroying = false;
 };
 

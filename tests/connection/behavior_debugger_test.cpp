@@ -190,6 +190,34 @@ TEST_F(BehaviorDebuggerTest, AnUnchangedLevelSendsNothingAndAMissingIdLeavesItPr
     EXPECT_TRUE(debugger->frameManagerId().isEmpty());
 }
 
+// Stopped before it was started, the debugger can load again; a start the
+// robot refuses is reported and ends the run.
+TEST_F(BehaviorDebuggerTest, AStopBeforeTheStartAndARefusedStartCanBeLeft)
+{
+    QSignalSpy loaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);
+    QSignalSpy stopped(debugger.get(), &RK::BehaviorDebugger::behaviorStopped);
+    QSignalSpy startError(debugger.get(), &RK::BehaviorDebugger::errorStartingBehavior);
+    QSignalSpy typed(debugger.get(), &RK::BehaviorDebugger::errorOccurred);
+    debugger->initialize("plain");
+    ASSERT_TRUE(processUntil([&] { return loaded.count() == 1; }));
+    debugger->stopBehavior();
+    ASSERT_TRUE(processUntil([&] { return stopped.count() == 1; }));
+    EXPECT_TRUE(debugger->isStopped());
+    debugger->loadBehavior();
+    ASSERT_TRUE(processUntil([&] { return loaded.count() == 2; }));
+
+    robot().scenario().failMethod("VXBehaviorManager", "startBehavior", "the robot is busy");
+    debugger->startBehavior();
+    ASSERT_TRUE(processUntil([&] { return stopped.count() == 2; }));
+    ASSERT_EQ(startError.count(), 1);
+    EXPECT_TRUE(startError.at(0).at(2).toString().endsWith("the robot is busy"))
+        << startError.at(0).at(2).toString().toStdString();
+    ASSERT_EQ(typed.count(), 1);
+    EXPECT_EQ(typed.at(0).at(0).value<RK::OperationError>().operation, "startBehavior");
+    EXPECT_TRUE(debugger->isStopped());
+    EXPECT_FALSE(debugger->isRunning());
+}
+
 TEST_F(BehaviorDebuggerTest, DisconnectionWhileRunning)
 {
     QSignalSpy loaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);

@@ -245,6 +245,89 @@ TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
     ASSERT_TRUE(log.waitFor(State::Missing));
 }
 
+// A start the robot refuses ends Starting, with the robot's text.
+TEST_F(BehaviorManagerTest, ARefusedStartEndsInStoppedWithTheRobotsText)
+{
+    connect();
+    QSignalSpy added(manager()->behaviorManagerInterface().get(),
+                     &RK::BehaviorManagerInterface::behaviorAdded);
+    behaviors().install("broken", "box Say in x\npreload-error Say: the sound file is missing\n");
+    ASSERT_TRUE(processUntil([&] { return added.count() == 1; }));
+    BehaviorInstanceManager broken(manager(), "broken", QString(), true);
+    StateLog log(&broken);
+    QSignalSpy startError(&broken, &BehaviorInstanceManager::errorStartingBehavior);
+    QSignalSpy typed(&broken, &BehaviorInstanceManager::errorOccurred);
+    broken.playBehavior();
+    ASSERT_TRUE(log.waitFor(State::Stopped));
+    EXPECT_EQ(log.states, (std::vector<State> {State::Starting, State::Stopped}));
+    ASSERT_EQ(startError.count(), 1);
+    EXPECT_EQ(startError.at(0).at(1).toString(),
+              "VXBehaviorManager::startBehavior failed.\nYour behavior broken will not run.");
+    EXPECT_TRUE(startError.at(0).at(2).toString().contains("the sound file is missing"))
+        << startError.at(0).at(2).toString().toStdString();
+    ASSERT_EQ(typed.count(), 1);
+    const auto error = typed.at(0).at(0).value<RK::OperationError>();
+    EXPECT_EQ(error.operation, "playBehavior");
+    EXPECT_EQ(error.code, RK::ErrorCode::RobotFailed);
+    EXPECT_EQ(error.details, startError.at(0).at(2).toString());
+
+    // Already running on the robot: the new instance shows it, a second
+    // start is refused, and the robot's list brings Running back.
+    behaviors().startBehavior("plain");
+    BehaviorInstanceManager plain(manager(), "plain", QString(), false);
+    StateLog plainLog(&plain);
+    QSignalSpy plainError(&plain, &BehaviorInstanceManager::errorStartingBehavior);
+    ASSERT_TRUE(plainLog.waitFor(State::Running));
+    EXPECT_EQ(plainLog.states, (std::vector<State> {State::Stopped, State::Running}));
+    plainLog.states.clear();
+    plain.playBehavior();
+    ASSERT_TRUE(processUntil([&] { return plainError.count() == 1; }));
+    EXPECT_TRUE(plainError.at(0).at(2).toString().contains("already running"));
+    ASSERT_TRUE(plainLog.waitFor(State::Running));
+    EXPECT_EQ(plainLog.states,
+              (std::vector<State> {State::Starting, State::Stopped, State::Running}));
+}
+
+// A stop before the behaviour runs ends in Stopped, so that it can be
+// loaded again; a stop during a start lets the start through, then stops.
+TEST_F(BehaviorManagerTest, AStopBeforeRunningEndsInStopped)
+{
+    connect();
+    BehaviorInstanceManager instance(manager(), "plain", QString(), true);
+    StateLog log(&instance);
+    QSignalSpy lists(manager()->behaviorManagerInterface().get(),
+                     &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
+    // The list the new instance asks for, before anything else happens.
+    ASSERT_TRUE(processUntil([&] { return lists.count() >= 1; }));
+    instance.preloadBehavior();
+    ASSERT_TRUE(log.waitFor(State::Preloaded));
+    log.states.clear();
+    instance.stopBehavior();
+    ASSERT_TRUE(log.waitFor(State::Stopped));
+    EXPECT_EQ(log.states, (std::vector<State> {State::Stopping, State::Stopped}));
+    instance.preloadBehavior();
+    ASSERT_TRUE(log.waitFor(State::Preloaded));
+
+    // From Starting, the robot slow to start.
+    robot().scenario().delayMethod("VXBehaviorManager", "startBehavior",
+                                   std::chrono::milliseconds(200));
+    log.states.clear();
+    instance.playBehavior();
+    ASSERT_EQ(instance.state(), State::Starting);
+    instance.stopBehavior();
+    ASSERT_EQ(instance.state(), State::Stopping);
+    // The robot's last list, raised by the stop, names nothing.
+    ASSERT_TRUE(processUntil([&] {
+        return instance.state() == State::Stopped && !behaviors().isRunning("plain")
+            && lists.count() > 0 && !lists.last().at(0).toStringList().contains("plain")
+            && robot().scenario().callCount("VXBehaviorManager", "stopBehavior") >= 2;
+    }));
+    EXPECT_EQ(log.states.front(), State::Starting);
+    EXPECT_EQ(log.states.back(), State::Stopped);
+    instance.preloadBehavior();
+    ASSERT_TRUE(log.waitFor(State::Preloaded));
+}
+
 TEST_F(BehaviorManagerTest, LifeInterfaceReadsAndChangesTheState)
 {
     connect();

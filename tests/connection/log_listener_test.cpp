@@ -6,12 +6,19 @@
 #include <connection/log_listener_interface.h>
 
 #include "executer_thread_p.h"
+#include "log_listener_executer_p.h"
 
 #include <sim/device_services.h>
 
 #include <wz/log.h>
 
+#include <QDeadlineTimer>
+
+#include <algorithm>
+#include <chrono>
 #include <memory>
+#include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -125,6 +132,63 @@ TEST_F(LogListenerTest, ARobotWithoutLogManager)
     EXPECT_EQ(logs->logLevel().result(), wz::LogLevel_Info);
     logs->setLogLevel(wz::LogLevel_Debug).waitForFinished();
     logs->clearFilters().waitForFinished();
+}
+
+// The application's thread stalls while the robot logs 20,000 messages a
+// second: the queue to it stays within its limit, the oldest go, and what
+// it is told adds up exactly to what the robot sent.
+TEST_F(LogListenerTest, AStalledReaderKeepsABoundedQueueAndLearnsWhatWasDropped)
+{
+    const auto logs = connect();
+    ASSERT_TRUE(logs);
+    // Only the chatter comes: every message dropped or delivered is one of it.
+    logs->setCategory(QStringLiteral("*"), wz::LogLevel_Silent).waitForFinished();
+    logs->setCategory(QStringLiteral("test.chatter"), wz::LogLevel_Debug).waitForFinished();
+    EXPECT_EQ(logs->queueLimit(), 10000);
+    logs->setQueueLimit(500);
+    EXPECT_EQ(logs->queueLimit(), 500);
+
+    // Each message must be the next one sent, counting those said dropped.
+    uint64_t expected = robot().serviceAs<sim::LogManagerService>("LogManager")->sent();
+    const uint64_t first = expected;
+    int outOfOrder = 0;
+    uint64_t droppedTold = 0;
+    QObject::connect(logs.get(), &RK::LogListenerInterface::logMessagesDropped,
+                     recorder->manager.get(), [&](int count) {
+                         expected += static_cast<uint64_t>(count);
+                         droppedTold += static_cast<uint64_t>(count);
+                     });
+    QObject::connect(logs.get(), &RK::LogListenerInterface::onLogMessageReceived,
+                     recorder->manager.get(), [&](const wz::LogMessage &m) {
+                         if (m.category != "test.chatter")
+                             return;
+                         if (m.message != "chatter " + std::to_string(expected))
+                             ++outOfOrder;
+                         expected = std::stoull(m.message.substr(8)) + 1;
+                     });
+
+    RK::LogListenerExecuter *executer = logs->executer();
+    chatter({20000, "test.chatter", wz::LogLevel_Warning});
+    // The stall: no event of this thread runs until 3,000 have arrived.
+    int mostPending = 0;
+    QDeadlineTimer deadline(8000);
+    while (executer->stats().received < 3000 && !deadline.hasExpired()) {
+        mostPending = std::max(mostPending, executer->stats().pending);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    chatter({0, "test.chatter", wz::LogLevel_Warning});
+    const uint64_t end = robot().serviceAs<sim::LogManagerService>("LogManager")->sent();
+    const RK::LogListenerExecuter::Stats stalled = executer->stats();
+    ASSERT_GE(stalled.received, 3000u);
+    EXPECT_LE(mostPending, 500);
+    EXPECT_LE(stalled.pending, 500);
+    EXPECT_GE(stalled.dropped, 2500u);
+
+    ASSERT_TRUE(test::processUntil([&] { return expected >= end; }));
+    EXPECT_EQ(expected, end);
+    EXPECT_EQ(outOfOrder, 0);
+    EXPECT_EQ(droppedTold, executer->stats().dropped);
+    EXPECT_EQ(texts("test.chatter").size() + droppedTold, end - first);
 }
 
 TEST_F(LogListenerTest, TeardownWhileMessagesFlow)

@@ -1,5 +1,7 @@
 #include "robot_fixture.h"
 
+#include <wz/log.h>
+
 #include <connection/connection.h>
 #include <connection/video_device_interface.h>
 
@@ -220,9 +222,19 @@ TEST_F(VideoTest, AcquisitionBuffersPauseResumeAndRestart)
 
 TEST_F(VideoTest, ImagesHeldByTheApplicationSkipPolls)
 {
+    wz::log::LogCapture logs;
     keepRaw = true;
     video->startVideo(20, 0, one, two);
-    ASSERT_TRUE(test::processUntil([&] { return video->skippedImages() > 2; }));
+    // A poll every 20 ms: a dozen skipped, and one line that says why, not
+    // a line for each (the buffers themselves are free all along).
+    ASSERT_TRUE(test::processUntil([&] { return video->skippedImages() > 12; }));
+    const auto lines = logs.find("con.videoE", "Skipped");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].message.find("Skipped 1 image(s): the application has not yet taken the "
+                                    "last 3 images"),
+              std::string::npos)
+        << lines[0].message;
+    EXPECT_EQ(lines[0].message.find("buffers"), std::string::npos) << lines[0].message;
     EXPECT_EQ(raws.size(), 3u);
     raws.clear();
     const size_t mark = images.size();

@@ -3,12 +3,19 @@
 
 #include "wz_test_support.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
 
 using wz::AnyValue;
 using wztest::errorOf;
@@ -383,6 +390,46 @@ TEST(WzSessionSetup, ConnectAndListenFailuresAreExplained)
     ASSERT_FALSE(a.listen(wz::Url("tcp://127.0.0.1:0")).hasError());
     wz::Session b;
     EXPECT_NE(b.listen(a.endpoints()[0]).error().find("cannot listen"), std::string::npos);
+}
+
+// A connect to a peer that never completes the handshake (its accept queue
+// is full, so the system drops the SYNs): close() ends it at once, not after
+// the system's own connect time-out of minutes.
+TEST(WzSessionSetup, CloseEndsAConnectStillUnderWay)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in addr {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(listener, 0), 0);
+    socklen_t length = sizeof addr;
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr *>(&addr), &length), 0);
+    std::vector<int> fillers;
+    for (int i = 0; i < 4; ++i) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr);
+        fillers.push_back(fd);
+    }
+    const auto cleanup = [&] {
+        for (int fd : fillers)
+            ::close(fd);
+        ::close(listener);
+    };
+
+    wz::Session s;
+    const wz::Future<void> connecting
+        = s.connect(wz::Url("tcp://127.0.0.1:" + std::to_string(ntohs(addr.sin_port))));
+    if (connecting.wait(300) != wz::FutureState_Running) {
+        cleanup();
+        GTEST_SKIP() << "the system completed the handshake: " << connecting.error(0);
+    }
+    s.close();
+    EXPECT_NE(connecting.wait(2000), wz::FutureState_Running);
+    EXPECT_EQ(connecting.error(0), "disconnected: session closed");
+    EXPECT_FALSE(s.isConnected());
+    cleanup();
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <wz/log.h>
 
+#include <pthread.h>
 #include <thread>
 
 namespace wz {
@@ -35,6 +36,7 @@ IoRuntime::IoRuntime()
     // handlers still run in its own strand, so more threads stay an option.
     for (int i = 0; i < kIoThreads; ++i) {
         std::thread([this]() {
+            pthread_setname_np(pthread_self(), "wz io");
             for (;;) {
                 try {
                     m_io.run();

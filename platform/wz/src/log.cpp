@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
 #include <set>
 #include <string>
 #include <thread>
@@ -106,7 +107,10 @@ private:
 
     StderrWriter()
     {
-        std::thread([this]() { run(); }).detach();
+        std::thread([this]() {
+            pthread_setname_np(pthread_self(), "wz log");
+            run();
+        }).detach();
         std::atexit([]() { instance().drain(std::chrono::seconds(1)); });
     }
 

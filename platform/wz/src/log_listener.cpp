@@ -9,6 +9,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <pthread.h>
 #include <stdexcept>
 #include <thread>
 
@@ -195,7 +196,10 @@ public:
                 s->push(m);
         });
         std::shared_ptr<ListenerShared> shared = m_shared;
-        m_thread = std::thread([shared] { shared->run(); });
+        m_thread = std::thread([shared] {
+            pthread_setname_np(pthread_self(), "wz log sender");
+            shared->run();
+        });
     }
 
     void setCategory(const std::string &category, LogLevel level)

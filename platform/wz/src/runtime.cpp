@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -278,7 +279,10 @@ void FrameworkPool::spawn()
 {
     ++m_threads;
     try {
-        std::thread([this]() { run(); }).detach();
+        std::thread([this]() {
+            pthread_setname_np(pthread_self(), "wz pool");
+            run();
+        }).detach();
     } catch (const std::system_error &e) {
         --m_threads;
         log::LogStream(LogLevel_Error, "wz.pool", __FUNCTION__)

@@ -178,45 +178,53 @@ Future<void> SessionImpl::connect(const Url &url)
     auto self = shared_from_this();
     const tcp::endpoint ep(address, url.port());
     uint64_t generation;
+    uint64_t connectId;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         generation = m_generation;
+        connectId = m_nextConnectId++;
+        m_connecting[connectId] = PendingConnect {socket, promise};
     }
-    asio::post(
-        IoRuntime::instance().context(), [self, socket, promise, url, ep, generation]() mutable {
-            socket->async_connect(
-                ep,
-                [self, socket, promise, url,
-                 generation](const boost::system::error_code &ec) mutable {
-                    if (ec) {
-                        promise.setError("cannot connect to " + url.str() + ": " + ec.message());
-                        return;
-                    }
-                    tuneSocket(*socket);
-                    const std::string peer = peerIdOf(*socket);
-                    std::shared_ptr<PeerLink> conn;
-                    std::shared_ptr<PeerLink> old;
-                    {
-                        std::lock_guard<std::mutex> lock(self->m_mutex);
-                        if (self->m_generation != generation) {
-                            promise.setError("disconnected: session closed");
-                            return;
-                        }
-                        conn = std::make_shared<PeerLink>(self, std::move(*socket), peer,
-                                                          self->m_heartbeat);
-                        old = std::move(self->m_directory);
-                        self->m_directory = conn;
-                        self->m_directoryUrl = url;
-                        self->m_registeredRemotely.clear();
-                    }
-                    if (old)
-                        old->close("disconnected: replaced by a new connection");
-                    conn->start();
-                    log::LogStream(LogLevel_Info, kSession, "connect")
-                        << "connected to " << url.str();
-                    promise.setValue();
-                });
-        });
+    asio::post(IoRuntime::instance().context(),
+               [self, socket, promise, url, ep, generation, connectId]() mutable {
+                   socket->async_connect(
+                       ep,
+                       [self, socket, promise, url, generation,
+                        connectId](const boost::system::error_code &ec) mutable {
+                           {
+                               std::lock_guard<std::mutex> lock(self->m_mutex);
+                               self->m_connecting.erase(connectId);
+                           }
+                           if (ec) {
+                               promise.setError("cannot connect to " + url.str() + ": "
+                                                + ec.message());
+                               return;
+                           }
+                           tuneSocket(*socket);
+                           const std::string peer = peerIdOf(*socket);
+                           std::shared_ptr<PeerLink> conn;
+                           std::shared_ptr<PeerLink> old;
+                           {
+                               std::lock_guard<std::mutex> lock(self->m_mutex);
+                               if (self->m_generation != generation) {
+                                   promise.setError("disconnected: session closed");
+                                   return;
+                               }
+                               conn = std::make_shared<PeerLink>(self, std::move(*socket), peer,
+                                                                 self->m_heartbeat);
+                               old = std::move(self->m_directory);
+                               self->m_directory = conn;
+                               self->m_directoryUrl = url;
+                               self->m_registeredRemotely.clear();
+                           }
+                           if (old)
+                               old->close("disconnected: replaced by a new connection");
+                           conn->start();
+                           log::LogStream(LogLevel_Info, kSession, "connect")
+                               << "connected to " << url.str();
+                           promise.setValue();
+                       });
+               });
     return promise.future();
 }
 
@@ -226,9 +234,11 @@ void SessionImpl::close(const std::string &reason)
     std::map<std::string, std::shared_ptr<PeerLink>> peers;
     std::map<unsigned, ServiceEntry> services;
     std::shared_ptr<PeerLink> directory;
+    std::map<uint64_t, PendingConnect> connecting;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         ++m_generation;
+        connecting.swap(m_connecting);
         acceptors.swap(m_acceptors);
         m_endpoints.clear();
         peers.swap(m_peers);
@@ -241,6 +251,17 @@ void SessionImpl::close(const std::string &reason)
             boost::system::error_code ec;
             a->close(ec);
         });
+    }
+    // The waiter learns at once; the socket is closed on the I/O thread,
+    // which owns it, and its handler then finds the promise already kept.
+    for (auto &c : connecting) {
+        c.second.promise.setError("disconnected: session closed");
+        if (std::shared_ptr<tcp::socket> socket = c.second.socket.lock()) {
+            asio::post(IoRuntime::instance().context(), [socket]() {
+                boost::system::error_code ec;
+                socket->close(ec);
+            });
+        }
     }
     if (directory)
         directory->close(reason, PeerLink::CloseMode::Graceful);

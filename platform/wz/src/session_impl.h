@@ -84,6 +84,16 @@ private:
     std::set<unsigned> m_registeredRemotely;
     PeerLink::Heartbeat m_heartbeat;
     uint64_t m_generation = 0; // bumped by close(), so that late connects are dropped
+    // Connects under way: close() fails them at once rather than after the
+    // system's own connect time-out (minutes, for an address that never
+    // answers).
+    struct PendingConnect
+    {
+        std::weak_ptr<boost::asio::ip::tcp::socket> socket;
+        Promise<void> promise;
+    };
+    std::map<uint64_t, PendingConnect> m_connecting;
+    uint64_t m_nextConnectId = 1;
 };
 
 } // namespace detail
