@@ -43,13 +43,6 @@ enum VideoAcquisitionError {
     VideoErrorImageRetrieval = -3
 };
 
-// One step of the YUV 4:2:2 conversion: -1 above 255 (255 once stored in a
-// byte), 0 below 0, the value otherwise.
-NIMIOB_EXPORT int xKlip(int value);
-// Converts `pixelPairs` groups Y0 U Y1 V at `in` to 8 bytes BGRA each at `out`.
-NIMIOB_EXPORT void convertYuv422ToBgra(const unsigned char *in, unsigned char *out,
-                                       std::size_t pixelPairs);
-
 // The robot's camera. Every operation returns at once; the executer's thread
 // subscribes, polls one image each period, converts it into whichever of the
 // two buffers the application does not hold, and signals it. A slow reader

@@ -1,4 +1,5 @@
 #include "video_device_executer_p.h"
+#include "yuv_to_bgra_p.h"
 
 #include <connection/connection.h>
 
@@ -31,51 +32,6 @@ std::string utf8(const QString &text)
 }
 
 } // namespace
-
-int xKlip(int value)
-{
-    if (value > 255)
-        return -1;
-    if (value < 0)
-        return 0;
-    return value;
-}
-
-namespace {
-// xKlip as stored in a byte (-1 is 255), without a branch, so that the loop
-// below vectorises.
-inline unsigned char clipToByte(int value)
-{
-    value = value < 0 ? 0 : value;
-    return static_cast<unsigned char>(value > 255 ? 255 : value);
-}
-} // namespace
-
-// The hot loop of every image: compiled for vectorisation whatever the build type.
-__attribute__((optimize("O3"))) void convertYuv422ToBgra(const unsigned char *__restrict in,
-                                                         unsigned char *__restrict out,
-                                                         std::size_t pixelPairs)
-{
-    for (std::size_t i = 0; i < pixelPairs; ++i) {
-        const unsigned char *p = in + 4 * i;
-        unsigned char *o = out + 8 * i;
-        const int d = p[1] - 128;
-        const int e = p[3] - 128;
-        const int c0 = 298 * (p[0] - 16);
-        const int c1 = 298 * (p[2] - 16);
-        const int blue = 517 * d;
-        const int green = -208 * d - 100 * e;
-        const int red = 409 * e;
-        o[0] = clipToByte((c0 + blue) >> 8);
-        o[1] = clipToByte((c0 + green) >> 8);
-        o[2] = clipToByte((c0 + red) >> 8);
-        o[3] = 255;
-        o[4] = clipToByte((c1 + blue) >> 8);
-        o[5] = clipToByte((c1 + green) >> 8);
-        o[6] = clipToByte((c1 + red) >> 8);
-        o[7] = 255;
-    }
-}
 
 boost::shared_ptr<ProtectedBuffer> makeProtectedBuffer(std::size_t size)
 {

@@ -1,4 +1,5 @@
 #include "robot_fixture.h"
+#include "yuv_to_bgra_p.h"
 
 #include <wz/log.h>
 
@@ -26,33 +27,8 @@ Bgra convertOne(int y, int u, int v)
     const unsigned char in[4] = {static_cast<unsigned char>(y), static_cast<unsigned char>(u),
                                  static_cast<unsigned char>(y), static_cast<unsigned char>(v)};
     unsigned char out[8] = {};
-    RK::convertYuv422ToBgra(in, out, 1);
+    RK::yuv::convert(RK::yuv::Kernel::Reference, in, out, 1);
     return {out[0], out[1], out[2], out[3]};
-}
-
-TEST(VideoConversion, KnownVectors)
-{
-    // Clipping at both ends.
-    EXPECT_EQ(convertOne(255, 128, 128), (Bgra {255, 255, 255, 255}));
-    EXPECT_EQ(convertOne(0, 128, 128), (Bgra {0, 0, 0, 255}));
-    // No rounding term: 298 * 4 / 256 = 4.66 gives 4.
-    EXPECT_EQ(convertOne(20, 128, 128), (Bgra {4, 4, 4, 255}));
-    // The weights: blue 517 on U, green -208 on U and -100 on V, red 409 on V.
-    EXPECT_EQ(convertOne(100, 90, 200), (Bgra {21, 100, 212, 255}));
-    EXPECT_EQ(convertOne(150, 200, 60), (Bgra {255, 124, 47, 255}));
-    // Arithmetic shift of a negative sum.
-    EXPECT_EQ(convertOne(16, 0, 128), (Bgra {0, 104, 0, 255}));
-
-    EXPECT_EQ(RK::xKlip(256), -1);
-    EXPECT_EQ(RK::xKlip(255), 255);
-    EXPECT_EQ(RK::xKlip(-1), 0);
-
-    // The two pixels of a pair share U and V but not Y.
-    const unsigned char pair[4] = {255, 128, 0, 128};
-    unsigned char out[8] = {};
-    RK::convertYuv422ToBgra(pair, out, 1);
-    EXPECT_EQ(out[0], 255);
-    EXPECT_EQ(out[4], 0);
 }
 
 struct Image
