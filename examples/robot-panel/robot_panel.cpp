@@ -74,7 +74,7 @@ RobotPanel::RobotPanel(QWidget *parent)
     m_battery->setRange(0, 100);
     m_battery->setValue(0);
     m_battery->setFormat(tr("battery %p %"));
-    m_battery->setMaximumWidth(220);
+    m_battery->setMinimumWidth(170);
     m_errorList = new QListWidget(this);
     m_errorList->setObjectName(QStringLiteral("errors"));
     m_errorList->setMaximumHeight(70);
