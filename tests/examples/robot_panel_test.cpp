@@ -1,7 +1,8 @@
 // The robot panel, headless, against the in-process simulated robot: a user's
 // session step by step (connect, camera, memory, a behaviour, a push, the
 // robot lost and found again, quit), with a screenshot of the window after
-// each step, and a robot that keeps refusing reconnections.
+// each step; a robot that keeps refusing reconnections; and a project pushed,
+// pulled back and cancelled, with bad input on the way.
 
 #include "behavior_pane.h"
 #include "camera_pane.h"
@@ -243,6 +244,8 @@ TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)
     timing.readinessStepMs = 10;
     timing.readinessLimitMs = 60;
     panel->manager().setTiming(timing);
+    // Attempts close together: 80 ms before the first, at most 160 ms apart.
+    panel->manager().reconnectionManager()->setSettings({40, 2, 4});
     connectPanel();
     int attempts = 0;
     QObject::connect(panel->manager().reconnectionManager(),
@@ -269,6 +272,64 @@ TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)
     robot().scenario().releaseReadiness();
     ASSERT_TRUE(waitFor([this] { return text(*panel, "connectionState").contains("Connected"); }));
     EXPECT_EQ(panel->errorsShown(), 1);
+}
+
+TEST_F(RobotPanelTest, ProjectRoundTripCancelAndBadInput)
+{
+    connectPanel();
+    auto *files = robot().serviceAs<sim::PackageManagerService>("PackageManager");
+    ASSERT_NE(files, nullptr);
+    QTemporaryDir local;
+    ASSERT_TRUE(local.isValid());
+    QFile f(local.filePath(QStringLiteral("behavior.txt")));
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write("a small project");
+    f.close();
+    QLineEdit *localEdit = child<QLineEdit>(*panel, "projectLocal");
+    child<QLineEdit>(*panel, "projectRemote")->setText("/projects/round");
+    const auto state = [this] { return text(*panel, "projectState"); };
+
+    // Bad input: each is one error, and the pane stays usable.
+    localEdit->setText(local.filePath(QStringLiteral("no such directory")));
+    child<QPushButton>(*panel, "projectPush")->click();
+    EXPECT_EQ(panel->errorsShown(), 1);
+    localEdit->setText(local.path()); // not empty: a pull never mixes into local files
+    child<QPushButton>(*panel, "projectPull")->click();
+    EXPECT_EQ(panel->errorsShown(), 2);
+    QListWidget *errors = child<QListWidget>(*panel, "errors");
+    ASSERT_EQ(errors->count(), 2);
+    EXPECT_TRUE(errors->item(0)->text().startsWith("Project: Cannot open the project"))
+        << errors->item(0)->text().toStdString();
+    EXPECT_TRUE(errors->item(1)->text().startsWith("Project: Cannot create the project"))
+        << errors->item(1)->text().toStdString();
+
+    // Pushed, then pulled back into a new directory: the same bytes.
+    child<QPushButton>(*panel, "projectPush")->click();
+    ASSERT_TRUE(waitFor([&] { return state() == "push: done"; })) << state().toStdString();
+    const QString back = local.filePath(QStringLiteral("back"));
+    localEdit->setText(back);
+    child<QPushButton>(*panel, "projectPull")->click();
+    ASSERT_TRUE(waitFor([&] { return state() == "pull: done"; })) << state().toStdString();
+    QFile pulled(back + QStringLiteral("/behavior.txt"));
+    ASSERT_TRUE(pulled.open(QIODevice::ReadOnly));
+    EXPECT_EQ(pulled.readAll(), QByteArray("a small project"));
+
+    // Cancelled while the robot holds the upload without answering.
+    sim::HttpFault stall;
+    stall.kind = sim::HttpFault::Kind::Stall;
+    stall.method = "PUT";
+    files->setHttpFault(stall);
+    localEdit->setText(local.path());
+    child<QPushButton>(*panel, "projectPush")->click();
+    ASSERT_TRUE(waitFor([files] { return files->httpFaultsTaken() >= 1; }));
+    QPushButton *cancel = child<QPushButton>(*panel, "projectCancel");
+    EXPECT_TRUE(cancel->isEnabled());
+    cancel->click();
+    EXPECT_TRUE(waitFor([&] { return state() == "push: cancelled"; })) << state().toStdString();
+    files->clearHttpFault();
+    EXPECT_FALSE(cancel->isEnabled());
+    EXPECT_TRUE(child<QPushButton>(*panel, "projectPush")->isEnabled());
+    EXPECT_EQ(panel->errorsShown(), 2) << "a cancel is not an error";
 }
 
 } // namespace
