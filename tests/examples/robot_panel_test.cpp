@@ -2,10 +2,12 @@
 // session step by step (connect, camera, memory, a behaviour, a push, the
 // robot lost and found again, quit), with a screenshot of the window after
 // each step; a robot that keeps refusing reconnections; and a project pushed,
-// pulled back and cancelled, with bad input on the way.
+// pulled back and cancelled, with bad input on the way; the robot's log
+// filtered.
 
 #include "behavior_pane.h"
 #include "camera_pane.h"
+#include "log_pane.h"
 #include "memory_pane.h"
 #include "project_pane.h"
 #include "robot_panel.h"
@@ -21,6 +23,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRegularExpression>
@@ -330,6 +333,32 @@ TEST_F(RobotPanelTest, ProjectRoundTripCancelAndBadInput)
     EXPECT_FALSE(cancel->isEnabled());
     EXPECT_TRUE(child<QPushButton>(*panel, "projectPush")->isEnabled());
     EXPECT_EQ(panel->errorsShown(), 2) << "a cancel is not an error";
+}
+
+TEST_F(RobotPanelTest, RobotLogFilteredByLevelAndText)
+{
+    connectPanel();
+    auto *logs = robot().serviceAs<sim::LogManagerService>("LogManager");
+    ASSERT_NE(logs, nullptr);
+    // The robot shares this process and its log: its chatter, at error level,
+    // passes the process's filter; this process's standard error stays quiet.
+    wz::log::setStderrEnabled(false);
+    logs->setChatter({100, "sim.chatter", wz::LogLevel_Error});
+    panel::LogPane *pane = panel->log();
+    ASSERT_TRUE(waitFor([pane] { return pane->received() >= 5; }));
+    logs->setChatter({0, "sim.chatter", wz::LogLevel_Error});
+
+    pane->setFilter(6, QStringLiteral("CHATTER"));
+    EXPECT_GE(pane->shown(), 5);
+    EXPECT_TRUE(child<QPlainTextEdit>(*panel, "logView")->toPlainText().contains("sim.chatter"));
+    pane->setFilter(6, QStringLiteral("no such text"));
+    EXPECT_EQ(pane->shown(), 0);
+    EXPECT_TRUE(child<QPlainTextEdit>(*panel, "logView")->toPlainText().isEmpty());
+    pane->setFilter(1, QString()); // fatal only: the chatter is an error
+    EXPECT_EQ(pane->shown(), 0);
+    pane->setFilter(2, QStringLiteral("chatter"));
+    EXPECT_GE(pane->shown(), 5);
+    wz::log::setStderrEnabled(true);
 }
 
 } // namespace
