@@ -335,6 +335,25 @@ TEST_F(RobotPanelTest, ProjectRoundTripCancelAndBadInput)
     EXPECT_EQ(panel->errorsShown(), 2) << "a cancel is not an error";
 }
 
+TEST_F(RobotPanelTest, BehaviourStoppedByTheUser)
+{
+    connectPanel();
+    // "User/idle" runs until it is stopped; the running list names it without
+    // its "User/" prefix.
+    panel->behaviors()->run(QStringLiteral("User/idle"));
+    ASSERT_TRUE(waitFor([this] { return panel->behaviors()->stateHistory().contains("Running"); }))
+        << panel->behaviors()->stateHistory().join(' ').toStdString();
+    EXPECT_TRUE(waitFor([this] { return text(*panel, "behaviorRunning").contains("idle"); }))
+        << text(*panel, "behaviorRunning").toStdString();
+    child<QPushButton>(*panel, "behaviorStop")->click();
+    EXPECT_TRUE(waitFor([this] {
+        const QStringList h = panel->behaviors()->stateHistory();
+        return h.indexOf("Stopped", h.indexOf("Running")) > 0;
+    })) << panel->behaviors()->stateHistory().join(' ').toStdString();
+    EXPECT_TRUE(waitFor([this] { return text(*panel, "behaviorRunning") == "running: none"; }))
+        << text(*panel, "behaviorRunning").toStdString();
+}
+
 TEST_F(RobotPanelTest, RobotLogFilteredByLevelAndText)
 {
     connectPanel();
