@@ -41,6 +41,8 @@
 
 #include <wz/log.h>
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
@@ -65,22 +67,30 @@ public:
         m_timer.setInterval(k_periodMs);
         QObject::connect(&m_timer, &QTimer::timeout, this, [this] {
             const qint64 now = m_clock.nsecsElapsed();
-            if (m_last >= 0)
-                m_worst = std::max(m_worst, (now - m_last) / 1e6 - k_periodMs);
+            const double late = m_last >= 0 ? (now - m_last) / 1e6 - k_periodMs : 0;
+            if (late > m_worst) {
+                m_worst = late;
+                m_worstAt = now - m_since;
+            }
             m_last = now;
             ++m_ticks;
         });
         m_clock.start();
         m_timer.start();
     }
-    // The worst lateness in milliseconds since the last call, and the ticks.
-    double take(int *ticks = nullptr)
+    // The worst lateness in milliseconds since the last call, the ticks, and
+    // when the late tick came (seconds since the last call).
+    double take(int *ticks = nullptr, double *worstAt = nullptr)
     {
         const double worst = m_worst;
         if (ticks)
             *ticks = m_ticks;
+        if (worstAt)
+            *worstAt = m_worstAt / 1e9;
         m_worst = 0;
+        m_worstAt = 0;
         m_ticks = 0;
+        m_since = m_clock.nsecsElapsed();
         return worst;
     }
 
@@ -88,6 +98,8 @@ private:
     QTimer m_timer;
     QElapsedTimer m_clock;
     qint64 m_last = -1;
+    qint64 m_since = 0;
+    qint64 m_worstAt = 0;
     double m_worst = 0;
     int m_ticks = 0;
 };
@@ -153,6 +165,33 @@ struct Phase
     int ticks;
     double seconds;
     bool completed;
+    // The GUI thread's own CPU time and its switches in the phase: a late
+    // tick with few involuntary switches was work or a wait of this thread;
+    // with many, other threads had the CPU.
+    double cpuMs;
+    long voluntary;
+    long involuntary;
+    // When the worst tick came, in seconds from the start of the phase.
+    double worstAt;
+};
+
+struct ThreadUsage
+{
+    double cpuMs = 0;
+    long voluntary = 0;
+    long involuntary = 0;
+
+    static ThreadUsage now()
+    {
+        rusage usage {};
+        getrusage(RUSAGE_THREAD, &usage);
+        ThreadUsage u;
+        u.cpuMs = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e3
+            + (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e3;
+        u.voluntary = usage.ru_nvcsw;
+        u.involuntary = usage.ru_nivcsw;
+        return u;
+    }
 };
 
 void BM_GuiThreadLateness(benchmark::State &benchState)
@@ -189,6 +228,7 @@ void BM_GuiThreadLateness(benchmark::State &benchState)
         const auto measure = [&](const char *name, const std::function<void()> &action,
                                  const std::function<bool()> &done, int limitMs) {
             probe.take();
+            const ThreadUsage before = ThreadUsage::now();
             clock.start();
             action();
             // A phase without an end condition simply lasts `limitMs`.
@@ -198,8 +238,12 @@ void BM_GuiThreadLateness(benchmark::State &benchState)
             else
                 runFor(limitMs);
             int ticks = 0;
-            const double worst = probe.take(&ticks);
-            phases.push_back({name, worst, ticks, clock.elapsed() / 1000.0, completed});
+            double worstAt = 0;
+            const double worst = probe.take(&ticks, &worstAt);
+            const ThreadUsage after = ThreadUsage::now();
+            phases.push_back({name, worst, ticks, clock.elapsed() / 1000.0, completed,
+                              after.cpuMs - before.cpuMs, after.voluntary - before.voluntary,
+                              after.involuntary - before.involuntary, worstAt});
         };
 
         runFor(300);
@@ -260,18 +304,21 @@ void BM_GuiThreadLateness(benchmark::State &benchState)
         runUntil([&] { return state(panel).startsWith(QLatin1String("Connected")); }, 30000);
         panel.camera()->setResolution(2);
         panel.camera()->setOn(true);
-        runFor(1000);
+        runUntil([&] { return panel.camera()->imagesReceived() > 10; }, 10000);
+        std::printf("before quitting: %s, %d images\n", qPrintable(state(panel)),
+                    panel.camera()->imagesReceived());
         measure(
             "quitting while streaming", [&] { panel.close(); }, [&] { return panel.isShutDown(); },
             15000);
     }
 
-    std::printf("\n%-34s %10s %8s %8s %9s %s\n", "phase", "worst ms", "ticks", "s", "x16 ms",
-                "x baseline");
+    std::printf("\n%-34s %9s %7s %6s %6s %7s %8s %7s %7s %s\n", "phase", "worst ms", "at s",
+                "ticks", "s", "x16 ms", "x idle", "cpu ms", "vol/inv", "");
     double worstOverall = 0;
     for (const Phase &p : phases) {
-        std::printf("%-34s %10.2f %8d %8.2f %9.2f %.1f%s\n", p.name, p.worstMs, p.ticks, p.seconds,
-                    p.worstMs / 16.0, baseline > 0 ? p.worstMs / baseline : 0.0,
+        std::printf("%-34s %9.2f %7.3f %6d %6.2f %7.2f %8.1f %7.0f %4ld/%ld%s\n", p.name, p.worstMs,
+                    p.worstAt, p.ticks, p.seconds, p.worstMs / 16.0,
+                    baseline > 0 ? p.worstMs / baseline : 0.0, p.cpuMs, p.voluntary, p.involuntary,
                     p.completed ? "" : "  (did not end within its limit)");
         if (std::string(p.name).find("idle") == std::string::npos)
             worstOverall = std::max(worstOverall, p.worstMs);

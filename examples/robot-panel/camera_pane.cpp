@@ -189,10 +189,13 @@ void CameraPane::showInfo()
         m_info->setText(tr("starting"));
         return;
     }
-    m_info->setText(tr("%1x%2, %3 images/s, %4 skipped")
+    // The rate is known after the first second.
+    const QString rate = m_rate > 0 ? tr("%1 images/s").arg(m_rate, 0, 'f', 1)
+                                    : tr("%1 image(s) so far").arg(m_images);
+    m_info->setText(tr("%1x%2, %3, %4 skipped")
                         .arg(m_width)
                         .arg(m_height)
-                        .arg(m_rate, 0, 'f', 1)
+                        .arg(rate)
                         .arg(m_video ? m_video->skippedImages() : 0));
 }
 

@@ -50,6 +50,8 @@ void JointsPane::detach()
     if (m_module)
         disconnect(m_module.get(), nullptr, this, nullptr);
     m_module.reset();
+    // Angles of a robot no longer followed would read as current.
+    m_table->setRowCount(0);
     m_awake->setText(tr("awake: ?"));
 }
 

@@ -77,11 +77,17 @@ void MemoryPlot::paintEvent(QPaintEvent *)
     }
     painter.drawText(QRectF(0, area.top() - 6, 38, 12), Qt::AlignRight, QString::number(high));
     painter.drawText(QRectF(0, area.bottom() - 6, 38, 12), Qt::AlignRight, QString::number(low));
+    // The time axis covers what has come, from 5 s up to the last minute.
+    double oldest = m_newest;
+    for (const QVector<QPointF> &series : m_series)
+        if (!series.isEmpty())
+            oldest = std::min(oldest, series.first().x());
+    const double span = std::clamp(m_newest - oldest, 5.0, k_spanSeconds);
     painter.drawText(QRectF(area.left(), area.bottom() + 2, area.width(), 16), Qt::AlignRight,
-                     tr("last %1 s").arg(k_spanSeconds));
-    const double left = m_newest - k_spanSeconds;
+                     tr("last %1 s").arg(qRound(span)));
+    const double left = m_newest - span;
     const auto toView = [&](const QPointF &p) {
-        return QPointF(area.left() + (p.x() - left) / k_spanSeconds * area.width(),
+        return QPointF(area.left() + (p.x() - left) / span * area.width(),
                        area.bottom() - (p.y() - low) / (high - low) * area.height());
     };
     painter.setRenderHint(QPainter::Antialiasing);

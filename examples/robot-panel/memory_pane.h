@@ -17,7 +17,7 @@ class QPushButton;
 
 namespace panel {
 
-// A few series of (seconds, value) drawn as lines over the last minute.
+// A few series of (seconds, value) drawn as lines over at most the last minute.
 // Painted by hand rather than with a charting module: two or three lines on
 // a grid are some sixty lines of QPainter, and the example then needs
 // nothing beyond the Qt the library already uses.

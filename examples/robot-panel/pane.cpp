@@ -6,7 +6,10 @@ Pane::Pane(const QString &title, QWidget *parent) : QGroupBox(title, parent) { }
 
 void Pane::relayExecuterErrors(QObject *executer, const QString &operation)
 {
-    if (!executer)
+    // Not every executer has the signal (the behaviour manager reports by its
+    // interface's displayErrorRequested); looked up first so that none is
+    // connected to nothing.
+    if (!executer || executer->metaObject()->indexOfSignal("error(QString,QString,QString)") < 0)
         return;
     auto *relay = new ExecuterErrorRelay(operation, this);
     connect(executer, SIGNAL(error(QString, QString, QString)), relay,

@@ -32,6 +32,12 @@ QString firstLine(const QString &text)
     return text.section(QLatin1Char('\n'), 0, 0, QString::SectionSkipEmpty).trimmed();
 }
 
+// Whole seconds, or tenths when the tick has been shortened below a second.
+QString secondsText(double seconds)
+{
+    return QString::number(seconds, 'f', seconds < 10 && seconds != qRound(seconds) ? 1 : 0);
+}
+
 } // namespace
 
 RobotPanel::RobotPanel(QWidget *parent)
@@ -68,7 +74,7 @@ RobotPanel::RobotPanel(QWidget *parent)
     m_battery->setRange(0, 100);
     m_battery->setValue(0);
     m_battery->setFormat(tr("battery %p %"));
-    m_battery->setMaximumWidth(180);
+    m_battery->setMinimumWidth(170);
     m_errorList = new QListWidget(this);
     m_errorList->setObjectName(QStringLiteral("errors"));
     m_errorList->setMaximumHeight(70);
@@ -143,7 +149,7 @@ RobotPanel::RobotPanel(QWidget *parent)
         const double seconds = ticks * m_manager->reconnectionManager()->settings().tickMs / 1000.0;
         if (ticks < 0 || !m_reconnecting)
             return;
-        QString line = tr("reconnecting in %1 s").arg(qRound(seconds));
+        QString line = tr("reconnecting in %1 s").arg(secondsText(seconds));
         if (!m_lastFailure.isEmpty())
             line += QStringLiteral(" (%1)").arg(m_lastFailure);
         m_countdown->setText(line);
@@ -280,9 +286,9 @@ void RobotPanel::onConnectionLost()
     m_reconnectNow->setEnabled(true);
     RK::ReconnectionManager *reconnection = m_manager->reconnectionManager();
     reconnection->startReconnectionProcess(ip.toStdString(), port, name);
-    m_countdown->setText(
-        tr("reconnecting in %1 s")
-            .arg(qRound(reconnection->secondsLeft() * reconnection->settings().tickMs / 1000.0)));
+    m_countdown->setText(tr("reconnecting in %1 s")
+                             .arg(secondsText(reconnection->secondsLeft()
+                                              * reconnection->settings().tickMs / 1000.0)));
 }
 
 void RobotPanel::onManagerError(const QString &title, const QString &contents,

@@ -1,10 +1,13 @@
 // The robot panel, headless, against the in-process simulated robot: a user's
 // session step by step (connect, camera, memory, a behaviour, a push, the
 // robot lost and found again, quit), with a screenshot of the window after
-// each step, and a robot that keeps refusing reconnections.
+// each step; a robot that keeps refusing reconnections; and a project pushed,
+// pulled back and cancelled, with bad input on the way; the robot's log
+// filtered.
 
 #include "behavior_pane.h"
 #include "camera_pane.h"
+#include "log_pane.h"
 #include "memory_pane.h"
 #include "project_pane.h"
 #include "robot_panel.h"
@@ -14,11 +17,13 @@
 #include <QApplication>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QPlainTextEdit>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRegularExpression>
@@ -163,9 +168,14 @@ TEST_F(RobotPanelTest, ScriptedSession)
     robot().scenario().setKey("Panel/Other", wz::AnyValue(3));
     panel->memory()->watch({QStringLiteral("Panel/Level"), QStringLiteral("Panel/Other")});
     double level = 1.0;
+    QElapsedTimer step;
+    step.start();
     EXPECT_TRUE(waitFor([&] {
-        level += 0.25;
-        robot().scenario().setKey("Panel/Level", wz::AnyValue(level));
+        if (step.elapsed() >= 100) {
+            step.restart();
+            level += 0.25;
+            robot().scenario().setKey("Panel/Level", wz::AnyValue(level));
+        }
         return panel->memory()->plot()->pointCount("Panel/Level") >= 5
             && panel->memory()->plot()->pointCount("Panel/Other") >= 5;
     }));
@@ -237,6 +247,8 @@ TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)
     timing.readinessStepMs = 10;
     timing.readinessLimitMs = 60;
     panel->manager().setTiming(timing);
+    // Attempts close together: 80 ms before the first, at most 160 ms apart.
+    panel->manager().reconnectionManager()->setSettings({40, 2, 4});
     connectPanel();
     int attempts = 0;
     QObject::connect(panel->manager().reconnectionManager(),
@@ -263,6 +275,109 @@ TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)
     robot().scenario().releaseReadiness();
     ASSERT_TRUE(waitFor([this] { return text(*panel, "connectionState").contains("Connected"); }));
     EXPECT_EQ(panel->errorsShown(), 1);
+}
+
+TEST_F(RobotPanelTest, ProjectRoundTripCancelAndBadInput)
+{
+    connectPanel();
+    auto *files = robot().serviceAs<sim::PackageManagerService>("PackageManager");
+    ASSERT_NE(files, nullptr);
+    QTemporaryDir local;
+    ASSERT_TRUE(local.isValid());
+    QFile f(local.filePath(QStringLiteral("behavior.txt")));
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write("a small project");
+    f.close();
+    QLineEdit *localEdit = child<QLineEdit>(*panel, "projectLocal");
+    child<QLineEdit>(*panel, "projectRemote")->setText("/projects/round");
+    const auto state = [this] { return text(*panel, "projectState"); };
+
+    // Bad input: each is one error, and the pane stays usable.
+    localEdit->setText(local.filePath(QStringLiteral("no such directory")));
+    child<QPushButton>(*panel, "projectPush")->click();
+    EXPECT_EQ(panel->errorsShown(), 1);
+    localEdit->setText(local.path()); // not empty: a pull never mixes into local files
+    child<QPushButton>(*panel, "projectPull")->click();
+    EXPECT_EQ(panel->errorsShown(), 2);
+    QListWidget *errors = child<QListWidget>(*panel, "errors");
+    ASSERT_EQ(errors->count(), 2);
+    EXPECT_TRUE(errors->item(0)->text().startsWith("Project: Cannot open the project"))
+        << errors->item(0)->text().toStdString();
+    EXPECT_TRUE(errors->item(1)->text().startsWith("Project: Cannot create the project"))
+        << errors->item(1)->text().toStdString();
+
+    // Pushed, then pulled back into a new directory: the same bytes.
+    child<QPushButton>(*panel, "projectPush")->click();
+    ASSERT_TRUE(waitFor([&] { return state() == "push: done"; })) << state().toStdString();
+    const QString back = local.filePath(QStringLiteral("back"));
+    localEdit->setText(back);
+    child<QPushButton>(*panel, "projectPull")->click();
+    ASSERT_TRUE(waitFor([&] { return state() == "pull: done"; })) << state().toStdString();
+    QFile pulled(back + QStringLiteral("/behavior.txt"));
+    ASSERT_TRUE(pulled.open(QIODevice::ReadOnly));
+    EXPECT_EQ(pulled.readAll(), QByteArray("a small project"));
+
+    // Cancelled while the robot holds the upload without answering.
+    sim::HttpFault stall;
+    stall.kind = sim::HttpFault::Kind::Stall;
+    stall.method = "PUT";
+    files->setHttpFault(stall);
+    localEdit->setText(local.path());
+    child<QPushButton>(*panel, "projectPush")->click();
+    ASSERT_TRUE(waitFor([files] { return files->httpFaultsTaken() >= 1; }));
+    QPushButton *cancel = child<QPushButton>(*panel, "projectCancel");
+    EXPECT_TRUE(cancel->isEnabled());
+    cancel->click();
+    EXPECT_TRUE(waitFor([&] { return state() == "push: cancelled"; })) << state().toStdString();
+    files->clearHttpFault();
+    EXPECT_FALSE(cancel->isEnabled());
+    EXPECT_TRUE(child<QPushButton>(*panel, "projectPush")->isEnabled());
+    EXPECT_EQ(panel->errorsShown(), 2) << "a cancel is not an error";
+}
+
+TEST_F(RobotPanelTest, BehaviourStoppedByTheUser)
+{
+    connectPanel();
+    // "User/idle" runs until it is stopped; the running list names it without
+    // its "User/" prefix.
+    panel->behaviors()->run(QStringLiteral("User/idle"));
+    ASSERT_TRUE(waitFor([this] { return panel->behaviors()->stateHistory().contains("Running"); }))
+        << panel->behaviors()->stateHistory().join(' ').toStdString();
+    EXPECT_TRUE(waitFor([this] { return text(*panel, "behaviorRunning").contains("idle"); }))
+        << text(*panel, "behaviorRunning").toStdString();
+    child<QPushButton>(*panel, "behaviorStop")->click();
+    EXPECT_TRUE(waitFor([this] {
+        const QStringList h = panel->behaviors()->stateHistory();
+        return h.indexOf("Stopped", h.indexOf("Running")) > 0;
+    })) << panel->behaviors()->stateHistory().join(' ').toStdString();
+    EXPECT_TRUE(waitFor([this] { return text(*panel, "behaviorRunning") == "running: none"; }))
+        << text(*panel, "behaviorRunning").toStdString();
+}
+
+TEST_F(RobotPanelTest, RobotLogFilteredByLevelAndText)
+{
+    connectPanel();
+    auto *logs = robot().serviceAs<sim::LogManagerService>("LogManager");
+    ASSERT_NE(logs, nullptr);
+    // The robot shares this process and its log: its chatter, at error level,
+    // passes the process's filter; this process's standard error stays quiet.
+    wz::log::setStderrEnabled(false);
+    logs->setChatter({100, "sim.chatter", wz::LogLevel_Error});
+    panel::LogPane *pane = panel->log();
+    ASSERT_TRUE(waitFor([pane] { return pane->received() >= 5; }));
+    logs->setChatter({0, "sim.chatter", wz::LogLevel_Error});
+
+    pane->setFilter(6, QStringLiteral("CHATTER"));
+    EXPECT_GE(pane->shown(), 5);
+    EXPECT_TRUE(child<QPlainTextEdit>(*panel, "logView")->toPlainText().contains("sim.chatter"));
+    pane->setFilter(6, QStringLiteral("no such text"));
+    EXPECT_EQ(pane->shown(), 0);
+    EXPECT_TRUE(child<QPlainTextEdit>(*panel, "logView")->toPlainText().isEmpty());
+    pane->setFilter(1, QString()); // fatal only: the chatter is an error
+    EXPECT_EQ(pane->shown(), 0);
+    pane->setFilter(2, QStringLiteral("chatter"));
+    EXPECT_GE(pane->shown(), 5);
+    wz::log::setStderrEnabled(true);
 }
 
 } // namespace
