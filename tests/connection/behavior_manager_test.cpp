@@ -313,7 +313,8 @@ TEST_F(BehaviorManagerTest, AStopBeforeRunningEndsInStopped)
                                    std::chrono::milliseconds(200));
     log.states.clear();
     instance.playBehavior();
-    ASSERT_EQ(instance.state(), State::Starting);
+    // After the nature: the start is on its way.
+    ASSERT_TRUE(log.waitFor(State::Starting));
     instance.stopBehavior();
     ASSERT_EQ(instance.state(), State::Stopping);
     // The robot's last list, raised by the stop, names nothing.
