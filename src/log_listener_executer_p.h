@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 
 #include <QObject>
@@ -36,6 +38,8 @@ public slots:
     void onMessage(wz::LogMessage mess);
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void onLogMessage(wz::LogMessage message);
 
 private:

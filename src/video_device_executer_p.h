@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/video_device_interface.h>
 
 #include <QObject>
@@ -11,6 +13,10 @@
 
 #include <atomic>
 #include <deque>
+
+namespace VX {
+class VXProxy;
+}
 
 namespace RK {
 
@@ -47,6 +53,8 @@ public slots:
     void onThreadFinished();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void acquisitionError(RK::VideoAcquisitionError errorCode);
     void imageReceived(boost::shared_ptr<RK::ProtectedBuffer> newImageBuffer, int width, int height,
                        boost::shared_ptr<VX::VXValue> rawImage);
@@ -55,7 +63,9 @@ signals:
 private:
     void fail(VideoAcquisitionError code);
     void stopped(bool isok);
-    bool subscribeOlderRoute(int quality);
+    // Throw on failure; `code` says which acquisition error it is.
+    void subscribe(VX::VXProxy &proxy, int quality, VideoAcquisitionError &code);
+    void subscribeOlderRoute(VX::VXProxy &proxy, int quality, VideoAcquisitionError &code);
     int heldImages() const;
     ProtectedBuffer *tryTake(const boost::shared_ptr<ProtectedBuffer> &buffer);
 
