@@ -1,6 +1,7 @@
 #pragma once
 
 #include <connection/nimiob_export.h>
+#include <connection/operation_error.h>
 
 #include <QFuture>
 #include <QObject>
@@ -47,6 +48,35 @@ class FutureListWatcher;
 // The executer is a parentless QObject constructible from
 // boost::shared_ptr<Connection>; it keeps the connection as a weak pointer
 // and locks it for each call.
+//
+// Outcomes. Every operation that an interface starts ends in exactly one
+// outcome that the application can see: its result (a result signal, or
+// the future's value) or one errorOccurred(const RK::OperationError &) of
+// that interface. Every interface declares two signals for this:
+//
+//   void errorOccurred(const RK::OperationError &error);
+//   void connectionEnded();
+//
+// - A request to a service the robot lacks fails at once with
+//   ErrorCode::ServiceMissing; a request after the connection ended fails at
+//   once with ErrorCode::ConnectionLost, and so does one whose link is lost
+//   or closed while it runs.
+// - A method that returns a QFuture always finishes it: with its value, or
+//   after a failure with the default value its documentation names. The
+//   failure itself comes, once, as errorOccurred(); the future carries no
+//   exception. So an application that waits on a future and wants to know
+//   of a failure listens to errorOccurred() too (its operation field names
+//   the method).
+// - connectionEnded() is emitted once, when the connection of the interface
+//   is gone: the object is then of no more use, and the application may
+//   drop it.
+// - Both are emitted on the library thread where the failure or the end is
+//   known (the executer's thread, a pool thread, the thread destroying the
+//   connection), never on the application's: connect them with a receiver
+//   object, and Qt delivers them on the receiver's thread, queued.
+//
+// The executer keeps its error(title, contents, details) signal; the same
+// three texts are in the OperationError.
 template<typename Executer, typename Thread>
 class MorvaneInterface
 {
@@ -59,9 +89,9 @@ public:
     MorvaneInterface(const MorvaneInterface &) = delete;
     MorvaneInterface &operator=(const MorvaneInterface &) = delete;
 
-    // The executer and its thread. The executer's class is internal: an
-    // application reaches its own signals (its error signal, say) through
-    // executerObject() and a connection by signature.
+    // The executer and its thread. The executer's class is internal; its
+    // failures reach the application as the interface's errorOccurred(),
+    // and executerObject() remains for its other signals.
     Thread *executerThread() const { return m_thread.get(); }
     Executer *executer() const { return m_executer.get(); }
     QObject *executerObject() const { return m_executerObject; }
@@ -82,6 +112,13 @@ protected:
     // beside the executer's slots, with the arguments taken by value.
     template<typename Method, typename... Args>
     auto run(Method method, Args &&...args);
+
+    // Failures of the executer become the interface's errorOccurred(), and
+    // the end of the connection its connectionEnded(). Direct connections:
+    // the interface's own thread (the connection worker) may have ended by
+    // the time an application still asks something of it.
+    template<typename Interface>
+    void forwardFailures(Interface *self);
 
     // Keeps a future that this interface must wait for before it goes.
     template<typename T>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/morvane_interface.h>
 #include <connection/nimiob_export.h>
 
@@ -58,6 +60,17 @@ public:
     QFuture<QStringList> removeSeveral(const QStringList &uuids);
 
 signals:
+    /// An operation of this interface failed (a request slot, or a method
+    /// returning a future, which then finishes with its default value).
+    /// Emitted exactly once for each failed operation, on a library thread
+    /// (the executer's, or a pool thread): connect it with a receiver object,
+    /// and it arrives queued on that object's thread.
+    void errorOccurred(const RK::OperationError &error);
+    /// The connection this interface belongs to has ended: from now on
+    /// every request fails at once with RK::ErrorCode::ConnectionLost, and
+    /// the application may drop the object. Emitted once, on the thread that
+    /// destroys the connection.
+    void connectionEnded();
     void packageInstalled(wz::PackageInfo packageInfo);
     void packageRemoved(wz::PackageInfo packageInfo);
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 #include <connection/morvane_interface.h>
 #include <connection/nimiob_export.h>
@@ -51,6 +53,17 @@ public slots:
     void onConnectionTested(bool success);
 
 signals:
+    /// An operation of this interface failed (a request slot, or a method
+    /// returning a future, which then finishes with its default value).
+    /// Emitted exactly once for each failed operation, on a library thread
+    /// (the executer's, or a pool thread): connect it with a receiver object,
+    /// and it arrives queued on that object's thread.
+    void errorOccurred(const RK::OperationError &error);
+    /// The connection this interface belongs to has ended: from now on
+    /// every request fails at once with RK::ErrorCode::ConnectionLost, and
+    /// the application may drop the object. Emitted once, on the thread that
+    /// destroys the connection.
+    void connectionEnded();
     // Requests.
     void callProxyRequested(QString proxyName, QString methodName, VX::VXValue param,
                             bool checkEnable, bool showDialogOnError);

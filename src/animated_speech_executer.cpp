@@ -1,4 +1,5 @@
 #include "animated_speech_executer_p.h"
+#include "executer_call_p.h"
 #include "service_table_p.h"
 
 #include <connection/connection.h>
@@ -6,7 +7,10 @@
 
 #include <boost/make_shared.hpp>
 
+#include <wz/object.h>
 #include <wz/session.h>
+
+#include <stdexcept>
 
 #include <vector>
 
@@ -27,58 +31,63 @@ AnimatedSpeechExecuter::AnimatedSpeechExecuter(boost::shared_ptr<Connection> con
 { }
 
 // Looks the service up in the session and calls it; a failure anywhere on
-// the way is one error under `title`.
+// the way is one error under `title`. A service the session does not know
+// is a missing service; any other failure of the lookup is the call's.
 template<typename Call>
-void AnimatedSpeechExecuter::callService(const char *service, const QString &title, Call call)
+auto AnimatedSpeechExecuter::callService(const char *operation, const char *service,
+                                         const QString &title, Call call)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection || !connection->session())
-        return;
-    try {
-        // value() waits, and turns a failed or broken future into an exception.
-        wz::Object object = connection->session()->service(service, "").value();
-        if (!object)
-            return;
-        VX::VXProxy proxy(object, service);
-        call(proxy);
-    } catch (const std::exception &e) {
-        emit error(title, tr("Failed to call"), QString::fromUtf8(e.what()));
-    }
+    const auto lookup = [service](Connection &connection) -> boost::shared_ptr<VX::VXProxy> {
+        if (!connection.session())
+            throw CallFailure(ErrorCode::ConnectionLost, "the session has ended");
+        const wz::Future<wz::Object> found = connection.session()->service(service, "");
+        if (found.hasError()) {
+            // Told like any failed call, with the framework's text.
+            if (found.error().find(wz::serviceNotFoundText(service)) != std::string::npos)
+                throw CallFailure(ErrorCode::ServiceMissing, found.error());
+            throw std::runtime_error(found.error());
+        }
+        return boost::make_shared<VX::VXProxy>(found.value(), service);
+    };
+    return executerCall(this, m_connection, operation)
+        .signal(title, tr("Failed to call"))
+        .run(lookup, std::move(call));
 }
 
 void AnimatedSpeechExecuter::onInterpretText(QString narration)
 {
-    callService("VXAnimatedSpeech", a_animatedSpeech,
+    callService("interpretText", "VXAnimatedSpeech", a_animatedSpeech,
                 [&](VX::VXProxy &p) { p.call<std::string>("interpretText", utf8(narration)); });
 }
 
 void AnimatedSpeechExecuter::onStopAllInterpretation()
 {
-    callService("VXAnimatedSpeech", a_animatedSpeech,
+    callService("stopAllInterpretation", "VXAnimatedSpeech", a_animatedSpeech,
                 [](VX::VXProxy &p) { p.call<void>("stopAllInterpretations"); });
 }
 
 void AnimatedSpeechExecuter::onStartTest(QString textToTest)
 {
-    callService(serviceName(ServiceId::TextToSpeech), a_textToSpeech,
+    callService("startTest", serviceName(ServiceId::TextToSpeech), a_textToSpeech,
                 [&](VX::VXProxy &p) { p.call<std::string>("say", utf8(textToTest)); });
 }
 
 void AnimatedSpeechExecuter::onStopTest()
 {
-    callService(serviceName(ServiceId::TextToSpeech), a_textToSpeech,
+    callService("stopTest", serviceName(ServiceId::TextToSpeech), a_textToSpeech,
                 [](VX::VXProxy &p) { p.call<void>("stopAll"); });
 }
 
 QStringList AnimatedSpeechExecuter::getTagList()
 {
-    QStringList tags;
     // Asks text to speech, and reports under the animated speech's name.
-    callService(serviceName(ServiceId::TextToSpeech), a_animatedSpeech, [&](VX::VXProxy &p) {
-        for (const std::string &tag : p.call<std::vector<std::string>>("_getTagList"))
-            tags << QString::fromUtf8(tag.c_str());
-    });
-    return tags;
+    return callService(
+        "getTagList", serviceName(ServiceId::TextToSpeech), a_animatedSpeech, [](VX::VXProxy &p) {
+            QStringList tags;
+            for (const std::string &tag : p.call<std::vector<std::string>>("_getTagList"))
+                tags << QString::fromUtf8(tag.c_str());
+            return tags;
+        });
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -32,11 +34,13 @@ public slots:
     void onStopTest();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void error(QString title, QString contents, QString details);
 
 private:
     template<typename Call>
-    void callService(const char *service, const QString &title, Call call);
+    auto callService(const char *operation, const char *service, const QString &title, Call call);
 
     boost::weak_ptr<Connection> m_connection;
 };

@@ -11,6 +11,7 @@ template class MorvaneInterface<AnimatedSpeechExecuter, ExecuterThread>;
 AnimatedSpeechInterface::AnimatedSpeechInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("AnimatedSpeechInterface"))
 {
+    forwardFailures(this);
     request(this, &AnimatedSpeechInterface::interpretTextRequested,
             &AnimatedSpeechExecuter::onInterpretText);
     request(this, &AnimatedSpeechInterface::stopAllInterpretationRequested,

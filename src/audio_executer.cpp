@@ -1,4 +1,5 @@
 #include "audio_executer_p.h"
+#include "executer_call_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
 #include "service_table_p.h"
@@ -54,74 +55,47 @@ AudioExecuter::~AudioExecuter()
 
 void AudioExecuter::onSetOutputVolume(int outputVolume, bool muted)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection || !connection->audioInterface())
-        return;
-    const boost::shared_ptr<VX::VXProxy> audio = connection->audioDevice();
-    if (!audio)
-        return;
-    try {
-        audio->call<void>("setOutputVolume", outputVolume);
-        if (m_hasMute)
-            audio->call<void>("muteAudioOut", muted);
-    } catch (const std::exception &e) {
-        emit error(QString::fromLatin1(serviceName(ServiceId::AudioDevice)), tr("Failed to call"),
-                   QString::fromUtf8(e.what()));
-    }
+    executerCall(this, m_connection, "setOutputVolume")
+        .signal(QString::fromLatin1(serviceName(ServiceId::AudioDevice)), tr("Failed to call"))
+        .run(&Connection::audioDevice, [&](VX::VXProxy &audio) {
+            audio.call<void>("setOutputVolume", outputVolume);
+            if (m_hasMute)
+                audio.call<void>("muteAudioOut", muted);
+        });
 }
 
 void AudioExecuter::onGetOutputVolume()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection || !connection->audioInterface())
-        return;
-    const boost::shared_ptr<VX::VXProxy> audio = connection->audioDevice();
-    if (!audio)
-        return;
-    try {
-        const int volume = audio->call<int>("getOutputVolume");
-        const bool muted = m_hasMute && audio->call<bool>("isAudioOutMuted");
-        emit updateOutputVolumeRequested(volume, muted);
-    } catch (const std::exception &e) {
-        emit error(QString::fromLatin1(serviceName(ServiceId::AudioDevice)), tr("Failed to call"),
-                   QString::fromUtf8(e.what()));
-    }
+    executerCall(this, m_connection, "getOutputVolume")
+        .signal(QString::fromLatin1(serviceName(ServiceId::AudioDevice)), tr("Failed to call"))
+        .run(&Connection::audioDevice, [&](VX::VXProxy &audio) {
+            const int volume = audio.call<int>("getOutputVolume");
+            const bool muted = m_hasMute && audio.call<bool>("isAudioOutMuted");
+            emit updateOutputVolumeRequested(volume, muted);
+        });
 }
 
 void AudioExecuter::getCurrentLanguageRequested()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> speech = connection->textToSpeech();
-    if (!speech)
-        return;
-    try {
-        emit getCurrentLanguageResult(
-            QString::fromUtf8(speech->call<std::string>("getLanguage").c_str()));
-    } catch (const std::exception &e) {
-        emit error(QStringLiteral("TextToSpeech"), tr("Failed to call"),
-                   QString::fromUtf8(e.what()));
-    }
+    executerCall(this, m_connection, "getCurrentLanguage")
+        .signal(QStringLiteral("TextToSpeech"), tr("Failed to call"))
+        .run(&Connection::textToSpeech, [&](VX::VXProxy &speech) {
+            emit getCurrentLanguageResult(
+                QString::fromUtf8(speech.call<std::string>("getLanguage").c_str()));
+        });
 }
 
 void AudioExecuter::getAvailableLanguagesRequested()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> speech = connection->textToSpeech();
-    if (!speech)
-        return;
-    try {
-        QStringList languages;
-        for (const std::string &l : speech->call<std::vector<std::string>>("getAvailableLanguages"))
-            languages << QString::fromUtf8(l.c_str());
-        emit getAvailableLanguagesResult(languages);
-    } catch (const std::exception &e) {
-        emit error(QStringLiteral("TextToSpeech"), tr("Failed to call"),
-                   QString::fromUtf8(e.what()));
-    }
+    executerCall(this, m_connection, "getAvailableLanguages")
+        .signal(QStringLiteral("TextToSpeech"), tr("Failed to call"))
+        .run(&Connection::textToSpeech, [&](VX::VXProxy &speech) {
+            QStringList languages;
+            for (const std::string &l :
+                 speech.call<std::vector<std::string>>("getAvailableLanguages"))
+                languages << QString::fromUtf8(l.c_str());
+            emit getAvailableLanguagesResult(languages);
+        });
 }
 
 void AudioExecuter::onDataChanged(QString name, VX::VXValue val) const

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 
 #include <QObject>
@@ -37,6 +39,8 @@ public slots:
     void onDataChanged(QString name, VX::VXValue val) const;
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void updateOutputVolumeRequested(int outputVolume, bool mute);
     void getCurrentLanguageResult(QString currentLanguage);
     void getAvailableLanguagesResult(QStringList availableLanguages);

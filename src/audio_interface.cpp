@@ -11,6 +11,7 @@ template class MorvaneInterface<AudioExecuter, ExecuterThread>;
 AudioInterface::AudioInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("AudioInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<VX::VXValue>("VX::VXValue");
     request(this, &AudioInterface::setOutputVolumeRequested, &AudioExecuter::onSetOutputVolume);
     request(this, &AudioInterface::getOutputVolumeRequested, &AudioExecuter::onGetOutputVolume);

@@ -4,7 +4,9 @@
 #include <connection/meta_types.h>
 #include <connection/sartel_module.h>
 
+#include "executer_call_p.h"
 #include "future_list_watcher_p.h"
+#include "morvane_interface_p.h"
 
 #include <QtConcurrentRun>
 
@@ -12,9 +14,11 @@
 
 #include <vx/vxproxy.h>
 #include <wz/log.h>
+#include <wz/object.h>
 #include <wz/session.h>
 
 #include <map>
+#include <stdexcept>
 
 namespace RK {
 
@@ -37,11 +41,19 @@ const std::map<std::string, LifeState> &stateMap()
 // Built when the library is loaded, as the robot's texts are constants.
 const bool k_stateMapBuilt = !stateMap().empty();
 
-// A fresh proxy for one call; throws the framework's error when the service is missing.
+// A fresh proxy for one call; null when the robot has no such service.
 boost::shared_ptr<VX::VXProxy> lifeProxy(Connection &connection)
 {
-    wz::Object object = connection.session()->service("VXAutonomousLife", "").value();
-    return boost::make_shared<VX::VXProxy>(object, "VXAutonomousLife");
+    if (!connection.session())
+        throw CallFailure(ErrorCode::ConnectionLost, "no session");
+    const wz::Future<wz::Object> found = connection.session()->service("VXAutonomousLife", "");
+    if (found.hasError()) {
+        const std::string text = found.error();
+        if (text.find(wz::serviceNotFoundText("VXAutonomousLife")) != std::string::npos)
+            return nullptr;
+        throw std::runtime_error(text);
+    }
+    return boost::make_shared<VX::VXProxy>(found.value(), "VXAutonomousLife");
 }
 
 } // namespace
@@ -57,6 +69,8 @@ AutonomousLifeInterface::AutonomousLifeInterface(boost::shared_ptr<Connection> c
     const boost::shared_ptr<SartelModuleInterface> module = connection
         ? connection->sartelModuleInterface()
         : boost::shared_ptr<SartelModuleInterface>();
+    if (connection)
+        watchConnectionEnd(connection.get(), this, &AutonomousLifeInterface::connectionEnded);
     if (module) {
         connect(module.get(), &SartelModuleInterface::dataSubscribedChanged, this,
                 &AutonomousLifeInterface::onStateChanged);
@@ -116,38 +130,30 @@ QFuture<void> AutonomousLifeInterface::switchFocus(QString name)
 
 LifeState AutonomousLifeInterface::_state()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return LifeStateUnknown;
-    try {
-        return stateFromString(lifeProxy(*connection)->call<std::string>("getState"));
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "Failed to get autonomous life state, error: " << e.what();
-        return LifeStateUnknown;
-    }
+    return executerCall(this, m_connection, "state")
+        .log(k_category, wz::LogLevel_Warning, "Failed to get autonomous life state, error: ")
+        .run(
+            lifeProxy,
+            [](VX::VXProxy &life) { return stateFromString(life.call<std::string>("getState")); },
+            LifeStateUnknown);
 }
 
 void AutonomousLifeInterface::_setState(LifeState state)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    try {
-        lifeProxy(*connection)->call<void>("setState", stateToString(state));
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "Failed to set autonomous life state, error: " << e.what();
-    }
+    executerCall(this, m_connection, "setState")
+        .log(k_category, wz::LogLevel_Warning, "Failed to set autonomous life state, error: ")
+        .run(lifeProxy,
+             [state](VX::VXProxy &life) { life.call<void>("setState", stateToString(state)); });
 }
 
 void AutonomousLifeInterface::_switchFocus(QString name)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    // Not caught: the error travels in the future to whoever waits for it.
-    lifeProxy(*connection)->call<void>("switchFocus", std::string(name.toUtf8().constData()));
+    // The error travels in the future too, to whoever waits for it.
+    executerCall(this, m_connection, "switchFocus")
+        .rethrowing()
+        .run(lifeProxy, [&name](VX::VXProxy &life) {
+            life.call<void>("switchFocus", std::string(name.toUtf8().constData()));
+        });
 }
 
 void AutonomousLifeInterface::onStateChanged(QString keyName, VX::VXValue value)

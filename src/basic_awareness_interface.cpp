@@ -1,3 +1,4 @@
+#include "morvane_interface_p.h"
 #include "people_perception_interface_p.h"
 #include "service_table_p.h"
 
@@ -43,6 +44,7 @@ BasicAwarenessInterface::BasicAwarenessInterface(boost::shared_ptr<Connection> c
     wz::Session *session = connection ? connection->session() : nullptr;
     if (!session || !session->isConnected())
         throw std::runtime_error("BasicAwarenessInterface created while session not connected");
+    watchConnectionEnd(connection.get(), this, &BasicAwarenessInterface::connectionEnded);
     const CallbackGatePtr gate = d->gate;
     d->awareness = session->service(serviceName(ServiceId::BasicAwareness)).value();
     d->awareness.connect("humanTracked", [gate](int id) { queueHumanTrackedChangeInt(gate, id); })

@@ -1,8 +1,11 @@
 #include "battery_executer_p.h"
+#include "executer_call_p.h"
 
 #include <connection/battery_interface.h>
 #include <connection/connection.h>
 #include <connection/platform.h>
+
+#include <exception>
 
 namespace RK {
 
@@ -12,23 +15,24 @@ BatteryExecuter::BatteryExecuter(boost::shared_ptr<Connection> connection)
 
 void BatteryExecuter::onGetBatteryLevel()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection || !connection->batteryInterface())
-        return;
-    const boost::shared_ptr<VX::VXProxy> battery = connection->batteryDevice();
-    if (!battery)
-        return;
-    try {
-        emit updateBatteryLevelRequested(battery->call<int>("getBatteryCharge"));
-    } catch (const std::exception &first) {
-        try {
-            emit updateBatteryLevelRequested(battery->call<int>("getBatteryLevel") * 20);
-        } catch (const std::exception &) {
-            // The first failure tells what went wrong; the fallback is a detail.
-            emit error(QStringLiteral("VXSentinel"), tr("Failed to call"),
-                       QString::fromUtf8(first.what()));
-        }
-    }
+    executerCall(this, m_connection, "getBatteryLevel")
+        .signal(QStringLiteral("VXSentinel"), tr("Failed to call"))
+        .run(&Connection::batteryDevice, [this](VX::VXProxy &battery) {
+            int percent = 0;
+            try {
+                percent = battery.call<int>("getBatteryCharge");
+            } catch (const std::exception &) {
+                // The coarse level stands in; if it fails too, the first
+                // failure is the one that tells what went wrong.
+                const std::exception_ptr first = std::current_exception();
+                try {
+                    percent = battery.call<int>("getBatteryLevel") * 20;
+                } catch (const std::exception &) {
+                    std::rethrow_exception(first);
+                }
+            }
+            emit updateBatteryLevelRequested(percent);
+        });
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <QObject>
 #include <QString>
 
@@ -23,6 +25,7 @@ public slots:
 signals:
     void updateBatteryLevelRequested(int batteryLevel);
     void error(QString title, QString contents, QString details);
+    void errorOccurred(const RK::OperationError &error);
 
 private:
     boost::weak_ptr<Connection> m_connection;

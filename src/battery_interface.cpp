@@ -11,6 +11,7 @@ template class MorvaneInterface<BatteryExecuter, ExecuterThread>;
 BatteryInterface::BatteryInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("BatteryInterface"))
 {
+    forwardFailures(this);
     request(this, &BatteryInterface::getBatteryLevelRequested, &BatteryExecuter::onGetBatteryLevel);
     forward(&BatteryExecuter::updateBatteryLevelRequested, this,
             &BatteryInterface::updateBatteryLevelRequested);

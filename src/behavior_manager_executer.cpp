@@ -1,4 +1,5 @@
 #include "behavior_manager_executer_p.h"
+#include "executer_call_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
 
@@ -34,11 +35,6 @@ QStringList toList(const std::vector<std::string> &names)
     for (const std::string &n : names)
         out << fromUtf8(n);
     return out;
-}
-
-void logError(const char *function, const std::string &text)
-{
-    wz::log::LogStream(wz::LogLevel_Error, k_category, function) << text << "\n";
 }
 
 // Names in events come as strings; anything else is shown as the robot's text.
@@ -117,102 +113,78 @@ void BehaviorManagerExecuter::onDataChanged(QString name, VX::VXValue value)
     }
 }
 
+ExecuterCall<BehaviorManagerExecuter> BehaviorManagerExecuter::call(const char *operation)
+{
+    ExecuterCall<BehaviorManagerExecuter> call(this, m_connection, operation);
+    call.log(k_category);
+    return call;
+}
+
 void BehaviorManagerExecuter::getBehaviors()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> proxy
-        = connection ? connection->behaviorManager() : boost::shared_ptr<VX::VXProxy>();
-    if (!proxy)
-        return;
-    try {
-        const std::vector<std::string> names
-            = proxy->call<std::vector<std::string>>("getInstalledBehaviors");
+    call("requestBehaviors").run(&Connection::behaviorManager, [this](VX::VXProxy &proxy) {
+        std::vector<std::string> names;
+        try {
+            names = proxy.call<std::vector<std::string>>("getInstalledBehaviors");
+        } catch (const std::exception &) {
+            // An older robot only knows the names.
+            emit behaviorsReceived(
+                toList(proxy.call<std::vector<std::string>>("getBehaviorNames")));
+            return;
+        }
         QStringList list;
         for (const std::string &n : names) {
             emit behaviorPresent(fromUtf8(n), true);
             list << fromUtf8(n);
         }
         emit behaviorsReceived(list);
-    } catch (const std::exception &) {
-        // An older robot only knows the names.
-        try {
-            emit behaviorsReceived(
-                toList(proxy->call<std::vector<std::string>>("getBehaviorNames")));
-        } catch (const std::exception &e) {
-            logError(__FUNCTION__, e.what());
-        }
-    }
+    });
 }
-
-#define RK_BEHAVIOR_PROXY_OR_RETURN(...) \
-    const boost::shared_ptr<Connection> connection = m_connection.lock(); \
-    const boost::shared_ptr<VX::VXProxy> proxy \
-        = connection ? connection->behaviorManager() : boost::shared_ptr<VX::VXProxy>(); \
-    if (!proxy) \
-        return __VA_ARGS__;
 
 void BehaviorManagerExecuter::getDefaultBehaviors()
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
+    call("requestDefaultBehaviors").run(&Connection::behaviorManager, [this](VX::VXProxy &proxy) {
         emit defaultBehaviorsReceived(
-            withoutUserPrefix(proxy->call<std::vector<std::string>>("getDefaultBehaviors")));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+            withoutUserPrefix(proxy.call<std::vector<std::string>>("getDefaultBehaviors")));
+    });
 }
 
 void BehaviorManagerExecuter::getRunningBehaviors()
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
+    call("requestRunningBehaviors").run(&Connection::behaviorManager, [this](VX::VXProxy &proxy) {
         emit runningBehaviorsUpdated(
-            withoutUserPrefix(proxy->call<std::vector<std::string>>("getRunningBehaviors")));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+            withoutUserPrefix(proxy.call<std::vector<std::string>>("getRunningBehaviors")));
+    });
 }
 
 void BehaviorManagerExecuter::getInstalledBoxLibraries()
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        emit installedBoxLibrariesReceived(
-            toList(proxy->call<std::vector<std::string>>("_getInstalledBoxLibraries")));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+    call("requestInstalledBoxLibraries")
+        .run(&Connection::behaviorManager, [this](VX::VXProxy &proxy) {
+            emit installedBoxLibrariesReceived(
+                toList(proxy.call<std::vector<std::string>>("_getInstalledBoxLibraries")));
+        });
 }
 
 void BehaviorManagerExecuter::isBehaviorPresent(QString behavior)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        emit behaviorPresent(behavior, proxy->call<bool>("isBehaviorInstalled", utf8(behavior)));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+    call("isBehaviorPresent").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        emit behaviorPresent(behavior, proxy.call<bool>("isBehaviorInstalled", utf8(behavior)));
+    });
 }
 
 void BehaviorManagerExecuter::preloadBehavior(QString behaviorToPlay)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        proxy->call<bool>("preloadBehavior", utf8(behaviorToPlay));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-        throw;
-    }
+    call("preloadBehavior").rethrowing().run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        proxy.call<bool>("preloadBehavior", utf8(behaviorToPlay));
+    });
 }
 
 void BehaviorManagerExecuter::playBehavior(QString behaviorToPlay)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        proxy->call<void>("startBehavior", utf8(behaviorToPlay));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, "Failed to start " + utf8(behaviorToPlay) + ", reason: " + e.what());
-    }
+    call("playBehavior").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        proxy.call<void>("startBehavior", utf8(behaviorToPlay));
+    });
 }
 
 void BehaviorManagerExecuter::startBehavior(QString behaviorToPlay)
@@ -233,141 +205,125 @@ void BehaviorManagerExecuter::startBehavior(QString behaviorToPlay)
 
 void BehaviorManagerExecuter::stopBehavior(QString behaviorToStop)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        proxy->call<void>("stopBehavior", utf8(behaviorToStop));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+    call("stopBehavior").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        proxy.call<void>("stopBehavior", utf8(behaviorToStop));
+    });
 }
 
 void BehaviorManagerExecuter::deleteBehavior(QString behaviorToDelete)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        proxy->call<void>("removeBehavior", utf8(behaviorToDelete));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+    call("deleteBehavior").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        proxy.call<void>("removeBehavior", utf8(behaviorToDelete));
+    });
 }
 
 void BehaviorManagerExecuter::changeBehaviorDefaultFlag(QString behavior, bool isDefault)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        proxy->call<void>(isDefault ? "addDefaultBehavior" : "removeDefaultBehavior",
-                          utf8(behavior));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+    call("changeBehaviorDefaultFlag").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        proxy.call<void>(isDefault ? "addDefaultBehavior" : "removeDefaultBehavior",
+                         utf8(behavior));
+    });
 }
 
 void BehaviorManagerExecuter::getBehaviorFrameManagerID(QString name)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        emit behaviorFrameManagerIDReceived(
-            name, fromUtf8(proxy->call<std::string>("_getBehaviorFrameManagerId", utf8(name))));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__,
-                 std::string("Failed to resolve behavior instance ")
-                     + "from behavior name, reason: " + e.what());
-    }
+    call("requestBehaviorFrameManagerID")
+        .run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+            emit behaviorFrameManagerIDReceived(
+                name, fromUtf8(proxy.call<std::string>("_getBehaviorFrameManagerId", utf8(name))));
+        });
 }
 
 void BehaviorManagerExecuter::stopAllBehaviors()
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        proxy->call<void>("stopAllBehaviors");
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
+    call("stopAll").run(&Connection::behaviorManager,
+                        [](VX::VXProxy &proxy) { proxy.call<void>("stopAllBehaviors"); });
 }
 
 void BehaviorManagerExecuter::deleteBoxLibrary(QString name)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN()
-    try {
-        proxy->call<void>("_removeBoxLibrary", utf8(name));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-    }
-    getInstalledBoxLibraries();
+    const bool deleted
+        = call("deleteBoxLibrary").attempt(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+              proxy.call<void>("_removeBoxLibrary", utf8(name));
+          });
+    // The list that follows is what the application sees of it.
+    if (deleted)
+        getInstalledBoxLibraries();
 }
 
 QStringList BehaviorManagerExecuter::behaviorsInstalled()
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN(QStringList())
-    try {
-        return toList(proxy->call<std::vector<std::string>>("getInstalledBehaviors"));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-        return QStringList();
-    }
+    return call("behaviorsInstalled").run(&Connection::behaviorManager, [](VX::VXProxy &proxy) {
+        return toList(proxy.call<std::vector<std::string>>("getInstalledBehaviors"));
+    });
 }
 
 QStringList BehaviorManagerExecuter::behaviorTags()
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN(QStringList())
-    try {
-        return toList(proxy->call<std::vector<std::string>>("getTagList"));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-        return QStringList();
-    }
+    return call("behaviorTags").run(&Connection::behaviorManager, [](VX::VXProxy &proxy) {
+        return toList(proxy.call<std::vector<std::string>>("getTagList"));
+    });
 }
 
-bool BehaviorManagerExecuter::isBehaviorRunning(QString name) const
+bool BehaviorManagerExecuter::isBehaviorRunning(QString name)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN(false)
-    try {
-        return proxy->call<bool>("isBehaviorRunning", utf8(name));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, e.what());
-        return false;
-    }
+    return call("isBehaviorRunning").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        return proxy.call<bool>("isBehaviorRunning", utf8(name));
+    });
 }
 
+// A failed install answers true, and the list is read again: the robot may
+// have installed part of it. The failure itself is told.
 bool BehaviorManagerExecuter::installBehavior(QString name)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN(false)
-    try {
-        return proxy->call<bool>("installBehavior", utf8(name));
-    } catch (const std::exception &) {
+    bool reached = false;
+    bool installed = false;
+    if (!call("installBehavior")
+             .attempt(&Connection::behaviorManager,
+                      [&](VX::VXProxy &proxy) {
+                          reached = true;
+                          installed = proxy.call<bool>("installBehavior", utf8(name));
+                      })
+        && reached) {
         emit behaviorListChanged();
-        return true;
+        installed = true;
     }
+    return installed;
 }
 
 bool BehaviorManagerExecuter::installBehavior(QString first, QString second, bool flag)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN(false)
-    try {
-        return proxy->call<bool>("installBehavior", utf8(first), utf8(second), flag);
-    } catch (const std::exception &) {
+    bool reached = false;
+    bool installed = false;
+    if (!call("installBehavior")
+             .attempt(&Connection::behaviorManager,
+                      [&](VX::VXProxy &proxy) {
+                          reached = true;
+                          installed = proxy.call<bool>("installBehavior", utf8(first), utf8(second),
+                                                       flag);
+                      })
+        && reached) {
         emit behaviorListChanged();
-        return true;
+        installed = true;
     }
+    return installed;
 }
 
 QString BehaviorManagerExecuter::getBehaviorNature(QString name)
 {
-    RK_BEHAVIOR_PROXY_OR_RETURN(a_natureError)
-    try {
-        const wz::Object object = proxy->object();
-        if (!object)
-            throw std::runtime_error("This object is null");
-        // An older robot has no natures at all: not an error.
-        if (object.metaObject().findMethod("getBehaviorNature").empty())
-            return QString();
-        return fromUtf8(proxy->call<std::string>("getBehaviorNature", utf8(name)));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, "Failed to get " + utf8(name) + "'s nature, reason: " + e.what());
-        return a_natureError;
-    }
+    return call("behaviorNature")
+        .run(
+            &Connection::behaviorManager,
+            [&](VX::VXProxy &proxy) {
+                const wz::Object object = proxy.object();
+                if (!object)
+                    throw std::runtime_error("This object is null");
+                // An older robot has no natures at all: not an error.
+                if (object.metaObject().findMethod("getBehaviorNature").empty())
+                    return QString();
+                return fromUtf8(proxy.call<std::string>("getBehaviorNature", utf8(name)));
+            },
+            a_natureError);
 }
-
-#undef RK_BEHAVIOR_PROXY_OR_RETURN
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 
 #include <QObject>
@@ -17,6 +19,8 @@
 namespace RK {
 
 class Connection;
+template<typename Executer>
+class ExecuterCall;
 class EventRelay;
 
 // The blocking side of "VXBehaviorManager". Slots run on the executer's
@@ -40,7 +44,7 @@ public:
     void startBehavior(QString behaviorToPlay);
     QStringList behaviorsInstalled();
     QStringList behaviorTags();
-    bool isBehaviorRunning(QString name) const;
+    bool isBehaviorRunning(QString name);
     // A failure of the remote call reads as success (and a changed list).
     bool installBehavior(QString name);
     bool installBehavior(QString first, QString second, bool flag);
@@ -66,6 +70,8 @@ public slots:
     void onDataChanged(QString name, VX::VXValue value);
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void behaviorsReceived(QStringList behaviors);
     void behaviorPresent(QString behavior, bool isPresent);
     void defaultBehaviorsReceived(QStringList behaviors);
@@ -78,6 +84,9 @@ signals:
     void behaviorFailed(QString behaviorName, QString box, QString error);
 
 private:
+    // Every call of this executer logs its failure in the executer's category.
+    ExecuterCall<BehaviorManagerExecuter> call(const char *operation);
+
     boost::weak_ptr<Connection> m_connection;
     std::shared_ptr<EventRelay> m_events;
 };

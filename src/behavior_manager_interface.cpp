@@ -11,6 +11,7 @@ using I = BehaviorManagerInterface;
 BehaviorManagerInterface::BehaviorManagerInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("BehaviorManagerInterface"))
 {
+    forwardFailures(this);
     request(this, &I::behaviorsRequested, &E::getBehaviors);
     request(this, &I::isBehaviorPresentRequested, &E::isBehaviorPresent);
     request(this, &I::runningBehaviorsRequested, &E::getRunningBehaviors);

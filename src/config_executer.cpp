@@ -1,11 +1,10 @@
 #include "config_executer_p.h"
+#include "executer_call_p.h"
 
 #include <connection/connection.h>
 #include <connection/platform.h>
 
 #include <wz/log.h>
-
-#include <iostream>
 
 namespace RK {
 
@@ -22,34 +21,18 @@ ConfigExecuter::ConfigExecuter(boost::shared_ptr<Connection> connection)
 
 void ConfigExecuter::getConfig()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> config = connection->config();
-    if (!config)
-        return;
-    try {
-        emit configReceived(fromUtf8(config->call<std::string>("getConfig")));
-    } catch (const std::exception &e) {
-        std::cout << e.what() << "\n";
-    }
+    executerCall(this, m_connection, "getConfig")
+        .run(&Connection::config, [this](VX::VXProxy &config) {
+            emit configReceived(fromUtf8(config.call<std::string>("getConfig")));
+        });
 }
 
 void ConfigExecuter::getConfigFile()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> config = connection->config();
-    if (!config)
-        return;
-    try {
-        emit configFileReceived(fromUtf8(config->call<std::string>("getConfigFile")));
-    } catch (const std::exception &e) {
-        std::cout << e.what() << "\n";
-        // Unlike getConfig, a listener of the file always gets an answer.
-        emit configFileReceived(QString());
-    }
+    executerCall(this, m_connection, "getConfigFile")
+        .run(&Connection::config, [this](VX::VXProxy &config) {
+            emit configFileReceived(fromUtf8(config.call<std::string>("getConfigFile")));
+        });
 }
 
 ResourcesExecuter::ResourcesExecuter(boost::shared_ptr<Connection> connection)
@@ -58,35 +41,19 @@ ResourcesExecuter::ResourcesExecuter(boost::shared_ptr<Connection> connection)
 
 void ResourcesExecuter::getResources()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXPreferencesProxy> preferences = connection->preferences();
-    if (!preferences)
-        return;
-    try {
-        emit resourcesReceived(preferences->readPrefFile("vxresourcemanager", true));
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, "con.resourcesE", __FUNCTION__)
-            << "VXPreferences::readPrefFile(\"vxresourcemanager\") call failed : " << e.what();
-    }
+    executerCall(this, m_connection, "getResources")
+        .log("con.resourcesE", wz::LogLevel_Error,
+             "VXPreferences::readPrefFile(\"vxresourcemanager\") call failed : ")
+        .run(&Connection::preferences, [this](VX::VXPreferencesProxy &preferences) {
+            emit resourcesReceived(preferences.readPrefFile("vxresourcemanager", true));
+        });
 }
 
-VX::VXValue ResourcesExecuter::getOwners() const
+VX::VXValue ResourcesExecuter::getOwners()
 {
-    VX::VXValue owners;
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return owners;
-    const boost::shared_ptr<VX::VXProxy> manager = connection->resourceManager();
-    if (!manager)
-        return owners;
-    try {
-        owners = manager->call<VX::VXValue>("ownersGet");
-    } catch (const std::exception &) {
-        // An empty value says it all.
-    }
-    return owners;
+    return executerCall(this, m_connection, "getOwners")
+        .run(&Connection::resourceManager,
+             [](VX::VXProxy &manager) { return manager.call<VX::VXValue>("ownersGet"); });
 }
 
 LauncherExecuter::LauncherExecuter(boost::shared_ptr<Connection> connection)
@@ -95,21 +62,15 @@ LauncherExecuter::LauncherExecuter(boost::shared_ptr<Connection> connection)
 
 void LauncherExecuter::launchWait(QString command, std::vector<std::string> args)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> launcher = connection->launcher();
-    if (!launcher)
-        return;
-    QString errorMessage;
-    try {
-        const int code = launcher->call<int>("_launchWait", command.toLatin1().toStdString(), args);
-        if (code > 0)
-            errorMessage = tr("Command `%1` returned an error code (%2).").arg(command).arg(code);
-    } catch (const std::exception &e) {
-        errorMessage = QString::fromUtf8(e.what());
-    }
-    emit launchWaitFinished(errorMessage);
+    executerCall(this, m_connection, "launchWait")
+        .run(&Connection::launcher, [&](VX::VXProxy &launcher) {
+            const int code
+                = launcher.call<int>("_launchWait", command.toLatin1().toStdString(), args);
+            // The command ran: its own failure is an answer, not the call's.
+            emit launchWaitFinished(
+                code > 0 ? tr("Command `%1` returned an error code (%2).").arg(command).arg(code)
+                         : QString());
+        });
 }
 
 } // namespace RK

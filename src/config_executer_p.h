@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 
 #include <QObject>
@@ -27,6 +29,8 @@ public slots:
     void getConfigFile();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void configReceived(QString config);
     void configFileReceived(QString configFile);
 
@@ -41,12 +45,14 @@ class ResourcesExecuter : public QObject
 public:
     explicit ResourcesExecuter(boost::shared_ptr<Connection> connection);
     // Runs on the pool.
-    VX::VXValue getOwners() const;
+    VX::VXValue getOwners();
 
 public slots:
     void getResources();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void resourcesReceived(VX::VXValue resources);
 
 private:
@@ -64,6 +70,8 @@ public slots:
     void launchWait(QString command, std::vector<std::string> args);
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void launchWaitFinished(QString errorMessage);
 
 private:

@@ -15,6 +15,7 @@ template class MorvaneInterface<LauncherExecuter, ExecuterThread>;
 ConfigInterface::ConfigInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("ConfigInterface"))
 {
+    forwardFailures(this);
     request(this, &ConfigInterface::getConfigRequested, &ConfigExecuter::getConfig);
     request(this, &ConfigInterface::configFileRequested, &ConfigExecuter::getConfigFile);
     forward(&ConfigExecuter::configReceived, this, &ConfigInterface::configReceived);
@@ -36,6 +37,7 @@ void ConfigInterface::getConfigFile()
 ResourcesInterface::ResourcesInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("ResourcesInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<VX::VXValue>("VX::VXValue");
     request(this, &ResourcesInterface::resourcesRequested, &ResourcesExecuter::getResources);
     forward(&ResourcesExecuter::resourcesReceived, this, &ResourcesInterface::resourcesReceived);
@@ -56,6 +58,7 @@ QFuture<VX::VXValue> ResourcesInterface::getOwners()
 LauncherInterface::LauncherInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("LauncherInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<std::vector<std::string>>("std::vector<std::string>");
     request(this, &LauncherInterface::launchWaitRequested, &LauncherExecuter::launchWait);
     forward(&LauncherExecuter::launchWaitFinished, this, &LauncherInterface::launchWaitFinished);

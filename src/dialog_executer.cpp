@@ -1,4 +1,5 @@
 #include "dialog_executer_p.h"
+#include "executer_call_p.h"
 
 #include <connection/connection.h>
 #include <connection/platform.h>
@@ -13,20 +14,10 @@ DialogExecuter::DialogExecuter(boost::shared_ptr<Connection> connection)
 
 void DialogExecuter::tell(QString sentence)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> dialog = connection->dialog();
-    if (!dialog)
-        return;
-    QString message;
-    try {
-        message = QString::fromUtf8(
-            dialog->call<std::string>("tell", sentence.toUtf8().toStdString()).c_str());
-    } catch (const std::exception &e) {
-        message = QString::fromUtf8(e.what());
-    }
-    emit tellFinished(message);
+    executerCall(this, m_connection, "tell").run(&Connection::dialog, [&](VX::VXProxy &dialog) {
+        emit tellFinished(QString::fromUtf8(
+            dialog.call<std::string>("tell", sentence.toUtf8().toStdString()).c_str()));
+    });
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <QObject>
 #include <QString>
 
@@ -21,6 +23,8 @@ public slots:
     void tell(QString sentence);
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void tellFinished(QString errorMessage);
 
 private:

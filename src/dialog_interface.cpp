@@ -11,6 +11,7 @@ template class MorvaneInterface<DialogExecuter, ExecuterThread>;
 DialogInterface::DialogInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("DialogInterface"))
 {
+    forwardFailures(this);
     request(this, &DialogInterface::tellRequested, &DialogExecuter::tell);
     forward(&DialogExecuter::tellFinished, this, &DialogInterface::tellFinished);
 }

@@ -1,3 +1,4 @@
+#include "morvane_interface_p.h"
 #include "people_perception_interface_p.h"
 #include "service_table_p.h"
 
@@ -31,6 +32,7 @@ EngagementZonesInterface::EngagementZonesInterface(boost::shared_ptr<Connection>
     wz::Session *session = connection ? connection->session() : nullptr;
     if (!session || !session->isConnected())
         throw std::runtime_error("EngagementZonesInterface created while session not connected");
+    watchConnectionEnd(connection.get(), this, &EngagementZonesInterface::connectionEnded);
     d->zones = session->service(serviceName(ServiceId::EngagementZones)).value();
 
     struct Limit

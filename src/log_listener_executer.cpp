@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "log_listener_executer_p.h"
 
 #include <connection/connection.h>
@@ -183,68 +184,38 @@ LogListenerExecuter::Stats LogListenerExecuter::stats() const
 
 wz::LogLevel LogListenerExecuter::logLevel()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return wz::LogLevel_Info;
-    const boost::shared_ptr<wz::LogListenerProxy> listener = connection->logListener();
-    if (!listener)
-        return wz::LogLevel_Info;
-    try {
-        return listener->verbosity.get().value();
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "Error: couldn't get log verbosity. " << e.what();
-        return wz::LogLevel_Info;
-    }
+    return executerCall(this, m_connection, "logLevel")
+        .log(k_category)
+        .run(
+            &Connection::logListener,
+            [](wz::LogListenerProxy &listener) { return listener.verbosity.get().value(); },
+            wz::LogLevel_Info);
 }
 
 void LogListenerExecuter::setLogLevel(wz::LogLevel level)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<wz::LogListenerProxy> listener = connection->logListener();
-    if (!listener)
-        return;
-    try {
-        listener->setCategory("*", level).value();
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "Error: couldn't change log verbosity. " << e.what();
-    }
+    executerCall(this, m_connection, "setLogLevel")
+        .log(k_category)
+        .run(&Connection::logListener,
+             [&](wz::LogListenerProxy &listener) { listener.setCategory("*", level).value(); });
 }
 
 void LogListenerExecuter::setCategory(QString cat, wz::LogLevel level)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<wz::LogListenerProxy> listener = connection->logListener();
-    if (!listener)
-        return;
-    try {
-        listener->setCategory(cat.toUtf8().toStdString(), level).value();
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "Error: couldn't change log category filters. " << e.what();
-    }
+    executerCall(this, m_connection, "setCategory")
+        .log(k_category)
+        .run(&Connection::logListener, [&](wz::LogListenerProxy &listener) {
+            listener.setCategory(cat.toUtf8().toStdString(), level).value();
+        });
 }
 
 void LogListenerExecuter::clearFilters()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<wz::LogListenerProxy> listener = connection->logListener();
-    if (!listener)
-        return;
-    try {
-        // The proxy throws "This object is null" itself for a null object.
-        listener->clearFilters().value();
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "Error: couldn't clear filters. " << e.what();
-    }
+    // The proxy throws "This object is null" itself for a null object.
+    executerCall(this, m_connection, "clearFilters")
+        .log(k_category)
+        .run(&Connection::logListener,
+             [](wz::LogListenerProxy &listener) { listener.clearFilters().value(); });
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 
 #include <QObject>
@@ -53,6 +55,8 @@ public slots:
     void onMessage(wz::LogMessage mess);
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     // On the application's main thread (the thread of QCoreApplication), in
     // the robot's order. messagesDropped(count) comes before the first
     // message that follows a loss.

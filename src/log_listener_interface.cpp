@@ -11,6 +11,7 @@ template class MorvaneInterface<LogListenerExecuter, ExecuterThread>;
 LogListenerInterface::LogListenerInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("LogListenerInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<wz::LogMessage>("wz::LogMessage");
     qRegisterMetaType<wz::LogLevel>("wz::LogLevel");
     // Direct: the executer emits on the application's thread already, and a

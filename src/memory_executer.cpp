@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "memory_executer_p.h"
 #include "sartel_almodule_p.h"
 #include <connection/connection.h>
@@ -7,6 +8,8 @@
 #include <QMetaObject>
 #include <QThread>
 #include <QTimer>
+
+#include <boost/make_shared.hpp>
 
 #include <wz/log.h>
 #include <wz/os.h>
@@ -53,24 +56,20 @@ void warn(const char *function, const char *message, const std::exception &e)
     wz::log::LogStream(wz::LogLevel_Warning, k_category, function) << message << e.what();
 }
 
-// The catalogue calls share one shape: no connection or no "VXMemory" gives
-// the empty result at once; a failure gives it after a log record.
-template<typename Result, typename Call>
-Result catalogueCall(const boost::weak_ptr<Connection> &weak, wz::LogLevel level,
-                     const char *function, const char *message, Call call)
+// The watching requests go to "VXMemoryWatcher" when the robot has it, else
+// this executer polls "VXMemory" itself; a robot with neither lacks the service.
+struct MemoryRoute
 {
-    const boost::shared_ptr<Connection> connection = weak.lock();
-    if (!connection)
-        return Result();
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    if (!memory)
-        return Result();
-    try {
-        return call(*memory);
-    } catch (const std::exception &e) {
-        wz::log::LogStream(level, k_category, function) << message << e.what();
-        return Result();
-    }
+    boost::shared_ptr<VX::VXProxy> watcher;
+    boost::shared_ptr<VX::VXMemoryProxy> memory;
+};
+
+boost::shared_ptr<MemoryRoute> memoryRoute(Connection &connection)
+{
+    MemoryRoute route {connection.memoryWatcher(), connection.memory()};
+    if (!route.watcher && !route.memory)
+        return nullptr;
+    return boost::make_shared<MemoryRoute>(std::move(route));
 }
 
 } // namespace
@@ -87,6 +86,7 @@ MemoryExecuter::MemoryExecuter(boost::shared_ptr<Connection> connection)
 
 MemoryExecuter::~MemoryExecuter()
 {
+    m_destroying = true;
     stopWatcher();
 }
 
@@ -114,115 +114,88 @@ bool MemoryExecuter::isSampling() const
 
 void MemoryExecuter::watchKey(QString key, int period)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("addListener", utf8(key));
-        } catch (const std::exception &e) {
-            wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-                << "Cannot watch " << utf8(key);
-            warn(__FUNCTION__, "VXMemoryWatcher::addListener has thrown: ", e);
-        }
-    } else if (connection->memory()) {
-        m_watchedKeys[key] = period;
-    }
+    call("watchKey", "VXMemoryWatcher::addListener has thrown: ")
+        .run(memoryRoute, [&](MemoryRoute &route) {
+            if (!route.watcher) {
+                m_watchedKeys[key] = period;
+                return;
+            }
+            try {
+                route.watcher->call<void>("addListener", utf8(key));
+            } catch (const std::exception &) {
+                wz::log::LogStream(wz::LogLevel_Warning, k_category, "watchKey")
+                    << "Cannot watch " << utf8(key);
+                throw;
+            }
+        });
 }
 
 void MemoryExecuter::watchKeys(QStringList keys, int period)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("addListeners", utf8List(keys));
-        } catch (const std::exception &e) {
-            warn(__FUNCTION__, "VXMemoryWatcher::addListeners has thrown: ", e);
-        }
-    } else if (connection->memory()) {
-        for (const QString &key : keys)
-            m_watchedKeys[key] = period;
-    }
+    call("watchKeys", "VXMemoryWatcher::addListeners has thrown: ")
+        .run(memoryRoute, [&](MemoryRoute &route) {
+            if (route.watcher) {
+                route.watcher->call<void>("addListeners", utf8List(keys));
+                return;
+            }
+            for (const QString &key : keys)
+                m_watchedKeys[key] = period;
+        });
 }
 
 void MemoryExecuter::unwatchKey(QString key)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("removeListener", utf8(key));
-        } catch (const std::exception &e) {
-            warn(__FUNCTION__, "VXMemoryWatcher::removeListener has thrown: ", e);
-        }
-    } else if (connection->memory()) {
-        m_watchedKeys.remove(key);
-    }
+    call("unwatchKey", "VXMemoryWatcher::removeListener has thrown: ")
+        .run(memoryRoute, [&](MemoryRoute &route) {
+            if (route.watcher)
+                route.watcher->call<void>("removeListener", utf8(key));
+            else
+                m_watchedKeys.remove(key);
+        });
 }
 
 void MemoryExecuter::unwatchKeys(QStringList keys)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("removeListeners", utf8List(keys));
-        } catch (const std::exception &e) {
-            warn(__FUNCTION__, "VXMemoryWatcher::removeListeners has thrown: ", e);
-        }
-    } else if (connection->memory()) {
-        for (const QString &key : keys)
-            m_watchedKeys.remove(key);
-    }
+    call("unwatchKeys", "VXMemoryWatcher::removeListeners has thrown: ")
+        .run(memoryRoute, [&](MemoryRoute &route) {
+            if (route.watcher) {
+                route.watcher->call<void>("removeListeners", utf8List(keys));
+                return;
+            }
+            for (const QString &key : keys)
+                m_watchedKeys.remove(key);
+        });
 }
 
 void MemoryExecuter::unwatchAll()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("removeAllListeners");
-        } catch (const std::exception &e) {
-            warn(__FUNCTION__, "VXMemoryWatcher::removeAllListeners has thown: ", e);
-        }
-    } else if (connection->memory()) {
-        m_watchedKeys = QMap<QString, int>();
-    }
+    call("unwatchAll", "VXMemoryWatcher::removeAllListeners has thown: ")
+        .run(memoryRoute, [&](MemoryRoute &route) {
+            if (route.watcher)
+                route.watcher->call<void>("removeAllListeners");
+            else
+                m_watchedKeys = QMap<QString, int>();
+        });
 }
 
 void MemoryExecuter::startWatcher(int gatherPeriod, int samplingPeriod)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("setPeriodMs", samplingPeriod);
-            watcher->call<void>("startWatching");
-        } catch (const std::exception &e) {
+    call("startWatcher", "Failure: ").run(memoryRoute, [&](MemoryRoute &route) {
+        if (route.watcher) {
             // A watcher that did not start leaves no gather ticks behind.
-            warn(__FUNCTION__, "Failure: ", e);
-            return;
+            route.watcher->call<void>("setPeriodMs", samplingPeriod);
+            route.watcher->call<void>("startWatching");
+            // The robot samples: a sample timer left from polling has no work.
+            m_sampleTimer->stop();
+        } else {
+            m_sampleTimer->setInterval(samplingPeriod);
+            m_sampleTimer->setSingleShot(false);
+            m_sampleTimer->start();
         }
-        // The robot samples: a sample timer left from polling has no work.
-        m_sampleTimer->stop();
         m_gatherTimer->setInterval(gatherPeriod);
         m_gatherTimer->setSingleShot(false);
         m_gatherTimer->start();
-    } else if (connection->memory()) {
-        m_sampleTimer->setInterval(samplingPeriod);
-        m_sampleTimer->setSingleShot(false);
-        m_sampleTimer->start();
-        m_gatherTimer->setInterval(gatherPeriod);
-        m_gatherTimer->setSingleShot(false);
-        m_gatherTimer->start();
-    }
+    });
 }
 
 void MemoryExecuter::startWatcher(int gatherPeriod)
@@ -233,16 +206,14 @@ void MemoryExecuter::startWatcher(int gatherPeriod)
 void MemoryExecuter::stopWatcher()
 {
     stopTimers();
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("stopWatching");
-        } catch (const std::exception &e) {
-            warn(__FUNCTION__, "VXMemoryWatcher::stopWatching has thrown: ", e);
-        }
-    }
+    auto stop = call("stopWatcher", "VXMemoryWatcher::stopWatching has thrown: ");
+    // The executer going stops the robot's watching for nobody: no one to tell.
+    if (m_destroying)
+        stop.quietly();
+    stop.run(memoryRoute, [](MemoryRoute &route) {
+        if (route.watcher)
+            route.watcher->call<void>("stopWatching");
+    });
 }
 
 void MemoryExecuter::stopTimers()
@@ -262,18 +233,13 @@ void MemoryExecuter::setGatherPeriod(int gatherPeriod)
 
 void MemoryExecuter::setSamplingPeriod(int samplingPeriod)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    if (const boost::shared_ptr<VX::VXProxy> watcher = connection->memoryWatcher()) {
-        try {
-            watcher->call<void>("setPeriodMs", samplingPeriod);
-        } catch (const std::exception &e) {
-            warn(__FUNCTION__, "VXMemoryWatcher::setPeriodMs has thrown: ", e);
-        }
-    } else if (connection->memory()) {
-        m_sampleTimer->setInterval(samplingPeriod);
-    }
+    call("setSamplingPeriod", "VXMemoryWatcher::setPeriodMs has thrown: ")
+        .run(memoryRoute, [&](MemoryRoute &route) {
+            if (route.watcher)
+                route.watcher->call<void>("setPeriodMs", samplingPeriod);
+            else
+                m_sampleTimer->setInterval(samplingPeriod);
+        });
 }
 
 void MemoryExecuter::setSamplingPeriod()
@@ -400,74 +366,64 @@ MemoryExecuter::Batch MemoryExecuter::parseHistory(const VX::VXValue &data)
 
 QString MemoryExecuter::getKeyType(QString key)
 {
-    return catalogueCall<QString>(
-        m_connection, wz::LogLevel_Verbose, __FUNCTION__, "VXMemory::getType has thrown: ",
-        [&key](VX::VXMemoryProxy &memory) { return fromUtf8(memory.getType(utf8(key))); });
+    return call("getKeyType", "VXMemory::getType has thrown: ", wz::LogLevel_Verbose)
+        .run(&Connection::memory,
+             [&key](VX::VXMemoryProxy &memory) { return fromUtf8(memory.getType(utf8(key))); });
 }
 
 QStringList MemoryExecuter::getDataList()
 {
-    return catalogueCall<QStringList>(
-        m_connection, wz::LogLevel_Warning, __FUNCTION__, "VXMemory::getDataList has thrown: ",
-        [](VX::VXMemoryProxy &memory) { return fromUtf8List(memory.getDataList("")); });
+    return call("getDataList", "VXMemory::getDataList has thrown: ")
+        .run(&Connection::memory,
+             [](VX::VXMemoryProxy &memory) { return fromUtf8List(memory.getDataList("")); });
 }
 
 QStringList MemoryExecuter::getEventList()
 {
-    return catalogueCall<QStringList>(
-        m_connection, wz::LogLevel_Warning, __FUNCTION__, "VXMemory::getEventList has thrown: ",
-        [](VX::VXMemoryProxy &memory) { return fromUtf8List(memory.getEventList()); });
+    return call("getEventList", "VXMemory::getEventList has thrown: ")
+        .run(&Connection::memory,
+             [](VX::VXMemoryProxy &memory) { return fromUtf8List(memory.getEventList()); });
 }
 
 QStringList MemoryExecuter::getMicroEventList()
 {
-    return catalogueCall<QStringList>(
-        m_connection, wz::LogLevel_Warning, __FUNCTION__,
-        "VXMemory::getMicroEventList has thrown: ", [](VX::VXMemoryProxy &memory) {
-            return fromUtf8List(memory.getMicroEventList());
-        });
+    return call("getMicroEventList", "VXMemory::getMicroEventList has thrown: ")
+        .run(&Connection::memory,
+             [](VX::VXMemoryProxy &memory) { return fromUtf8List(memory.getMicroEventList()); });
 }
 
 void MemoryExecuter::subscribeToMicroEvent(const QString &key)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    const boost::shared_ptr<VXSartel> module = connection->sartelModule();
-    if (!memory || !module)
-        return;
-    subscribeToMicroEvent(memory, utf8(module->objectName()), utf8(key));
+    call("subscribeToMicroEvent",
+         "subscribing to micro event \"" + utf8(key) + "\" failed: ", wz::LogLevel_Error)
+        .run(&Connection::memory, [&](VX::VXMemoryProxy &memory, Connection &connection) {
+            memory.subscribeToMicroEvent(utf8(key), moduleName(connection), "", "dataChanged");
+        });
 }
 
 void MemoryExecuter::unsubscribeToMicroEvent(const QString &key)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    const boost::shared_ptr<VXSartel> module = connection->sartelModule();
-    if (!memory || !module)
-        return;
-    try {
-        memory->unsubscribeToMicroEvent(utf8(key), utf8(module->objectName()));
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "unsubscribing from micro event \"" << utf8(key) << "\" failed: " << e.what();
-    }
+    call("unsubscribeToMicroEvent",
+         "unsubscribing from micro event \"" + utf8(key) + "\" failed: ", wz::LogLevel_Error)
+        .run(&Connection::memory, [&](VX::VXMemoryProxy &memory, Connection &connection) {
+            memory.unsubscribeToMicroEvent(utf8(key), moduleName(connection));
+        });
 }
 
-void MemoryExecuter::subscribeToMicroEvent(boost::shared_ptr<VX::VXMemoryProxy> memory,
-                                           const std::string &module, const std::string &key)
+std::string MemoryExecuter::moduleName(Connection &connection)
 {
-    if (!memory)
-        return;
-    try {
-        memory->subscribeToMicroEvent(key, module, "", "dataChanged");
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "subscribing to micro event \"" << key << "\" failed: " << e.what();
-    }
+    const boost::shared_ptr<VXSartel> module = connection.sartelModule();
+    if (!module)
+        throw CallFailure(ErrorCode::ConnectionLost, "the desktop module has gone");
+    return utf8(module->objectName());
+}
+
+ExecuterCall<MemoryExecuter> MemoryExecuter::call(const char *operation, std::string logText,
+                                                  wz::LogLevel level)
+{
+    ExecuterCall<MemoryExecuter> call(this, m_connection, operation);
+    call.log(k_category, level, std::move(logText));
+    return call;
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <QMap>
 #include <QObject>
 #include <QString>
@@ -8,6 +10,8 @@
 
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
+
+#include <wz/log.h>
 
 #include <optional>
 #include <string>
@@ -22,6 +26,8 @@ class VXMemoryProxy;
 namespace RK {
 
 class Connection;
+template<typename Executer>
+class ExecuterCall;
 
 // Follows keys of the robot's memory over time and answers what keys exist.
 //
@@ -57,8 +63,6 @@ public:
     // Micro events delivered to the desktop module's "dataChanged".
     void subscribeToMicroEvent(const QString &key);
     void unsubscribeToMicroEvent(const QString &key);
-    void subscribeToMicroEvent(boost::shared_ptr<VX::VXMemoryProxy> memory,
-                               const std::string &module, const std::string &key);
 
     // Reads a "VXMemoryWatcher" history into a batch. Throws
     // std::runtime_error with the text of the first rule the value breaks,
@@ -88,6 +92,8 @@ public slots:
     void onSampleTimeout();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void dataGathered(const QMap<QString, QMap<double, QVariant>> &);
 
 public:
@@ -99,6 +105,11 @@ public:
     void stopTimers();
 
 private:
+    // Every call of this executer logs its failure in the executer's category.
+    ExecuterCall<MemoryExecuter> call(const char *operation, std::string logText,
+                                      wz::LogLevel level = wz::LogLevel_Warning);
+    static std::string moduleName(Connection &connection);
+
     boost::weak_ptr<Connection> m_connection;
     QTimer *m_gatherTimer;
     QTimer *m_sampleTimer;
@@ -109,6 +120,7 @@ private:
     Batch m_accumulated;
     // A failing getData is reported once, not at every tick.
     bool m_getDataFailing = false;
+    bool m_destroying = false;
 };
 
 } // namespace RK

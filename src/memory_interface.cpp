@@ -32,6 +32,7 @@ void queue(MemoryExecuter *executer, Call call)
 MemoryInterface::MemoryInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("MemoryInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<QMap<QString, QMap<double, QVariant>>>(
         "QMap<QString,QMap<double,QVariant> >");
     forward(&MemoryExecuter::dataGathered, this, &MemoryInterface::dataGathered);

@@ -1,9 +1,11 @@
+#include "executer_call_p.h"
 #include "method_recorder_executer_p.h"
 
 #include <connection/connection.h>
 #include <connection/recorder_module.h>
 
 #include <vx/vxproxies.h>
+#include <vx/vxproxy.h>
 #include <wz/log.h>
 
 namespace RK {
@@ -14,46 +16,54 @@ const char *const MethodRecorderExecuter::storePositionKey
 const char *const MethodRecorderExecuter::currentStepKey = "VXMotionRecorder/CurrentFrame";
 
 MethodRecorderExecuter::MethodRecorderExecuter(boost::shared_ptr<Connection> connection)
-    : QObject(nullptr), m_connection(connection)
+    : QObject(nullptr),
+      m_connection(connection),
+      m_posted(
+          std::make_unique<PostedCallWatch>([this](const OperationError &failure, bool withSignal) {
+              if (withSignal)
+                  emit error(failure.title, failure.contents, failure.details);
+              emit errorOccurred(failure);
+          }))
 { }
 
 MethodRecorderExecuter::~MethodRecorderExecuter() = default;
 
-void MethodRecorderExecuter::subscribeToMicroEvent(const char *name)
+// The recorder's events come to the desktop's recorder module: without them
+// the application would wait for a recording that never reports, so a
+// failure here fails the start.
+void MethodRecorderExecuter::subscribeToMicroEvent(Connection &connection, const char *name)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VXSartelRecorder> recorder = connection->recorderModule();
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    if (!recorder || !memory)
-        return;
-    try {
-        memory->subscribeToMicroEvent(name, recorder->objectName().toUtf8().toStdString(), "",
-                                      "dataChanged");
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, "con.recorderE", __FUNCTION__)
-            << "VXMemory::subscribeToMicroEvent on " << name << " call failed : " << e.what();
-    }
+    const boost::shared_ptr<VXSartelRecorder> recorder = connection.recorderModule();
+    if (!recorder)
+        throw CallFailure(ErrorCode::ConnectionLost, "the recorder module has gone");
+    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection.memory();
+    if (!memory)
+        throw CallFailure(ErrorCode::ServiceMissing, "the robot has no VXMemory");
+    memory->subscribeToMicroEvent(name, recorder->objectName().toUtf8().toStdString(), "",
+                                  "dataChanged");
+}
+
+template<typename... Args>
+void MethodRecorderExecuter::startRecording(const char *operation, bool interactive,
+                                            const char *method, const Args &...args)
+{
+    auto call = executerCall(this, m_connection, operation);
+    call.log("con.recorderE").signal(tr("Call Failed"), tr("Failed to call %1").arg(method));
+    call.run(&Connection::motionRecorder, [&](VX::VXProxy &recorder, Connection &connection) {
+        subscribeToMicroEvent(connection, currentStepKey);
+        // A periodic recording ends by motionRecorderStopped instead.
+        if (interactive)
+            subscribeToMicroEvent(connection, recordingKey);
+        m_posted->post(recorder, operation, call.report(), method, {wz::toAny(args)...});
+    });
 }
 
 void MethodRecorderExecuter::onStartInteractiveRecording(std::vector<std::string> jointsToRecord,
                                                          int nbPoses, bool extensionAllowed,
                                                          int mode)
 {
-    subscribeToMicroEvent(currentStepKey);
-    subscribeToMicroEvent(recordingKey);
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> recorder
-        = connection ? connection->motionRecorder() : nullptr;
-    if (!recorder)
-        return;
-    try {
-        recorder->pCall("startInteractiveRecording", jointsToRecord, nbPoses, extensionAllowed,
-                        mode);
-    } catch (const std::exception &) {
-        // The application waits for events that will not come.
-    }
+    startRecording("startToRecordInteractively", true, "startInteractiveRecording", jointsToRecord,
+                   nbPoses, extensionAllowed, mode);
 }
 
 void MethodRecorderExecuter::onStartPeriodicRecording(std::vector<std::string> jointsToRecord,
@@ -62,31 +72,19 @@ void MethodRecorderExecuter::onStartPeriodicRecording(std::vector<std::string> j
                                                       std::vector<std::string> jointsToReplay,
                                                       VX::VXValue replayData)
 {
-    // Only the step: a periodic recording ends by motionRecorderStopped.
-    subscribeToMicroEvent(currentStepKey);
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> recorder
-        = connection ? connection->motionRecorder() : nullptr;
-    if (!recorder)
-        return;
-    try {
-        recorder->pCall("startPeriodicRecording", jointsToRecord, nbPoses, extensionAllowed,
-                        timeStep, jointsToReplay, replayData);
-    } catch (const std::exception &) {
-        // The application waits for events that will not come.
-    }
+    startRecording("startToRecordPeriodically", false, "startPeriodicRecording", jointsToRecord,
+                   nbPoses, extensionAllowed, timeStep, jointsToReplay, replayData);
 }
 
 void MethodRecorderExecuter::onStopAndGetRecording()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> recorder
-        = connection ? connection->motionRecorder() : nullptr;
-    if (!recorder)
-        return;
-    try {
-        emit recordingReceived(recorder->call<VX::VXValue>("stopAndGetRecording"));
-    } catch (const std::exception &) { }
+    executerCall(this, m_connection, "stopRecording")
+        .log("con.recorderE")
+        .signal(tr("Call Failed"),
+                tr("Failed to call %1").arg(QStringLiteral("stopAndGetRecording")))
+        .run(&Connection::motionRecorder, [this](VX::VXProxy &recorder) {
+            emit recordingReceived(recorder.call<VX::VXValue>("stopAndGetRecording"));
+        });
 }
 
 void MethodRecorderExecuter::onCallFailed(QString proxy, QString method, VX::VXValue param,

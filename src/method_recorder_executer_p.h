@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 
 #include <QObject>
@@ -10,12 +12,14 @@
 
 #include <vx/vxvalue.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace RK {
 
 class Connection;
+class PostedCallWatch;
 
 // The calls of VXSartelRecorder to "VXMotionRecorder", on its ExecuterThread.
 class MethodRecorderExecuter : public QObject
@@ -42,13 +46,19 @@ public slots:
     void onStopAndGetRecording();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void recordingReceived(VX::VXValue poses);
     void error(QString title, QString contents, QString details);
 
 private:
-    void subscribeToMicroEvent(const char *name);
+    void subscribeToMicroEvent(Connection &connection, const char *name);
+    template<typename... Args>
+    void startRecording(const char *operation, bool interactive, const char *method,
+                        const Args &...args);
 
     boost::weak_ptr<Connection> m_connection;
+    std::unique_ptr<PostedCallWatch> m_posted;
 };
 
 } // namespace RK

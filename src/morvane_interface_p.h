@@ -3,8 +3,10 @@
 // The members of MorvaneInterface. Included by the .cpp of each interface,
 // where its executer is a complete type.
 
+#include <connection/connection.h>
 #include <connection/future_interface.h>
 #include <connection/morvane_interface.h>
+#include <connection/operation_error.h>
 
 #include "executer_thread_p.h"
 #include "future_list_watcher_p.h"
@@ -21,6 +23,14 @@
 #include <utility>
 
 namespace RK {
+
+// connectionEnded() of `self` when `connection` is destroyed, on the thread
+// that destroys it; nothing once `self` has gone.
+template<typename Interface>
+void watchConnectionEnd(QObject *connection, Interface *self, void (Interface::*ended)())
+{
+    QObject::connect(connection, &QObject::destroyed, self, ended, Qt::DirectConnection);
+}
 
 template<typename Executer, typename Thread>
 MorvaneInterface<Executer, Thread>::MorvaneInterface(boost::shared_ptr<Connection> connection,
@@ -77,6 +87,16 @@ void MorvaneInterface<Executer, Thread>::forward(ExecuterSignal from, Interface 
                                                  InterfaceSignal to)
 {
     QObject::connect(m_executer.get(), from, self, to);
+}
+
+template<typename Executer, typename Thread>
+template<typename Interface>
+void MorvaneInterface<Executer, Thread>::forwardFailures(Interface *self)
+{
+    QObject::connect(m_executer.get(), &Executer::errorOccurred, self, &Interface::errorOccurred,
+                     Qt::DirectConnection);
+    if (const boost::shared_ptr<Connection> connection = m_connection.lock())
+        watchConnectionEnd(connection.get(), self, &Interface::connectionEnded);
 }
 
 template<typename Executer, typename Thread>

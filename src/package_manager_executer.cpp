@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "package_manager_executer_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
@@ -67,9 +68,9 @@ void PackageManagerExecuter::onDataChanged(const QString &name, const VX::VXValu
         emit packageRemoved(wz::PackageInfo(value));
 }
 
-bool PackageManagerExecuter::offers(const boost::shared_ptr<VX::VXProxy> &proxy, const char *method)
+bool PackageManagerExecuter::offers(VX::VXProxy &proxy, const char *method)
 {
-    const wz::Object object = proxy->object();
+    const wz::Object object = proxy.object();
     if (!object)
         throw std::runtime_error("This object is null");
     return !object.metaObject().findMethod(method).empty();
@@ -77,222 +78,216 @@ bool PackageManagerExecuter::offers(const boost::shared_ptr<VX::VXProxy> &proxy,
 
 QVector<wz::PackageInfo> PackageManagerExecuter::getPackages()
 {
-    QVector<wz::PackageInfo> packages;
-    const auto connection = m_connection.lock();
-    const auto proxy = connection ? connection->packageManager() : nullptr;
-    if (!proxy)
-        return packages;
-    try {
-        const VX::VXValue all = proxy->call<VX::VXValue>("getPackages");
-        if (!all.isArray())
-            throw VX::VXError("getPackages did not answer an array");
-        for (int i = 0; i < all.getSize(); ++i) {
-            wz::PackageInfo package(all[i]);
-            if (!package.uuid().empty())
-                packages.append(package);
-        }
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "getPackages: " << e.what();
-        packages.clear();
-    }
-    return packages;
+    return executerCall(this, m_connection, "getPackages")
+        .log(k_category)
+        .run(&Connection::packageManager, [](VX::VXProxy &proxy) {
+            QVector<wz::PackageInfo> packages;
+            const VX::VXValue all = proxy.call<VX::VXValue>("getPackages");
+            if (!all.isArray())
+                throw VX::VXError("getPackages did not answer an array");
+            for (int i = 0; i < all.getSize(); ++i) {
+                wz::PackageInfo package(all[i]);
+                if (!package.uuid().empty())
+                    packages.append(package);
+            }
+            return packages;
+        });
 }
 
 wz::PackageInfo PackageManagerExecuter::getPackage(QString uuid)
 {
-    const auto connection = m_connection.lock();
-    const auto proxy = connection ? connection->packageManager() : nullptr;
-    if (!proxy)
-        return wz::PackageInfo();
-    try {
-        return wz::PackageInfo(proxy->call<VX::VXValue>("getPackage", uuid.toStdString()));
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "getPackage: " << e.what();
-        return wz::PackageInfo();
-    }
+    return executerCall(this, m_connection, "getPackage")
+        .log(k_category)
+        .run(&Connection::packageManager, [&](VX::VXProxy &proxy) {
+            return wz::PackageInfo(proxy.call<VX::VXValue>("getPackage", uuid.toStdString()));
+        });
 }
 
 QImage PackageManagerExecuter::getPackageIcon(QString uuid)
 {
-    const auto connection = m_connection.lock();
-    const auto proxy = connection ? connection->packageManager() : nullptr;
-    if (!proxy)
-        return QImage();
-    try {
-        if (offers(proxy, "packageIcon")) {
-            const std::string bytes = proxy->call<std::string>("packageIcon", uuid.toStdString());
-            return QImage::fromData(QByteArray(bytes.data(), int(bytes.size())));
-        }
-        const VX::VXValue icon = proxy->call<VX::VXValue>("getPackageIcon", uuid.toStdString());
-        if (!icon.isBinary())
-            return QImage();
-        return QImage::fromData(
-            QByteArray(static_cast<const char *>(icon.GetBinary()), int(icon.getSize())));
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "getPackageIcon: " << e.what();
-        return QImage();
-    }
+    return executerCall(this, m_connection, "getPackageIcon")
+        .log(k_category)
+        .run(&Connection::packageManager, [&](VX::VXProxy &proxy) {
+            if (offers(proxy, "packageIcon")) {
+                const std::string bytes
+                    = proxy.call<std::string>("packageIcon", uuid.toStdString());
+                return QImage::fromData(QByteArray(bytes.data(), int(bytes.size())));
+            }
+            const VX::VXValue icon = proxy.call<VX::VXValue>("getPackageIcon", uuid.toStdString());
+            if (!icon.isBinary())
+                return QImage();
+            return QImage::fromData(
+                QByteArray(static_cast<const char *>(icon.GetBinary()), int(icon.getSize())));
+        });
+}
+
+QPair<QString, QString> PackageManagerExecuter::openSession(VX::VXProxy &proxy, const QString &name)
+{
+    const VX::VXValue answer
+        = proxy.call<VX::VXValue>("_openFileTransferSession", name.toStdString());
+    if (!answer.isArray() || answer.getSize() < 2 || !answer[0].isString() || !answer[1].isString()
+        || answer[0].toStdString().empty())
+        throw VX::VXError("_openFileTransferSession: unexpected answer " + answer.toString(1));
+    return qMakePair(QString::fromStdString(answer[0].toStdString()),
+                     QString::fromStdString(answer[1].toStdString()));
 }
 
 QPair<QString, QString> PackageManagerExecuter::openFileTransferSession(QString name)
 {
-    const auto connection = m_connection.lock();
-    const auto proxy = connection ? connection->packageManager() : nullptr;
-    if (!proxy)
-        return qMakePair(QString(), tr("No connection available"));
-    try {
-        const VX::VXValue answer
-            = proxy->call<VX::VXValue>("_openFileTransferSession", name.toStdString());
-        if (!answer.isArray() || answer.getSize() < 2 || !answer[0].isString()
-            || !answer[1].isString() || answer[0].toStdString().empty())
-            throw VX::VXError("_openFileTransferSession: unexpected answer " + answer.toString(1));
-        return qMakePair(QString::fromStdString(answer[0].toStdString()),
-                         QString::fromStdString(answer[1].toStdString()));
-    } catch (const std::exception &e) {
-        return qMakePair(QString(), QString::fromUtf8(e.what()));
-    }
+    auto call = executerCall(this, m_connection, "openFileTransferSession");
+    QPair<QString, QString> session;
+    if (!call.attempt(&Connection::packageManager,
+                      [&](VX::VXProxy &proxy) { session = openSession(proxy, name); }))
+        return qMakePair(QString(), call.failureText());
+    return session;
 }
 
 void PackageManagerExecuter::closeFileTransferSession(QString session)
 {
-    const auto connection = m_connection.lock();
-    const auto proxy = connection ? connection->packageManager() : nullptr;
-    if (!proxy)
-        return;
-    try {
-        proxy->call<void>("_closeFileTransferSession", session.toStdString());
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Verbose, "PackageManager", __FUNCTION__) << e.what();
-    }
+    executerCall(this, m_connection, "closeFileTransferSession")
+        .run(&Connection::packageManager, [&](VX::VXProxy &proxy) {
+            proxy.call<void>("_closeFileTransferSession", session.toStdString());
+        });
 }
 
-bool PackageManagerExecuter::xInstallPackage(const QString &path, const QString &option,
-                                             const QString &md5)
+bool PackageManagerExecuter::xInstallPackage(VX::VXProxy &proxy, const QString &path,
+                                             const QString &option, const QString &md5)
 {
-    const auto connection = m_connection.lock();
-    if (!connection)
-        throw std::runtime_error("No connection available");
-    const auto proxy = connection->packageManager();
-    if (!proxy)
-        throw std::runtime_error("This object is null");
     if (offers(proxy, "installCheckMd5"))
-        return proxy->call<bool>("installCheckMd5", path.toStdString(), md5.toStdString());
+        return proxy.call<bool>("installCheckMd5", path.toStdString(), md5.toStdString());
     const int result
-        = proxy->call<int>("install", path.toStdString(), option.toStdString(), md5.toStdString());
+        = proxy.call<int>("install", path.toStdString(), option.toStdString(), md5.toStdString());
     if (result == 0)
         return true;
     if (result == 2)
         return false;
-    throw std::runtime_error("Installation failed");
+    throw CallFailure(ErrorCode::RobotFailed, "Installation failed");
+}
+
+// The robot refusing a package it has already is a failure of the install
+// too: the caller gets the text and errorOccurred.
+void PackageManagerExecuter::installOrThrow(VX::VXProxy &proxy, const QString &path,
+                                            const QString &option, const QString &md5)
+{
+    if (!xInstallPackage(proxy, path, option, md5))
+        throw CallFailure(ErrorCode::RobotFailed,
+                          ("Package " + path + " already installed.").toStdString());
 }
 
 QString PackageManagerExecuter::install(QString path, QString option, QString md5)
 {
-    try {
-        if (xInstallPackage(path, option, md5))
-            return QString();
-        return installText(QStringLiteral("Package ") + path
-                           + QStringLiteral(" already installed."));
-    } catch (const std::exception &e) {
-        return installText(QString::fromUtf8(e.what()));
-    }
+    auto call = executerCall(this, m_connection, "install");
+    call.log(k_category);
+    if (call.attempt(&Connection::packageManager,
+                     [&](VX::VXProxy &proxy) { installOrThrow(proxy, path, option, md5); }))
+        return QString();
+    return installText(call.failureText());
 }
 
 QString PackageManagerExecuter::installFromRemote(HttpProjectSynchronizer *synchronizer,
                                                   QString source, QString option)
 {
+    auto call = executerCall(this, m_connection, "installFromRemote");
+    call.log(k_category);
     const QFileInfo sourceInfo(source);
-    if (!sourceInfo.isFile())
-        return installText(tr("Source file %1 doesn't exist").arg(source));
-    const auto connection = m_connection.lock();
-    if (!connection || !connection->packageManager())
-        return installText(tr("No connection available"));
-    const QPair<QString, QString> session = openFileTransferSession(QStringLiteral("appSync"));
-    if (session.first.isEmpty())
-        return installText(session.second);
-    // From here on the session is closed in every outcome.
-    struct SessionCloser
-    {
-        PackageManagerExecuter *self;
-        QString key;
-        ~SessionCloser() { self->closeFileTransferSession(key); }
-    } closer {this, session.first};
+    if (!sourceInfo.isFile()) {
+        // Nothing was asked of the robot; the application's own input is wrong.
+        call.fail(ErrorCode::RobotFailed, tr("Source file %1 doesn't exist").arg(source));
+        return installText(call.failureText());
+    }
+    if (call.attempt(&Connection::packageManager, [&](VX::VXProxy &proxy, Connection &connection) {
+            const QPair<QString, QString> session = openSession(proxy, QStringLiteral("appSync"));
+            // From here on the session is closed in every outcome; a failure
+            // to close it is not the install's.
+            struct SessionCloser
+            {
+                VX::VXProxy &proxy;
+                QString key;
+                ~SessionCloser()
+                {
+                    try {
+                        proxy.call<void>("_closeFileTransferSession", key.toStdString());
+                    } catch (const std::exception &e) {
+                        wz::log::LogStream(wz::LogLevel_Verbose, "PackageManager",
+                                           "closeFileTransferSession")
+                            << e.what();
+                    }
+                }
+            } closer {proxy, session.first};
+            push(synchronizer, connection, sourceInfo, session.second);
+            installOrThrow(proxy, session.second + QLatin1Char('/') + sourceInfo.fileName(), option,
+                           QString());
+        }))
+        return QString();
+    return installText(call.failureText());
+}
 
+void PackageManagerExecuter::push(HttpProjectSynchronizer *synchronizer, Connection &connection,
+                                  const QFileInfo &source, const QString &directory)
+{
     HttpProjectSynchronizer *expected = nullptr;
     if (!synchronizer || !m_runningTransfer.compare_exchange_strong(expected, synchronizer))
-        return installText(tr("Another transfer task is already running"));
-    QString pushError;
-    try {
-        if (synchronizer->isBusy())
-            throw std::runtime_error(
-                tr("a project synchronization operation is in progress").toStdString());
-        auto model = std::make_unique<wz::project::ProjectModel>();
-        model->createNew();
-        model->importFile(source, sourceInfo.fileName(), false);
-        synchronizer->push(connection->address().toStdString(), connection->httpTransferPort(),
-                           model.get(), session.second, wz::project::ArchiveFormat_Plain);
-        pushError = synchronizer->wait();
-    } catch (const std::exception &e) {
-        pushError = QString::fromUtf8(e.what());
-    }
-    m_runningTransfer = nullptr;
+        throw CallFailure(ErrorCode::RobotFailed,
+                          tr("Another transfer task is already running").toStdString());
+    struct Release
+    {
+        std::atomic<HttpProjectSynchronizer *> &running;
+        ~Release() { running = nullptr; }
+    } release {m_runningTransfer};
+    if (synchronizer->isBusy())
+        throw CallFailure(ErrorCode::RobotFailed,
+                          tr("a project synchronization operation is in progress").toStdString());
+    auto model = std::make_unique<wz::project::ProjectModel>();
+    model->createNew();
+    model->importFile(source.absoluteFilePath(), source.fileName(), false);
+    synchronizer->push(connection.address().toStdString(), connection.httpTransferPort(),
+                       model.get(), directory, wz::project::ArchiveFormat_Plain);
+    const QString pushError = synchronizer->wait();
     if (!pushError.isEmpty())
-        return installText(pushError);
-
-    const QString target = session.second + QLatin1Char('/') + sourceInfo.fileName();
-    try {
-        if (xInstallPackage(target, option, QString()))
-            return QString();
-        return installText(QStringLiteral("Package ") + target
-                           + QStringLiteral(" already installed."));
-    } catch (const std::exception &e) {
-        return installText(QString::fromUtf8(e.what()));
-    }
+        throw CallFailure(ErrorCode::RobotFailed, pushError.toStdString());
 }
 
 QString PackageManagerExecuter::remove(QString uuid)
 {
-    const auto connection = m_connection.lock();
-    if (!connection)
-        return uninstallText(tr("No connection available"));
-    const auto proxy = connection->packageManager();
-    if (!proxy)
-        return uninstallText(QStringLiteral("problem getting the package manager."));
-    try {
-        if (offers(proxy, "removePkg")) {
-            proxy->call<void>("removePkg", uuid.toStdString());
-        } else if (proxy->call<int>("remove", uuid.toStdString()) != 0) {
-            return uninstallText(QStringLiteral("Cannot remove ") + uuid);
-        }
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-            << "remove " << uuid.toStdString() << ": " << e.what();
-        return uninstallText(QStringLiteral("Cannot remove ") + uuid);
-    }
-    return QString();
+    auto call = executerCall(this, m_connection, "remove");
+    call.log(k_category);
+    if (call.attempt(&Connection::packageManager, [&](VX::VXProxy &proxy) {
+            if (offers(proxy, "removePkg"))
+                proxy.call<void>("removePkg", uuid.toStdString());
+            else if (proxy.call<int>("remove", uuid.toStdString()) != 0)
+                throw CallFailure(ErrorCode::RobotFailed, ("Cannot remove " + uuid).toStdString());
+        }))
+        return QString();
+    return uninstallText(QStringLiteral("Cannot remove ") + uuid);
 }
 
 QStringList PackageManagerExecuter::removeSeveral(QStringList uuids)
 {
-    const auto connection = m_connection.lock();
-    if (!connection)
-        return {uninstallText(tr("No connection available"))};
-    const auto proxy = connection->packageManager();
-    if (!proxy)
-        return {uninstallText(QStringLiteral("problem getting the package manager."))};
+    auto call = executerCall(this, m_connection, "removeSeveral");
+    call.log(k_category);
     QStringList errors;
-    for (const QString &name : uuids) {
-        try {
-            // Always the older method, whose result counts as a failure from 1 up.
-            if (proxy->call<int>("remove", name.toStdString()) >= 1)
-                errors.append(name + QStringLiteral(": remove failed"));
-        } catch (const std::exception &e) {
-            errors.append(QString::fromUtf8(e.what()));
-        }
-    }
+    // One outcome for the whole list: the packages that failed are named in
+    // the result, and told once.
+    const bool reached = call.attempt(
+        &Connection::packageManager, [&](VX::VXProxy &proxy, Connection &connection) {
+            for (const QString &name : uuids) {
+                try {
+                    // Always the older method, whose result counts as a failure from 1 up.
+                    if (proxy.call<int>("remove", name.toStdString()) >= 1)
+                        errors.append(name + QStringLiteral(": remove failed"));
+                } catch (const std::exception &e) {
+                    // A lost link ends the list; the robot's refusal of one package does not.
+                    if (classifyFailure(&connection, e) == ErrorCode::ConnectionLost)
+                        throw;
+                    errors.append(QString::fromUtf8(e.what()));
+                }
+            }
+            if (!errors.isEmpty())
+                throw CallFailure(ErrorCode::RobotFailed,
+                                  errors.join(QLatin1Char('\n')).toStdString());
+        });
+    if (!reached && errors.isEmpty())
+        errors.append(uninstallText(call.failureText()));
     if (!errors.isEmpty())
         errors.prepend(tr("%n error(s) occurred during uninstallation", nullptr, errors.size()));
     return errors;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 #include <connection/package_manager_interface.h>
 
@@ -18,6 +20,12 @@
 #include <atomic>
 
 #include <memory>
+
+namespace VX {
+class VXProxy;
+}
+
+QT_FORWARD_DECLARE_CLASS(QFileInfo)
 
 namespace VX {
 class VXProxy;
@@ -54,6 +62,8 @@ public:
     QStringList removeSeveral(QStringList uuids);
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void packageInstalled(wz::PackageInfo packageInfo);
     void packageRemoved(wz::PackageInfo packageInfo);
 
@@ -61,8 +71,15 @@ public slots:
     void onDataChanged(const QString &name, const VX::VXValue &value);
 
 private:
-    bool xInstallPackage(const QString &path, const QString &option, const QString &md5);
-    static bool offers(const boost::shared_ptr<VX::VXProxy> &proxy, const char *method);
+    // Parts of the operations above: they throw, and the operation tells it once.
+    static QPair<QString, QString> openSession(VX::VXProxy &proxy, const QString &name);
+    static bool xInstallPackage(VX::VXProxy &proxy, const QString &path, const QString &option,
+                                const QString &md5);
+    static void installOrThrow(VX::VXProxy &proxy, const QString &path, const QString &option,
+                               const QString &md5);
+    void push(HttpProjectSynchronizer *synchronizer, Connection &connection,
+              const QFileInfo &source, const QString &directory);
+    static bool offers(VX::VXProxy &proxy, const char *method);
 
     boost::weak_ptr<Connection> m_connection;
     std::shared_ptr<EventRelay> m_events;

@@ -8,6 +8,7 @@ namespace RK {
 PackageManagerInterface::PackageManagerInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("PackageManagerInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<wz::PackageInfo>("wz::PackageInfo");
     forward(&PackageManagerExecuter::packageInstalled, this,
             &PackageManagerInterface::packageInstalled);

@@ -1,3 +1,5 @@
+#include "executer_call_p.h"
+#include "morvane_interface_p.h"
 #include "people_perception_interface_p.h"
 #include "service_table_p.h"
 
@@ -58,6 +60,21 @@ void queueSetPeopleList(const wz::Future<VX::VXValue> &future, const CallbackGat
     }
 }
 
+// The failure of an operation, told at once on the calling thread while the
+// object is there: its own thread may have ended with the connection.
+void reportFailure(const CallbackGatePtr &gate, const char *operation, const std::string &text)
+{
+    OperationError failure;
+    failure.operation = QString::fromLatin1(operation);
+    failure.code = classifyFailureText(text);
+    failure.title = QString::fromLatin1(serviceName(ServiceId::PeoplePerception));
+    failure.contents = QStringLiteral("Failed to call %1").arg(failure.operation);
+    failure.details = QString::fromUtf8(text.c_str());
+    gate->post([&failure](QObject *target) {
+        emit static_cast<PeoplePerceptionInterface *>(target)->errorOccurred(failure);
+    });
+}
+
 void queueOnPeoplePositionUpdated(const wz::Future<VX::VXValue> &future,
                                   const CallbackGatePtr &gate, int id)
 {
@@ -68,6 +85,7 @@ void queueOnPeoplePositionUpdated(const wz::Future<VX::VXValue> &future,
                   future.value(wz::FutureTimeout_Infinite));
     } catch (const std::exception &e) {
         log(wz::LogLevel_Error, __FUNCTION__) << "People update failed: " << e.what();
+        reportFailure(gate, "requestPeoplePosition", e.what());
     }
 }
 
@@ -102,6 +120,7 @@ PeoplePerceptionInterface::PeoplePerceptionInterface(boost::shared_ptr<Connectio
     wz::Session *session = connection ? connection->session() : nullptr;
     if (!session || !session->isConnected())
         throw std::runtime_error("PeoplePerceptionInterface created while session not connected");
+    watchConnectionEnd(connection.get(), this, &PeoplePerceptionInterface::connectionEnded);
     d->people = session->service(serviceName(ServiceId::PeoplePerception)).value();
     d->memory = session->service(serviceName(ServiceId::Memory)).value();
 
@@ -252,13 +271,16 @@ void PeoplePerceptionInterface::requestPeoplePosition(int peopleId)
         log(wz::LogLevel_Error, __FUNCTION__)
             << "Could not setup call to get position value of person " << peopleId << ": "
             << e.what();
+        reportFailure(d->gate, "requestPeoplePosition", e.what());
     }
 }
 
 void PeoplePerceptionInterface::subscribe()
 {
-    if (!d->memory)
+    if (!d->memory) {
+        reportFailure(d->gate, "subscribe", "the robot has no VXMemory");
         return;
+    }
     try {
         d->memory.call<void>("subscribeToEvent", std::string(a_peopleListKey),
                              std::string("VXSartel"), std::string("dataChanged"));
@@ -268,6 +290,7 @@ void PeoplePerceptionInterface::subscribe()
             << "Problem occurred for subscribeToEvent call to event " << a_peopleListKey << ": "
             << e.what();
         m_subscribed = false;
+        reportFailure(d->gate, "subscribe", e.what());
     }
 }
 
@@ -283,6 +306,7 @@ void PeoplePerceptionInterface::unsubscribe()
         log(wz::LogLevel_Warning, __FUNCTION__)
             << "Problem occurred for unsubscribeToEvent call to event " << a_peopleListKey << ": "
             << e.what();
+        reportFailure(d->gate, "unsubscribe", e.what());
     }
 }
 

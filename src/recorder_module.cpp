@@ -43,6 +43,7 @@ VXSartelRecorder::VXSartelRecorder(wz::Session *session, boost::shared_ptr<Conne
                                    QObject *parent)
     : QObject(parent), MorvaneInterface(connection, a_recorderModuleName), m_session(session)
 {
+    forwardFailures(this);
     setObjectName(a_recorderModuleName);
     qRegisterMetaType<VX::VXValue>("VX::VXValue");
     qRegisterMetaType<std::vector<std::string>>("std::vector<std::string>");

@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "robot_posture_executer_p.h"
 
 #include <connection/connection.h>
@@ -21,48 +22,34 @@ RobotPostureExecuter::~RobotPostureExecuter() = default;
 
 void RobotPostureExecuter::onGoToPoseRequested(QString poseName, float actuatorVelocity)
 {
-    robotPostureModuleCall("goToPosture", poseName, actuatorVelocity);
+    robotPostureModuleCall("goToPose", "goToPosture", poseName, actuatorVelocity);
 }
 
 void RobotPostureExecuter::onSetPoseRequested(QString poseName, float actuatorVelocity)
 {
-    robotPostureModuleCall("applyPosture", poseName, actuatorVelocity);
+    robotPostureModuleCall("setPose", "applyPosture", poseName, actuatorVelocity);
 }
 
-void RobotPostureExecuter::robotPostureModuleCall(const char *method, const QString &poseName,
-                                                  float actuatorVelocity)
+void RobotPostureExecuter::robotPostureModuleCall(const char *operation, const char *method,
+                                                  const QString &poseName, float actuatorVelocity)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->robotPosture() : nullptr;
-    if (!proxy)
-        return;
-    bool reached = false;
-    try {
-        reached = proxy->call<bool>(method, poseName.toUtf8().toStdString(), actuatorVelocity);
-    } catch (const std::exception &e) {
-        emit error(QStringLiteral("VXRobotPosture error"),
-                   tr("Function call for %1 failed").arg(QString::fromLatin1(method)),
-                   QString::fromUtf8(e.what()));
-        return;
-    }
-    emit robotPoseReached(reached);
+    executerCall(this, m_connection, operation)
+        .signal(QStringLiteral("VXRobotPosture error"),
+                tr("Function call for %1 failed").arg(QString::fromLatin1(method)))
+        .run(&Connection::robotPosture, [&](VX::VXProxy &proxy) {
+            emit robotPoseReached(
+                proxy.call<bool>(method, poseName.toUtf8().toStdString(), actuatorVelocity));
+        });
 }
 
 QString RobotPostureExecuter::postureFamily()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return QString();
-    const boost::shared_ptr<VX::VXProxy> proxy = connection->robotPosture();
-    std::string family;
-    try {
-        if (proxy)
-            family = proxy->call<std::string>("getPostureFamily");
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
-            << "Could not call getPostureFamily: " << e.what();
-    }
-    return QString::fromUtf8(family.data(), static_cast<int>(family.size()));
+    return executerCall(this, m_connection, "postureFamily")
+        .log(k_category)
+        .run(&Connection::robotPosture, [](VX::VXProxy &proxy) {
+            const std::string family = proxy.call<std::string>("getPostureFamily");
+            return QString::fromUtf8(family.data(), static_cast<int>(family.size()));
+        });
 }
 
 } // namespace RK

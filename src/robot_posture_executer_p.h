@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <QObject>
 #include <QString>
 
@@ -26,11 +28,13 @@ public slots:
     void onSetPoseRequested(QString poseName, float actuatorVelocity);
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void robotPoseReached(bool success);
     void error(QString title, QString contents, QString details);
 
 private:
-    void robotPostureModuleCall(const char *method, const QString &poseName,
+    void robotPostureModuleCall(const char *operation, const char *method, const QString &poseName,
                                 float actuatorVelocity);
 
     boost::weak_ptr<Connection> m_connection;

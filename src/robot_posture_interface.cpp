@@ -15,6 +15,7 @@ const QString RobotPostureInterface::a_postureFamilyKey = QStringLiteral("Postur
 RobotPostureInterface::RobotPostureInterface(boost::shared_ptr<Connection> connection)
     : QObject(nullptr), MorvaneInterface(connection, QStringLiteral("RobotPostureInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<VX::VXValue>("VX::VXValue");
 
     using E = RobotPostureExecuter;

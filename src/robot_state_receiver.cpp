@@ -11,6 +11,7 @@ namespace RK {
 RobotStateReceiver::RobotStateReceiver(boost::shared_ptr<Connection> connection)
     : QObject(nullptr), MorvaneInterface(connection, QStringLiteral("RobotStateReceiver"))
 {
+    forwardFailures(this);
     qRegisterMetaType<RobotPose>("RobotPose");
 
     using E = RobotStateExecuter;

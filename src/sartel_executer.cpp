@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
 #include <connection/connection.h>
@@ -9,7 +10,10 @@
 
 #include <boost/make_shared.hpp>
 
+#include <vx/vxproxy.h>
 #include <wz/log.h>
+#include <wz/object.h>
+#include <wz/session.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -40,15 +44,22 @@ QString fromUtf8(const std::string &text)
     return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
 }
 
-// The robot's module `name`, looked up in the session each time.
+// The robot's module `name`, looked up in the session each time. A module
+// the robot does not have is a missing service, with the framework's text.
 boost::shared_ptr<VX::VXProxy> proxyByName(const Connection &connection, const QString &name)
 {
     wz::Session *session = connection.session();
     if (!session)
-        throw std::runtime_error("no session");
+        throw CallFailure(ErrorCode::ConnectionLost, "no session");
     const std::string module = ascii(name);
-    wz::Object object = session->service(module, "").value(wz::FutureTimeout_Infinite);
-    return boost::make_shared<VX::VXProxy>(object, module);
+    const wz::Future<wz::Object> found = session->service(module, "");
+    if (found.hasError()) {
+        const std::string text = found.error();
+        if (text.find(wz::serviceNotFoundText(module)) != std::string::npos)
+            throw CallFailure(ErrorCode::ServiceMissing, text);
+        throw std::runtime_error(text);
+    }
+    return boost::make_shared<VX::VXProxy>(found.value(), module);
 }
 
 } // namespace
@@ -58,7 +69,14 @@ const QString VXSartelExecuter::a_sentenceSaidSTMName
 const QString VXSartelExecuter::a_sentenceHeardSTMName = QStringLiteral("WordRecognized");
 
 VXSartelExecuter::VXSartelExecuter(boost::shared_ptr<Connection> connection)
-    : QObject(nullptr), m_connection(connection)
+    : QObject(nullptr),
+      m_connection(connection),
+      m_posted(
+          std::make_unique<PostedCallWatch>([this](const OperationError &failure, bool withSignal) {
+              if (withSignal)
+                  emit error(failure.title, failure.contents, failure.details);
+              emit errorOccurred(failure);
+          }))
 {
     wz::Session *session = connection->session();
     m_module = boost::make_shared<VXSartel>(session, nullptr);
@@ -80,6 +98,7 @@ VXSartelExecuter::VXSartelExecuter(boost::shared_ptr<Connection> connection)
 
 VXSartelExecuter::~VXSartelExecuter()
 {
+    m_destroying = true;
     // Nobody is left to hear what the way out reports.
     QObject::disconnect(this, nullptr, nullptr, nullptr);
     m_module->removeRelaysTo(this);
@@ -132,28 +151,48 @@ void VXSartelExecuter::stopPolling()
 
 // ---- calls by name ----------------------------------------------------------
 
+// The call is posted; the robot's failure of it, when it comes, is told as
+// the failure of the call. The dialog, when asked for, tells every failure
+// found before posting; one that comes later is told by errorOccurred only
+// when no dialog was asked for, and by both otherwise.
+template<typename Post>
+bool VXSartelExecuter::callByName(const QString &proxyName, const QString &methodName,
+                                  const char *enabledMethod, bool checkEnable,
+                                  bool showDialogOnError, Post post)
+{
+    auto call = executerCall(this, m_connection, "callProxy");
+    if (showDialogOnError)
+        call.signal(tr("Failed to call IO"),
+                    tr("Make sure the behavior has been played and check that you do not have "
+                       "feedback errors from your robot."));
+    call.quietly();
+    const bool posted = call.attempt(
+        [&proxyName](Connection &connection) { return proxyByName(connection, proxyName); },
+        [&](VX::VXProxy &proxy) {
+            if (checkEnable && !proxy.call<bool>(enabledMethod))
+                throw CallFailure(ErrorCode::RobotFailed,
+                                  tr("Box is disabled and therefore cannot be called. Check "
+                                     "that the behavior keyframe parent is loaded.")
+                                      .toStdString());
+            post(proxy, call.report());
+        });
+    if (!posted) {
+        const OperationError failure = call.lastFailure();
+        if (showDialogOnError)
+            onCallFailed(proxyName, methodName, VX::VXValue(), failure.details);
+        emit errorOccurred(failure);
+    }
+    return posted;
+}
+
 bool VXSartelExecuter::callProxy(QString proxyName, QString methodName, VX::VXValue param,
                                  bool checkEnable, bool showDialogOnError)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return false;
-    try {
-        const boost::shared_ptr<VX::VXProxy> proxy = proxyByName(*connection, proxyName);
-        if (checkEnable && !proxy->call<bool>("_isEnabled")) {
-            if (showDialogOnError)
-                onCallFailed(proxyName, methodName, VX::VXValue(),
-                             tr("Box is disabled and therefore cannot be called. Check that the "
-                                "behavior keyframe parent is loaded."));
-            return false;
-        }
-        proxy->pCall(ascii(methodName), param);
-        return true;
-    } catch (const std::exception &e) {
-        if (showDialogOnError)
-            onCallFailed(proxyName, methodName, VX::VXValue(), QString::fromUtf8(e.what()));
-        return false;
-    }
+    return callByName(proxyName, methodName, "_isEnabled", checkEnable, showDialogOnError,
+                      [&](VX::VXProxy &proxy, const FailureReport &texts) {
+                          m_posted->post(proxy, "callProxy", texts, ascii(methodName),
+                                         {wz::toAny(param)});
+                      });
 }
 
 bool VXSartelExecuter::callProxy(QString proxyName, bool checkEnable, bool showDialogOnError,
@@ -161,52 +200,21 @@ bool VXSartelExecuter::callProxy(QString proxyName, bool checkEnable, bool showD
                                  VX::VXValue param3, VX::VXValue param4, VX::VXValue param5,
                                  VX::VXValue param6)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return false;
-    try {
-        const boost::shared_ptr<VX::VXProxy> proxy = proxyByName(*connection, proxyName);
-        // This form asks without the leading underscore, unlike the other.
-        if (checkEnable && !proxy->call<bool>("isEnabled")) {
-            if (showDialogOnError)
-                onCallFailed(proxyName, methodName, VX::VXValue(),
-                             tr("Box is disabled and therefore cannot be called. Check that the "
-                                "behavior keyframe parent is loaded."));
-            return false;
-        }
-        const VX::VXValue *const params[] = {&param1, &param2, &param3, &param4, &param5, &param6};
-        int count = 0;
-        while (count < 6 && params[count]->isValid())
-            ++count;
-        const std::string method = ascii(methodName);
-        switch (count) {
-        case 0:
-            return false;
-        case 1:
-            proxy->pCall(method, param1);
-            break;
-        case 2:
-            proxy->pCall(method, param1, param2);
-            break;
-        case 3:
-            proxy->pCall(method, param1, param2, param3);
-            break;
-        case 4:
-            proxy->pCall(method, param1, param2, param3, param4);
-            break;
-        case 5:
-            proxy->pCall(method, param1, param2, param3, param4, param5);
-            break;
-        default:
-            proxy->pCall(method, param1, param2, param3, param4, param5, param6);
-            break;
-        }
-        return true;
-    } catch (const std::exception &e) {
-        if (showDialogOnError)
-            onCallFailed(proxyName, methodName, VX::VXValue(), QString::fromUtf8(e.what()));
+    const VX::VXValue *const params[] = {&param1, &param2, &param3, &param4, &param5, &param6};
+    std::vector<wz::AnyValue> args;
+    while (args.size() < 6 && params[args.size()]->isValid())
+        args.push_back(wz::toAny(*params[args.size()]));
+    if (args.empty()) {
+        executerCall(this, m_connection, "callProxy")
+            .fail(ErrorCode::RobotFailed, QStringLiteral("no argument to pass"));
         return false;
     }
+    // This form asks without the leading underscore, unlike the other.
+    return callByName(proxyName, methodName, "isEnabled", checkEnable, showDialogOnError,
+                      [&](VX::VXProxy &proxy, const FailureReport &texts) {
+                          m_posted->post(proxy, "callProxy", texts, ascii(methodName),
+                                         std::move(args));
+                      });
 }
 
 void VXSartelExecuter::onCallFailed(const QString &proxyName, const QString &methodName,
@@ -224,35 +232,21 @@ void VXSartelExecuter::onCallFailed(const QString &proxyName, const QString &met
 
 void VXSartelExecuter::subscribeToMicroEvent(QString name)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    if (!memory)
-        return;
-    try {
-        memory->subscribeToMicroEvent(utf8(name), utf8(VXSartel::a_sartelModuleName), "",
-                                      "dataChanged");
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Info, k_category, __FUNCTION__)
-            << "VXMemory::subscribeToMicroEvent on " << utf8(name) << " call failed : " << e.what()
-            << std::endl;
-    }
+    executerCall(this, m_connection, "subscribeToMicroEvent")
+        .log(k_category, wz::LogLevel_Info,
+             "VXMemory::subscribeToMicroEvent on " + utf8(name) + " call failed : ")
+        .run(&Connection::memory, [&](VX::VXMemoryProxy &memory) {
+            memory.subscribeToMicroEvent(utf8(name), utf8(VXSartel::a_sartelModuleName), "",
+                                         "dataChanged");
+        });
 }
 
 void VXSartelExecuter::unsubscribeToMicroEvent(QString name)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    if (!memory || !m_module)
-        return;
-    try {
-        memory->unsubscribeToMicroEvent(utf8(name), utf8(VXSartel::a_sartelModuleName));
-    } catch (const std::exception &) {
-        // Not subscribed, or the robot has gone: nothing to undo either way.
-    }
+    executerCall(this, m_connection, "unsubscribeToMicroEvent")
+        .run(&Connection::memory, [&](VX::VXMemoryProxy &memory) {
+            memory.unsubscribeToMicroEvent(utf8(name), utf8(VXSartel::a_sartelModuleName));
+        });
 }
 
 void VXSartelExecuter::subscribeToMicroEvents(QStringList nameList)
@@ -269,19 +263,11 @@ void VXSartelExecuter::unsubscribeToMicroEvents(QStringList nameList)
 
 void VXSartelExecuter::raiseEvent(QString eventName, VX::VXValue val)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    if (!memory)
-        return;
-    try {
-        memory->raiseEvent(utf8(eventName), val);
-    } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Info, k_category, __FUNCTION__)
-            << "VXMemory::raiseEvent on " << utf8(eventName) << " call failed : " << e.what()
-            << std::endl;
-    }
+    executerCall(this, m_connection, "raiseEvent")
+        .log(k_category, wz::LogLevel_Info,
+             "VXMemory::raiseEvent on " + utf8(eventName) + " call failed : ")
+        .run(&Connection::memory,
+             [&](VX::VXMemoryProxy &memory) { memory.raiseEvent(utf8(eventName), val); });
 }
 
 void VXSartelExecuter::addWatchedData(QString dataName)
@@ -463,45 +449,48 @@ void VXSartelExecuter::updateDataPolled()
 
 // ---- timeline ---------------------------------------------------------------
 
-void VXSartelExecuter::createTimeline(QString timelineStr)
+ExecuterCall<VXSartelExecuter> VXSartelExecuter::timelineCall(const char *operation,
+                                                              const QString &contents)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> frameManager = connection->frameManager();
-    if (!frameManager)
-        return;
-    stopCurrentTimeline();
-    try {
-        m_currentTimeline = QString::fromLatin1(
-            frameManager->call<std::string>("createTimeline", ascii(timelineStr)).c_str());
-        updateEventFilter();
-    } catch (const std::exception &e) {
-        emit error(tr("Error"), tr("Failed to create timeline"), QString::fromUtf8(e.what()));
-    }
-    // After a failure the empty name goes in too; its first poll fails and
-    // takes it out again.
-    if (const boost::shared_ptr<SartelModuleInterface> module = connection->sartelModuleInterface())
-        emit module->addWatchedDataRequested(m_currentTimeline);
+    ExecuterCall<VXSartelExecuter> call(this, m_connection, operation);
+    call.signal(tr("Error"), contents);
+    return call;
 }
 
-void VXSartelExecuter::stopCurrentTimeline()
+void VXSartelExecuter::createTimeline(QString timelineStr)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> frameManager = connection->frameManager();
-    if (!frameManager)
-        return;
+    timelineCall("createTimeline", tr("Failed to create timeline"))
+        .run(&Connection::frameManager, [&](VX::VXProxy &frameManager, Connection &connection) {
+            dropTimeline(frameManager, connection);
+            // After a failure the empty name goes in too; its first poll
+            // fails and takes it out again.
+            struct Watch
+            {
+                VXSartelExecuter *self;
+                Connection &connection;
+                ~Watch()
+                {
+                    if (const auto module = connection.sartelModuleInterface())
+                        emit module->addWatchedDataRequested(self->m_currentTimeline);
+                }
+            } watch {this, connection};
+            m_currentTimeline = QString::fromLatin1(
+                frameManager.call<std::string>("createTimeline", ascii(timelineStr)).c_str());
+            updateEventFilter();
+        });
+}
+
+void VXSartelExecuter::dropTimeline(VX::VXProxy &frameManager, Connection &connection)
+{
     if (m_currentTimeline.isEmpty()) {
         emit currentFrameChanged(-1);
         return;
     }
-    if (const boost::shared_ptr<SartelModuleInterface> module = connection->sartelModuleInterface())
+    if (const boost::shared_ptr<SartelModuleInterface> module = connection.sartelModuleInterface())
         emit module->removeWatchedDataRequested(m_currentTimeline);
     emit currentFrameChanged(-1);
     try {
-        frameManager->call<void>("deleteBehavior", ascii(m_currentTimeline));
+        frameManager.call<void>("deleteBehavior", ascii(m_currentTimeline));
     } catch (const std::exception &) {
         // Gone already, or the robot with it: the desktop forgets it anyway.
     }
@@ -509,50 +498,50 @@ void VXSartelExecuter::stopCurrentTimeline()
     updateEventFilter();
 }
 
+void VXSartelExecuter::stopCurrentTimeline()
+{
+    auto call = executerCall(this, m_connection, "stopCurrentTimeline");
+    // The executer going: nobody is left to tell.
+    if (m_destroying)
+        call.quietly();
+    call.run(&Connection::frameManager, [this](VX::VXProxy &frameManager, Connection &connection) {
+        dropTimeline(frameManager, connection);
+    });
+}
+
 void VXSartelExecuter::playCurrentTimeline()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> frameManager = connection->frameManager();
-    if (!frameManager || m_currentTimeline.isEmpty())
-        return;
-    try {
-        frameManager->call<void>("playTimeline", ascii(m_currentTimeline));
-    } catch (const std::exception &e) {
-        emit error(tr("Error"), tr("Failed to play timeline"), QString::fromUtf8(e.what()));
-    }
+    timelineCommand("playCurrentTimeline", tr("Failed to play timeline"), "playTimeline");
 }
 
 void VXSartelExecuter::pauseCurrentTimeline()
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> frameManager = connection->frameManager();
-    if (!frameManager || m_currentTimeline.isEmpty())
-        return;
-    try {
-        frameManager->call<void>("stopTimeline", ascii(m_currentTimeline));
-    } catch (const std::exception &e) {
-        emit error(tr("Error"), tr("Failed to pause in timeline"), QString::fromUtf8(e.what()));
-    }
+    timelineCommand("pauseCurrentTimeline", tr("Failed to pause in timeline"), "stopTimeline");
+}
+
+// Without a current timeline there is nothing to ask the robot: that is told
+// as the operation's failure, but shown to nobody.
+void VXSartelExecuter::timelineCommand(const char *operation, const QString &contents,
+                                       const char *method)
+{
+    bool loaded = true;
+    timelineCall(operation, contents).run(&Connection::frameManager, [&](VX::VXProxy &frames) {
+        loaded = !m_currentTimeline.isEmpty();
+        if (loaded)
+            frames.call<void>(method, ascii(m_currentTimeline));
+    });
+    if (!loaded)
+        executerCall(this, m_connection, operation)
+            .fail(ErrorCode::RobotFailed, QStringLiteral("no timeline is loaded"));
 }
 
 void VXSartelExecuter::gotoFrameCurrentTimeline(int frame)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> frameManager = connection->frameManager();
-    if (!frameManager)
-        return;
     // Asked even without a current timeline: the robot then says what is wrong.
-    try {
-        frameManager->call<void>("gotoAndStop", ascii(m_currentTimeline), frame);
-    } catch (const std::exception &e) {
-        emit error(tr("Error"), tr("Failed to do a goto in timeline"), QString::fromUtf8(e.what()));
-    }
+    timelineCall("gotoFrameCurrentTimeline", tr("Failed to do a goto in timeline"))
+        .run(&Connection::frameManager, [&](VX::VXProxy &frameManager) {
+            frameManager.call<void>("gotoAndStop", ascii(m_currentTimeline), frame);
+        });
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/meta_types.h>
 
 #include <QObject>
@@ -19,7 +21,8 @@ class QTimer;
 
 namespace VX {
 class VXMotionProxy;
-}
+class VXProxy;
+} // namespace VX
 
 namespace RK {
 
@@ -27,6 +30,9 @@ class Connection;
 class EventRelay;
 struct ConnectionTiming;
 class VXSartel;
+class PostedCallWatch;
+template<typename Executer>
+class ExecuterCall;
 
 // The executer of RK::SartelModuleInterface, on its own thread: calls by
 // name, micro event subscriptions, watched keys, pose polling and the
@@ -88,6 +94,8 @@ public slots:
     void onMediumTimeout();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void error(QString title, QString contents, QString details);
     void currentFrameChanged(int frame);
     void currentTimelineStopped();
@@ -110,8 +118,19 @@ private:
     // The executer's route carries only the names onDataChanged acts on: a
     // burst of other events then costs its thread nothing.
     void updateEventFilter();
+    // A call by name: the module looked up, its "enabled" question asked
+    // when wanted, then `post` sends the call.
+    template<typename Post>
+    bool callByName(const QString &proxyName, const QString &methodName, const char *enabledMethod,
+                    bool checkEnable, bool showDialogOnError, Post post);
+    ExecuterCall<VXSartelExecuter> timelineCall(const char *operation, const QString &contents);
+    void timelineCommand(const char *operation, const QString &contents, const char *method);
+    // Forgets the current timeline, here and on the robot.
+    void dropTimeline(VX::VXProxy &frameManager, Connection &connection);
 
     boost::weak_ptr<Connection> m_connection;
+    std::unique_ptr<PostedCallWatch> m_posted;
+    bool m_destroying = false;
     QString m_currentTimeline;
     QStringList m_watchedData;
     boost::shared_ptr<VXSartel> m_module;

@@ -23,6 +23,7 @@ std::shared_ptr<EventRelay> relayModuleEvents(SartelModuleInterface &module, QOb
 SartelModuleInterface::SartelModuleInterface(boost::shared_ptr<Connection> connection)
     : QObject(nullptr), MorvaneInterface(connection, QStringLiteral("SartelModuleInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<VX::VXValue>("VX::VXValue");
     qRegisterMetaType<std::vector<float>>("std::vector<float>");
 

@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "video_device_executer_p.h"
 #include "yuv_to_bgra_p.h"
 
@@ -84,34 +85,15 @@ void VideoDeviceExecuter::startAcquisition(int period, int quality,
         m_timer->setInterval(period);
         return;
     }
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->videoDevice() : nullptr;
-    if (!proxy) {
-        logError(__FUNCTION__) << "Video Monitor: Could not find VXVideoDevice Morvane module.";
-        fail(VideoErrorCouldNotSubscribe);
+    VideoAcquisitionError code = VideoErrorCouldNotSubscribe;
+    const bool subscribed = executerCall(this, m_connection, "startVideo")
+                                .log(k_category)
+                                .attempt(&Connection::videoDevice, [&](VX::VXProxy &proxy) {
+                                    subscribe(proxy, quality, code);
+                                });
+    if (!subscribed) {
+        fail(code);
         return;
-    }
-    try {
-        // A fresh name for each run: the first eight hexadecimal digits of a UUID.
-        const QString name = QUuid::createUuid().toString().mid(1, 8);
-        const QString name0 = name + QStringLiteral("_0");
-        QString id = QString::fromStdString(
-            proxy->call<std::string>("subscribeCamera", utf8(name), -1, quality, 9, 20));
-        if (id.isEmpty()) {
-            logError(__FUNCTION__) << "Video Monitor: Could not subscribe to video device.";
-            fail(VideoErrorCouldNotSubscribe);
-            return;
-        }
-        if (id != name && id != name0) {
-            proxy->call<void>("unsubscribe", utf8(name0));
-            proxy->call<void>("unsubscribe", utf8(id));
-            id = QString::fromStdString(
-                proxy->call<std::string>("subscribeCamera", utf8(name), -1, quality, 9, 20));
-        }
-        m_subscriberId = id;
-    } catch (const VX::VXError &) {
-        if (!subscribeOlderRoute(quality))
-            return;
     }
     m_bufferOne = bufferOne;
     m_bufferTwo = bufferTwo;
@@ -121,43 +103,49 @@ void VideoDeviceExecuter::startAcquisition(int period, int quality,
         m_timer->start();
 }
 
-bool VideoDeviceExecuter::subscribeOlderRoute(int quality)
+void VideoDeviceExecuter::subscribe(VX::VXProxy &proxy, int quality, VideoAcquisitionError &code)
+{
+    try {
+        // A fresh name for each run: the first eight hexadecimal digits of a UUID.
+        const QString name = QUuid::createUuid().toString().mid(1, 8);
+        const QString name0 = name + QStringLiteral("_0");
+        QString id = QString::fromStdString(
+            proxy.call<std::string>("subscribeCamera", utf8(name), -1, quality, 9, 20));
+        if (id.isEmpty())
+            throw CallFailure(ErrorCode::RobotFailed, "Could not subscribe to video device.");
+        if (id != name && id != name0) {
+            proxy.call<void>("unsubscribe", utf8(name0));
+            proxy.call<void>("unsubscribe", utf8(id));
+            id = QString::fromStdString(
+                proxy.call<std::string>("subscribeCamera", utf8(name), -1, quality, 9, 20));
+        }
+        m_subscriberId = id;
+    } catch (const VX::VXError &) {
+        // An older device has only the older route.
+        subscribeOlderRoute(proxy, quality, code);
+    }
+}
+
+void VideoDeviceExecuter::subscribeOlderRoute(VX::VXProxy &proxy, int quality,
+                                              VideoAcquisitionError &code)
 {
     const QString fixedName = QStringLiteral("VideoMonitorSartel");
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->videoDevice() : nullptr;
-    if (!proxy) {
-        logError(__FUNCTION__) << "Video Monitor: Could not find VXVideoDevice Morvane module.";
-        fail(VideoErrorCouldNotSubscribe);
-        return false;
-    }
-    QString id;
-    try {
-        id = QString::fromStdString(
-            proxy->call<std::string>("subscribe", utf8(fixedName), quality, 9, 20));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__) << "Video Monitor: Could not subscribe to video device." << e.what();
-        fail(VideoErrorCouldNotSubscribe);
-        return false;
-    }
-    if (id.isEmpty() || id == QStringLiteral("0")) {
-        logError(__FUNCTION__) << "Video Monitor: Could not subscribe to video device.";
-        fail(VideoErrorCouldNotSubscribe);
-        return false;
-    }
+    const QString id = QString::fromStdString(
+        proxy.call<std::string>("subscribe", utf8(fixedName), quality, 9, 20));
+    if (id.isEmpty() || id == QStringLiteral("0"))
+        throw CallFailure(ErrorCode::RobotFailed, "Could not subscribe to video device.");
     if (id == fixedName || id == fixedName + QStringLiteral("_0")) {
         m_subscriberId = id;
-        return true;
+        return;
     }
-    logError(__FUNCTION__) << "Video Monitor: Another Sartel instance is already subscribed";
-    fail(VideoErrorAlreadySubscribed);
+    code = VideoErrorAlreadySubscribed;
     try {
-        proxy->call<void>("unsubscribe", utf8(id));
+        proxy.call<void>("unsubscribe", utf8(id));
     } catch (const std::exception &e) {
         logError(__FUNCTION__) << "VideoDeviceExecuter : cannot unsubscribe from VXVideoDevice: "
                                << e.what();
     }
-    return false;
+    throw CallFailure(ErrorCode::RobotFailed, "Another Sartel instance is already subscribed");
 }
 
 int VideoDeviceExecuter::heldImages() const
@@ -288,19 +276,14 @@ void VideoDeviceExecuter::stopAcquisition()
         return;
     }
     m_subscribed = false;
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    const boost::shared_ptr<VX::VXProxy> proxy = connection ? connection->videoDevice() : nullptr;
-    if (!proxy) {
-        stopped(false);
-        return;
-    }
-    try {
-        proxy->call<void>("unsubscribe", utf8(m_subscriberId));
-        stopped(true);
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__) << "Cannot unsubscribe from VXVideoDevice: " << e.what();
-        stopped(false);
-    }
+    auto call = executerCall(this, m_connection, "stopVideo");
+    call.log(k_category);
+    // The executer going takes the subscription with it: nobody is left to tell.
+    if (m_destroying)
+        call.quietly();
+    stopped(call.attempt(&Connection::videoDevice, [&](VX::VXProxy &proxy) {
+        proxy.call<void>("unsubscribe", utf8(m_subscriberId));
+    }));
 }
 
 void VideoDeviceExecuter::pauseAcquisition()
@@ -321,18 +304,12 @@ void VideoDeviceExecuter::setPeriod(int period)
 
 void VideoDeviceExecuter::setResolution(int resolution)
 {
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return;
-    const boost::shared_ptr<VX::VXProxy> proxy = connection->videoDevice();
-    if (!proxy || !connection->videoDeviceInterface())
-        return;
-    try {
-        proxy->call<void>("setResolution", utf8(m_subscriberId), resolution);
-        m_resolution = resolution;
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__) << "Fail to call" << e.what();
-    }
+    executerCall(this, m_connection, "setResolution")
+        .log(k_category)
+        .run(&Connection::videoDevice, [&](VX::VXProxy &proxy) {
+            proxy.call<void>("setResolution", utf8(m_subscriberId), resolution);
+            m_resolution = resolution;
+        });
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <connection/video_device_interface.h>
 
 #include <QElapsedTimer>
@@ -12,6 +14,10 @@
 
 #include <atomic>
 #include <deque>
+
+namespace VX {
+class VXProxy;
+}
 
 namespace RK {
 
@@ -50,6 +56,8 @@ public slots:
     void onThreadFinished();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void acquisitionError(RK::VideoAcquisitionError errorCode);
     void imageReceived(boost::shared_ptr<RK::ProtectedBuffer> newImageBuffer, int width, int height,
                        boost::shared_ptr<VX::VXValue> rawImage);
@@ -58,7 +66,9 @@ signals:
 private:
     void fail(VideoAcquisitionError code);
     void stopped(bool isok);
-    bool subscribeOlderRoute(int quality);
+    // Throw on failure; `code` says which acquisition error it is.
+    void subscribe(VX::VXProxy &proxy, int quality, VideoAcquisitionError &code);
+    void subscribeOlderRoute(VX::VXProxy &proxy, int quality, VideoAcquisitionError &code);
     int heldImages() const;
     enum class SkipReason { ImagesHeld, BuffersLocked };
     void skipImage(SkipReason reason, int count);

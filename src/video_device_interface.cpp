@@ -11,6 +11,7 @@ namespace RK {
 VideoDeviceInterface::VideoDeviceInterface(boost::shared_ptr<Connection> connection)
     : QObject(nullptr), MorvaneInterface(connection, QStringLiteral("VideoDeviceInterface"))
 {
+    forwardFailures(this);
     qRegisterMetaType<RK::VideoAcquisitionError>("RK::VideoAcquisitionError");
     qRegisterMetaType<boost::shared_ptr<RK::ProtectedBuffer>>(
         "boost::shared_ptr<RK::ProtectedBuffer>");

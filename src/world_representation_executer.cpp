@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "world_representation_executer_p.h"
 
 #include <connection/connection.h>
@@ -38,19 +39,6 @@ WorldRepresentationExecuter::WorldRepresentationExecuter(boost::shared_ptr<Conne
 
 WorldRepresentationExecuter::~WorldRepresentationExecuter() = default;
 
-boost::shared_ptr<VX::VXWorldRepresentationProxy> WorldRepresentationExecuter::worldRepProxy() const
-{
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection) {
-        error(__FUNCTION__) << "Connection of WorldRepresentation not valid";
-        return boost::shared_ptr<VX::VXWorldRepresentationProxy>();
-    }
-    boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = connection->worldRepresentation();
-    if (!proxy)
-        error(__FUNCTION__) << "Proxy to WorldRepresentation module unavailable";
-    return proxy;
-}
-
 bool WorldRepresentationExecuter::isPolling() const
 {
     return m_timer->isActive();
@@ -75,147 +63,117 @@ void WorldRepresentationExecuter::stopTimer()
     m_timer->stop();
 }
 
+// A tick is no operation of its own: a failing poll is told once, as a
+// failure of the polling, until a poll succeeds again. A failing poll still
+// reports an empty world.
 void WorldRepresentationExecuter::pollObjects()
 {
-    const boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = worldRepProxy();
-    if (!proxy)
-        return;
+    auto call = executerCall(this, m_connection, "startObjectPolling");
+    call.log(k_category);
+    if (m_pollFailing)
+        call.quietly();
     QStringList objects;
-    try {
-        for (const std::string &name : proxy->getObjectNames())
-            objects << fromUtf8(name);
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not fetch objects from worldRepresentation module: "
-                            << e.what();
-    }
+    m_pollFailing = !call.attempt(&Connection::worldRepresentation,
+                                  [&](VX::VXWorldRepresentationProxy &proxy) {
+                                      for (const std::string &name : proxy.getObjectNames())
+                                          objects << fromUtf8(name);
+                                  });
     emit objectsUpdated(objects);
 }
 
 QString WorldRepresentationExecuter::objectCategory(QString name)
 {
-    const boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = worldRepProxy();
-    if (!proxy)
-        return QString();
-    try {
-        return fromUtf8(proxy->getObjectCategory(utf8(name)));
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not fetch object " << utf8(name) << " category: " << e.what();
-        return QString();
-    }
+    return executerCall(this, m_connection, "objectCategory")
+        .log(k_category)
+        .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
+            return fromUtf8(proxy.getObjectCategory(utf8(name)));
+        });
 }
 
-VX::VXValue WorldRepresentationExecuter::objectAttributeFieldNames(QString name) const
+VX::VXValue WorldRepresentationExecuter::fieldNames(VX::VXWorldRepresentationProxy &proxy,
+                                                    const QString &name)
 {
-    const boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = worldRepProxy();
-    if (!proxy)
-        return VX::VXValue();
-    try {
-        return proxy->getObjectAttributes(utf8(name));
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not fetch attribute fields of object " << utf8(name) << ": "
-                            << e.what();
-        return VX::VXValue();
-    }
+    return proxy.getObjectAttributes(utf8(name));
 }
 
-QList<VX::VXValue> WorldRepresentationExecuter::objectAttributeFieldValues(QString name,
-                                                                           QString attribute)
+QList<VX::VXValue> WorldRepresentationExecuter::fieldValues(VX::VXWorldRepresentationProxy &proxy,
+                                                            const QString &name,
+                                                            const QString &attribute)
 {
-    const boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = worldRepProxy();
-    if (!proxy)
-        return QList<VX::VXValue>();
-    VX::VXValue values;
-    try {
-        values = proxy->getGenericProxy()->call<VX::VXValue>("getObjectAttributeValues", utf8(name),
-                                                             utf8(attribute), 1);
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not fetch object " << utf8(name) << " attribute "
-                            << utf8(attribute) << " values, reason: " << e.what();
-    }
+    const VX::VXValue values = proxy.getGenericProxy()->call<VX::VXValue>(
+        "getObjectAttributeValues", utf8(name), utf8(attribute), 1);
+    if (!values.isArray() || values.getSize() < 1 || !values[0].isArray())
+        throw CallFailure(ErrorCode::RobotFailed,
+                          "Could not parse VXValue returned by "
+                          "WorldRepresentation::getObjectLatestAttributes");
     QList<VX::VXValue> result;
-    try {
-        if (!values.isArray() || values.getSize() < 1 || !values[0].isArray()) {
-            error(__FUNCTION__) << "Could not parse VXValue returned by"
-                                << " WorldRepresentation::getObjectLatestAttributes";
-            return result;
-        }
-        const VX::VXValue &latest = values[0];
-        for (int i = 0; i < latest.getSize(); ++i)
-            result << latest[i];
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not parse VXValue returned by"
-                            << " WorldRepresentation::getObjectLatestAttributes: " << e.what();
-        return QList<VX::VXValue>();
-    }
+    const VX::VXValue &latest = values[0];
+    for (int i = 0; i < latest.getSize(); ++i)
+        result << latest[i];
     return result;
 }
 
 WorldRepresentationExecuter::Fields
 WorldRepresentationExecuter::objectDisplayAttributes(QString name)
 {
-    Fields result;
-    const VX::VXValue attributes = objectAttributeFieldNames(name);
-    if (!attributes.isArray())
-        return result;
-    try {
-        for (int i = 0; i < attributes.getSize(); ++i) {
-            const VX::VXValue &descriptor = attributes[i];
-            const std::string attribute = descriptor[0].toStdString();
-            if (attribute != "Display" && attribute != "display")
-                continue;
-            const QList<VX::VXValue> values = objectAttributeFieldValues(name, fromUtf8(attribute));
-            if (values.isEmpty())
+    return executerCall(this, m_connection, "objectDisplayAttributes")
+        .log(k_category)
+        .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
+            Fields result;
+            const VX::VXValue attributes = fieldNames(proxy, name);
+            if (!attributes.isArray())
                 return result;
-            const VX::VXValue &fields = descriptor[1];
-            if (fields.getSize() != values.size()) {
-                error(__FUNCTION__) << "The size of the fields and the values of the Display "
-                                    << "attribute do not match.";
+            for (int i = 0; i < attributes.getSize(); ++i) {
+                const VX::VXValue &descriptor = attributes[i];
+                const std::string attribute = descriptor[0].toStdString();
+                if (attribute != "Display" && attribute != "display")
+                    continue;
+                const QList<VX::VXValue> values = fieldValues(proxy, name, fromUtf8(attribute));
+                const VX::VXValue &fields = descriptor[1];
+                if (fields.getSize() != values.size())
+                    throw CallFailure(ErrorCode::RobotFailed,
+                                      "The size of the fields and the values of the Display "
+                                      "attribute do not match.");
+                for (int j = 0; j < values.size(); ++j)
+                    result.insert(fromUtf8(fields[j][0].toStdString()), values[j]);
                 return result;
             }
-            for (int j = 0; j < values.size(); ++j)
-                result.insert(fromUtf8(fields[j][0].toStdString()), values[j]);
             return result;
-        }
-    } catch (const std::exception &e) {
-        // A descriptor of the wrong shape: what was read is dropped.
-        error(__FUNCTION__) << "Could not parse VXValue returned by"
-                            << " WorldRepresentation::getObjectAttributes: " << e.what();
-        return Fields();
-    }
-    return result;
+        });
 }
 
 WorldRepresentationExecuter::Attributes WorldRepresentationExecuter::objectAttributes(QString name)
 {
-    Attributes result;
-    const VX::VXValue attributes = objectAttributeFieldNames(name);
-    if (!attributes.isArray())
-        return result;
-    try {
-        for (int i = 0; i < attributes.getSize(); ++i) {
-            const VX::VXValue &descriptor = attributes[i];
-            const QString attribute = fromUtf8(descriptor[0].toStdString());
-            QStringList fields;
-            if (descriptor[1].isArray()) {
-                for (int j = 0; j < descriptor[1].getSize(); ++j)
-                    fields << fromUtf8(descriptor[1][j][0].toStdString());
+    return executerCall(this, m_connection, "objectAttributes")
+        .log(k_category)
+        .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
+            Attributes result;
+            const VX::VXValue attributes = fieldNames(proxy, name);
+            if (!attributes.isArray())
+                return result;
+            for (int i = 0; i < attributes.getSize(); ++i) {
+                const VX::VXValue &descriptor = attributes[i];
+                const QString attribute = fromUtf8(descriptor[0].toStdString());
+                QStringList fields;
+                if (descriptor[1].isArray()) {
+                    for (int j = 0; j < descriptor[1].getSize(); ++j)
+                        fields << fromUtf8(descriptor[1][j][0].toStdString());
+                }
+                const QList<VX::VXValue> values = fieldValues(proxy, name, attribute);
+                if (fields.size() != values.size()) {
+                    // One odd attribute does not spoil the others.
+                    error("objectAttributes")
+                        << "field size (" << fields.size() << ") and value size "
+                        << "(" << values.size() << ") do not match.";
+                    continue;
+                }
+                Fields map;
+                for (int j = 0; j < fields.size(); ++j)
+                    map.insert(fields[j], values[j]);
+                result.insert(attribute, map);
             }
-            const QList<VX::VXValue> values = objectAttributeFieldValues(name, attribute);
-            if (fields.size() != values.size()) {
-                error(__FUNCTION__) << "field size (" << fields.size() << ") and value size "
-                                    << "(" << values.size() << ") do not match.";
-                continue;
-            }
-            Fields map;
-            for (int j = 0; j < fields.size(); ++j)
-                map.insert(fields[j], values[j]);
-            result.insert(attribute, map);
-        }
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not parse VXValue returned by"
-                            << "WorldRepresentation::getObjectAttributes: " << e.what();
-    }
-    return result;
+            return result;
+        });
 }
 
 VX::Math::Displacement WorldRepresentationExecuter::VXValueToDisplacement(const VX::VXValue &value)
@@ -232,95 +190,76 @@ VX::Math::Displacement WorldRepresentationExecuter::VXValueToDisplacement(const 
     return VX::Math::Displacement(position, rotation);
 }
 
-VX::Math::Displacement WorldRepresentationExecuter::objectPosition(QString name, QString reference)
+VX::Math::Displacement WorldRepresentationExecuter::position(VX::VXWorldRepresentationProxy &proxy,
+                                                             const QString &name,
+                                                             const QString &reference)
 {
-    const boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = worldRepProxy();
-    if (!proxy)
-        return VX::Math::Displacement();
-    VX::VXValue value;
-    try {
-        value = proxy->getGenericProxy()->call<VX::VXValue>("getPosition", utf8(name),
-                                                            utf8(reference));
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not get object " << utf8(name) << " position in the"
-                            << utf8(reference) << " reference: " << e.what();
-        return VX::Math::Displacement();
-    }
+    const VX::VXValue value
+        = proxy.getGenericProxy()->call<VX::VXValue>("getPosition", utf8(name), utf8(reference));
     if (!value.isArray())
         return VX::Math::Displacement();
-    try {
-        return VXValueToDisplacement(value);
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not parse VXValue returned by"
-                            << " WorldRepresentation::getObjectPosition: " << e.what();
-        return VX::Math::Displacement();
-    }
+    return VXValueToDisplacement(value);
+}
+
+VX::Math::Displacement WorldRepresentationExecuter::objectPosition(QString name, QString reference)
+{
+    return executerCall(this, m_connection, "objectPosition")
+        .log(k_category)
+        .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
+            return position(proxy, name, reference);
+        });
 }
 
 WorldRepresentationExecuter::Placement WorldRepresentationExecuter::objectPosition(QString name)
 {
-    const boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = worldRepProxy();
-    if (!proxy)
-        return Placement();
-    QString parent;
-    try {
-        parent = fromUtf8(
-            proxy->getGenericProxy()->call<std::string>("getObjectParentName", utf8(name)));
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not fetch object " << utf8(name) << " position: " << e.what();
-        return Placement();
-    }
-    return Placement(parent, objectPosition(name, parent));
+    return executerCall(this, m_connection, "objectPosition")
+        .log(k_category)
+        .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
+            const QString parent = fromUtf8(
+                proxy.getGenericProxy()->call<std::string>("getObjectParentName", utf8(name)));
+            return Placement(parent, position(proxy, name, parent));
+        });
 }
 
 QString WorldRepresentationExecuter::rootName()
 {
-    const boost::shared_ptr<VX::VXWorldRepresentationProxy> proxy = worldRepProxy();
-    if (!proxy)
-        return QString();
-    try {
-        return fromUtf8(proxy->getGenericProxy()->call<std::string>("getRootName"));
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not get root name: " << e.what();
-        return QString();
-    }
+    return executerCall(this, m_connection, "rootName")
+        .log(k_category)
+        .run(&Connection::worldRepresentation, [](VX::VXWorldRepresentationProxy &proxy) {
+            return fromUtf8(proxy.getGenericProxy()->call<std::string>("getRootName"));
+        });
 }
 
 WorldRepresentationExecuter::Placement
 WorldRepresentationExecuter::objectAbsolutePosition(QString name)
 {
-    const QString root = rootName();
-    return Placement(root, objectPosition(name, root));
+    return executerCall(this, m_connection, "objectAbsolutePosition")
+        .log(k_category)
+        .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
+            const QString root
+                = fromUtf8(proxy.getGenericProxy()->call<std::string>("getRootName"));
+            return Placement(root, position(proxy, name, root));
+        });
 }
 
 QStringList WorldRepresentationExecuter::objectsDisplayed()
 {
-    QStringList result;
-    if (!worldRepProxy())
-        return result;
-    const boost::shared_ptr<Connection> connection = m_connection.lock();
-    if (!connection)
-        return result;
-    const boost::shared_ptr<VX::VXMemoryProxy> memory = connection->memory();
-    if (!memory)
-        return result;
     const std::string key = "VXWorldRepresentation/DisplayRequired";
-    VX::VXValue value;
-    try {
-        value = memory->getData(key);
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << "Could not getData " << key << ": " << e.what();
-    }
-    if (!value.isArray())
-        return result;
-    try {
-        for (int i = 0; i < value.getSize(); ++i)
-            result << fromUtf8(value[i].toStdString());
-    } catch (const std::exception &e) {
-        error(__FUNCTION__) << key << " data not formatted as "
-                            << "expected: " << e.what();
-    }
-    return result;
+    return executerCall(this, m_connection, "objectsDisplayed")
+        .log(k_category)
+        .run(&Connection::worldRepresentation,
+             [&](VX::VXWorldRepresentationProxy &, Connection &connection) {
+                 QStringList result;
+                 const boost::shared_ptr<VX::VXMemoryProxy> memory = connection.memory();
+                 if (!memory)
+                     throw CallFailure(ErrorCode::ServiceMissing, "the robot has no VXMemory");
+                 const VX::VXValue value = memory->getData(key);
+                 if (!value.isArray())
+                     return result;
+                 for (int i = 0; i < value.getSize(); ++i)
+                     result << fromUtf8(value[i].toStdString());
+                 return result;
+             });
 }
 
 } // namespace RK

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <connection/operation_error.h>
+
 #include <QMap>
 #include <QObject>
 #include <QPair>
@@ -25,7 +27,8 @@ class Connection;
 // Asks the robot's world model about its objects. Polling of the object
 // names runs on the executer's thread with its timer; every query runs on a
 // pool thread, several at once, and shares nothing but the weak pointer to
-// the connection. Failures are logged and give the empty result.
+// the connection. A failure is logged, told once as errorOccurred, and
+// gives the empty result.
 class WorldRepresentationExecuter : public QObject
 {
     Q_OBJECT
@@ -38,12 +41,9 @@ public:
     explicit WorldRepresentationExecuter(boost::shared_ptr<Connection> connection);
     ~WorldRepresentationExecuter() override;
 
-    boost::shared_ptr<VX::VXWorldRepresentationProxy> worldRepProxy() const;
-    VX::VXValue objectAttributeFieldNames(QString name) const;
     QString objectCategory(QString name);
     QStringList objectsDisplayed();
     VX::Math::Displacement objectPosition(QString name, QString reference);
-    QList<VX::VXValue> objectAttributeFieldValues(QString name, QString attribute);
     Fields objectDisplayAttributes(QString name);
     Attributes objectAttributes(QString name);
     QString rootName();
@@ -66,11 +66,22 @@ public slots:
     void stopTimer();
 
 signals:
+    // Each failed operation, once; its interface forwards it.
+    void errorOccurred(const RK::OperationError &error);
     void objectsUpdated(QStringList objects);
 
 private:
+    // Parts of the queries above; they throw, and the query tells it once.
+    static VX::VXValue fieldNames(VX::VXWorldRepresentationProxy &proxy, const QString &name);
+    static QList<VX::VXValue> fieldValues(VX::VXWorldRepresentationProxy &proxy,
+                                          const QString &name, const QString &attribute);
+    static VX::Math::Displacement position(VX::VXWorldRepresentationProxy &proxy,
+                                           const QString &name, const QString &reference);
+
     boost::weak_ptr<Connection> m_connection;
     QTimer *m_timer;
+    // Executer thread only.
+    bool m_pollFailing = false;
 };
 
 } // namespace RK

@@ -34,6 +34,7 @@ const QString WorldRepresentationInterface::a_worldRepPositionChangedKey
 WorldRepresentationInterface::WorldRepresentationInterface(boost::shared_ptr<Connection> connection)
     : MorvaneInterface(connection, QStringLiteral("WorldRepresentationInterface"))
 {
+    forwardFailures(this);
     // positionChanged crosses threads with it.
     qRegisterMetaType<VX::Math::Displacement>("VX::Math::Displacement");
     qRegisterMetaType<VX::VXValue>("VX::VXValue");

@@ -42,11 +42,11 @@ public:
         if (--m_inFlight == 0)
             m_cond.notify_all();
     }
-    // Sleeps unless the gate closes first.
-    void sleepFor(std::chrono::milliseconds delay)
+    // Sleeps unless the gate closes first; false once it is closed.
+    bool sleepFor(std::chrono::milliseconds delay)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        m_cond.wait_for(lock, delay, [this]() { return m_closed; });
+        return !m_cond.wait_for(lock, delay, [this]() { return m_closed; });
     }
     void close()
     {
@@ -177,6 +177,12 @@ wz::AnyValue Robot::Impl::invoke(const std::string &service, const std::string &
     }
     if (rule && rule->delay.count() > 0)
         gate->sleepFor(rule->delay);
+    // A held call looks at its rule every few ms: the scenario has no hook
+    // into the gate, and a release need not be prompter than that.
+    if (rule && rule->held) {
+        while (q.m_scenario.isHeld(service, method)
+               && gate->sleepFor(std::chrono::milliseconds(5))) { }
+    }
     if (rule && rule->failText)
         throw std::runtime_error(*rule->failText);
     if (rule && rule->replacement)

@@ -194,6 +194,20 @@ void Scenario::delayMethod(const std::string &service, const std::string &method
     ruleLocked(service, method).delay = delay;
 }
 
+void Scenario::holdMethod(const std::string &service, const std::string &method)
+{
+    requireMethod(m_robot, service, method);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    ruleLocked(service, method).held = true;
+}
+
+bool Scenario::isHeld(const std::string &service, const std::string &method) const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_rules.find(Key(service, method));
+    return it != m_rules.end() && it->second.held;
+}
+
 void Scenario::replaceMethod(const std::string &service, const std::string &method, MethodFn fn)
 {
     requireMethod(m_robot, service, method);

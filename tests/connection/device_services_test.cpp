@@ -223,12 +223,20 @@ TEST_F(DeviceServicesTest, DialogAnswersFailuresAndAMissingService)
         dialog->tell(QStringLiteral("What is your name?"));
         ASSERT_TRUE(test::processUntil([&] { return told.count() == 1; }));
         EXPECT_EQ(told.at(0).at(0).toString(), QStringLiteral("My name is Pelvon."));
-        // A failure is told by the same signal, with the failure's text.
+        // A failure is an error, not an answer.
+        std::vector<RK::OperationError> failures;
+        QObject context;
+        QObject::connect(dialog.get(), &RK::DialogInterface::errorOccurred, &context,
+                         [&](const RK::OperationError &e) { failures.push_back(e); });
         dialog->tell(QString());
-        ASSERT_TRUE(test::processUntil([&] { return told.count() == 2; }));
-        EXPECT_TRUE(told.at(1).at(0).toString().contains(QStringLiteral("the sentence is empty")));
+        dialog->tell(QStringLiteral("What is your name?"));
+        ASSERT_TRUE(test::processUntil([&] { return told.count() == 2 && !failures.empty(); }));
+        ASSERT_EQ(failures.size(), 1u);
+        EXPECT_EQ(failures[0].operation, QStringLiteral("tell"));
+        EXPECT_EQ(failures[0].code, RK::ErrorCode::RobotFailed);
+        EXPECT_TRUE(failures[0].details.contains(QStringLiteral("the sentence is empty")));
         EXPECT_EQ(robot().serviceAs<sim::DialogService>("VXDialog")->heard(),
-                  (std::vector<std::string> {"What is your name?", ""}));
+                  (std::vector<std::string> {"What is your name?", "", "What is your name?"}));
     }
     recorder.reset();
     robot().scenario().omitService("VXDialog");
@@ -249,16 +257,27 @@ TEST_F(DeviceServicesTest, ConfigAnswersAndItsTwoFailureShapes)
                                                                        "e")));
     EXPECT_TRUE(file.at(0).at(0).toString().startsWith(QStringLiteral("<?xml")));
 
-    // A failed getConfig answers nothing, a failed getConfigFile an empty
-    // text; both run in order on one thread, so the second answer proves the
-    // first's silence.
+    // A failure of either is one error and no answer; the requests run in
+    // order on one thread, so the answer to a third proves no other came.
+    std::vector<RK::OperationError> failures;
+    QObject context;
+    QObject::connect(config.get(), &RK::ConfigInterface::errorOccurred, &context,
+                     [&](const RK::OperationError &e) { failures.push_back(e); });
     robot().scenario().failMethod("VXRobotModel", "getConfig", "model unknown");
     robot().scenario().failMethod("VXRobotModel", "getConfigFile", "file unreadable");
     emit config->getConfigRequested();
     emit config->configFileRequested();
+    ASSERT_TRUE(test::processUntil([&] { return failures.size() == 2; }));
+    robot().scenario().restoreMethod("VXRobotModel", "getConfigFile");
+    emit config->configFileRequested();
     ASSERT_TRUE(test::processUntil([&] { return file.count() == 2; }));
     EXPECT_EQ(text.count(), 1);
-    EXPECT_EQ(file.at(1).at(0).toString(), QString());
+    EXPECT_TRUE(file.at(1).at(0).toString().startsWith(QStringLiteral("<?xml")));
+    ASSERT_EQ(failures.size(), 2u);
+    EXPECT_EQ(failures[0].operation, QStringLiteral("getConfig"));
+    EXPECT_TRUE(failures[0].details.contains(QStringLiteral("model unknown")));
+    EXPECT_EQ(failures[1].operation, QStringLiteral("getConfigFile"));
+    EXPECT_TRUE(failures[1].details.contains(QStringLiteral("file unreadable")));
 }
 
 TEST_F(DeviceServicesTest, ResourcesAndOwners)
@@ -301,16 +320,25 @@ TEST_F(DeviceServicesTest, LauncherExitCodesErrorsAndUnknownCommands)
     launch->launchWait(QStringLiteral("uptime"), {"-p"});
     launch->launchWait(QStringLiteral("self-check"), {});
     launch->launchWait(QStringLiteral("segfault"), {});
+    std::vector<RK::OperationError> failures;
+    QObject context;
+    QObject::connect(launch.get(), &RK::LauncherInterface::errorOccurred, &context,
+                     [&](const RK::OperationError &e) { failures.push_back(e); });
     launch->launchWait(QStringLiteral("rm"), {"-rf", "/"});
-    ASSERT_TRUE(test::processUntil([&] { return finished.count() == 4; }));
+    launch->launchWait(QStringLiteral("true"), {});
+    ASSERT_TRUE(test::processUntil([&] { return finished.count() == 4 && !failures.empty(); }));
     EXPECT_EQ(finished.at(0).at(0).toString(), QString());
     EXPECT_EQ(finished.at(1).at(0).toString(),
               QStringLiteral("Command `self-check` returned an error code (3)."));
     // A negative code is no error.
     EXPECT_EQ(finished.at(2).at(0).toString(), QString());
-    EXPECT_TRUE(finished.at(3).at(0).toString().contains(QStringLiteral("command not found: rm")));
+    // A command the robot cannot launch is an error, not an answer.
+    EXPECT_EQ(finished.at(3).at(0).toString(), QString());
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_EQ(failures[0].operation, QStringLiteral("launchWait"));
+    EXPECT_TRUE(failures[0].details.contains(QStringLiteral("command not found: rm")));
     const auto launches = launcher->launches();
-    ASSERT_EQ(launches.size(), 4u);
+    ASSERT_EQ(launches.size(), 5u);
     EXPECT_EQ(launches[0].args, (std::vector<std::string> {"-p"}));
     EXPECT_EQ(launches[3].args, (std::vector<std::string> {"-rf", "/"}));
 }

@@ -23,6 +23,8 @@ struct MethodRule
     bool removed = false;
     std::optional<std::string> failText;
     std::chrono::milliseconds delay {0};
+    // Calls wait, once they have reached the robot, until the rule goes.
+    bool held = false;
     MethodFn replacement;
 };
 
@@ -49,6 +51,12 @@ public:
     void delayMethod(const std::string &service, const std::string &method,
                      std::chrono::milliseconds delay);
     void replaceMethod(const std::string &service, const std::string &method, MethodFn fn);
+    // Calls reach the robot (they count in calls()) and then wait, however
+    // long, until restoreMethod(), reset() or the robot's stop lets them go
+    // on as usual: a call that a test can be sure is in progress, for
+    // cutting the link under it.
+    void holdMethod(const std::string &service, const std::string &method);
+    bool isHeld(const std::string &service, const std::string &method) const;
     // A method the service does not have yet (registered again, like removal).
     void addMethod(const std::string &service, const std::string &method, unsigned arity,
                    MethodFn fn);
