@@ -103,7 +103,7 @@ void LauncherExecuter::launchWait(QString command, std::vector<std::string> args
         return;
     QString errorMessage;
     try {
-        const int code = launcher->call<int>("_launchWait", command.toLatin1().toStdString(), args);
+        const int code = launcher->call<int>("_launchWait", command.toUtf8().toStdString(), args);
         if (code > 0)
             errorMessage = tr("Command `%1` returned an error code (%2).").arg(command).arg(code);
     } catch (const std::exception &e) {
