@@ -53,7 +53,7 @@ int audioCommand(Console &console, const QStringList &arguments)
 
     const int answerMs = console.options().answerMs;
     audio->getOutputVolume();
-    Outcome outcome = waiter.drain(audio->executerObject(), answerMs);
+    Outcome outcome = waiter.drain(audio->executerObject(), audio.get(), answerMs);
     if (outcome == Outcome::Done && currentVolume < 0) {
         console.err() << "error: VXAudioDevice gave no volume" << Qt::endl;
         return ExitCommandFailed;
@@ -65,7 +65,7 @@ int audioCommand(Console &console, const QStringList &arguments)
     if (outcome == Outcome::Done) {
         audio->getCurrentLanguage();
         audio->getAvailableLanguages();
-        outcome = waiter.drain(audio->executerObject(), answerMs);
+        outcome = waiter.drain(audio->executerObject(), audio.get(), answerMs);
     }
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the robot's audio settings"));

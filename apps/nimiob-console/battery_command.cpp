@@ -22,7 +22,8 @@ int batteryCommand(Console &console, const QStringList &arguments)
     QObject::connect(battery.get(), &RK::BatteryInterface::updateBatteryLevelRequested, &receiver,
                      [&level](int value) { level = value; });
     battery->getBatteryLevel();
-    const Outcome outcome = waiter.drain(battery->executerObject(), console.options().answerMs);
+    const Outcome outcome
+        = waiter.drain(battery->executerObject(), battery.get(), console.options().answerMs);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the battery's charge"));
     if (level < 0) {

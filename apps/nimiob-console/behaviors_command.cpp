@@ -58,7 +58,8 @@ int behaviorsCommand(Console &console, const QStringList &arguments)
     behaviors->requestInstalledBoxLibraries();
     // A list the robot fails to give is only logged: the drain tells that
     // every request has run, and a missing answer is then a failure.
-    const Outcome outcome = waiter.drain(behaviors->executerObject(), console.options().answerMs);
+    const Outcome outcome
+        = waiter.drain(behaviors->executerObject(), behaviors.get(), console.options().answerMs);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the behaviour lists"));
     if (answers < 4) {

@@ -86,9 +86,8 @@ int callCommand(Console &console, const QStringList &arguments)
     }
     // The request has run once the executer's thread gets to the next one,
     // and its dialog is here once the module's thread has passed it on.
-    Outcome outcome = waiter.drain(module->executerObject(), console.options().answerMs);
-    if (outcome == Outcome::Done)
-        outcome = waiter.drain(module.get(), console.options().answerMs);
+    const Outcome outcome
+        = waiter.drain(module->executerObject(), module.get(), console.options().answerMs);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the call to be posted"));
 

@@ -36,7 +36,8 @@ int resources(Console &console)
                          got = true;
                      });
     resources->getResources();
-    Outcome outcome = waiter.drain(resources->executerObject(), console.options().answerMs);
+    Outcome outcome
+        = waiter.drain(resources->executerObject(), resources.get(), console.options().answerMs);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the resource preferences"));
     // The library only logs a failed read: no answer is the failure.
@@ -100,7 +101,8 @@ int configCommand(Console &console, const QStringList &arguments)
         config->getConfigFile();
     else
         config->getConfig();
-    const Outcome outcome = waiter.drain(config->executerObject(), console.options().answerMs);
+    const Outcome outcome
+        = waiter.drain(config->executerObject(), config.get(), console.options().answerMs);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the configuration"));
     // A failed read comes back as nothing, or as an empty file.

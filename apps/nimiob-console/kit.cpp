@@ -5,6 +5,7 @@
 #include <QCoreApplication>
 #include <QJsonDocument>
 #include <QMetaObject>
+#include <QPointer>
 #include <QRegularExpression>
 
 #include <atomic>
@@ -247,20 +248,27 @@ Outcome Waiter::wait(const std::function<bool()> &done, int timeoutMs)
     return finished ? Outcome::Done : Outcome::TimedOut;
 }
 
-Outcome Waiter::drain(QObject *executer, int timeoutMs)
+Outcome Waiter::drain(QObject *executer, QObject *interface, int timeoutMs)
 {
-    if (!executer)
+    if (!executer || !interface)
         return Outcome::Failed;
-    // The executer's thread takes requests one by one: this runs after the
-    // ones queued so far, and its hop back to this thread comes after their
-    // answers.
+    // Each thread takes its events in order: a marker that goes the way the
+    // answers go (executer, interface, this thread) arrives after the
+    // answers to every request queued before it.
     auto drained = std::make_shared<std::atomic<bool>>(false);
     QObject *home = QCoreApplication::instance();
+    QPointer<QObject> via(interface);
     QMetaObject::invokeMethod(
         executer,
-        [drained, home] {
-            QMetaObject::invokeMethod(
-                home, [drained] { *drained = true; }, Qt::QueuedConnection);
+        [drained, home, via] {
+            const auto arrive = [drained, home] {
+                QMetaObject::invokeMethod(
+                    home, [drained] { *drained = true; }, Qt::QueuedConnection);
+            };
+            if (via)
+                QMetaObject::invokeMethod(via.data(), arrive, Qt::QueuedConnection);
+            else
+                arrive();
         },
         Qt::QueuedConnection);
     return wait([drained] { return drained->load(); }, timeoutMs);
@@ -337,13 +345,15 @@ void Progress::show(const QString &text, const QString &detail, double percent)
         return;
     }
     // In a log: a line when the step changes what is done, and one each
-    // time another step of the way is passed.
-    const bool newText = text != m_lastText;
+    // time another step of the way is passed. What is done is the text
+    // without its parenthesis, which names the file of the moment.
+    const QString step = text.section(QStringLiteral(" ("), 0, 0);
+    const bool newText = step != m_lastText;
     const bool further = percent >= m_nextPercent;
     if (!newText && !further)
         return;
     if (newText)
-        m_lastText = text;
+        m_lastText = step;
     if (percent >= 0) {
         while (m_nextPercent <= percent)
             m_nextPercent += m_step;

@@ -129,8 +129,9 @@ public:
         return wait([future] { return future.isFinished(); }, timeoutMs);
     }
     // Until the executer has run the requests queued to it so far and their
-    // answers have come back to this thread.
-    Outcome drain(QObject *executer, int timeoutMs);
+    // answers have come back to this thread, by way of the interface's own
+    // thread (an interface re-emits its executer's signals there).
+    Outcome drain(QObject *executer, QObject *interface, int timeoutMs);
 
     const std::vector<RK::OperationError> &failures() const { return m_failures; }
     bool lost() const { return m_lost; }
@@ -165,7 +166,8 @@ public:
     Progress(QTextStream &out, bool terminal, int stepPercent = 20);
     ~Progress();
     // What is being done, the figures of the moment, and `percent` (< 0
-    // when unknown). Off a terminal a new `text` always gets its line.
+    // when unknown). Off a terminal a new `text` (its parenthesis aside)
+    // always gets its line.
     void show(const QString &text, const QString &detail, double percent);
     // Clears the redrawn line, if any.
     void clear();

@@ -65,14 +65,14 @@ int moveCommand(Console &console, const QStringList &arguments)
         receiver->sendMotorAngles(pose, speed);
         // Posted: the request has left once the executer is past it.
         const Outcome outcome
-            = waiter.drain(receiver->executerObject(), console.options().answerMs);
+            = waiter.drain(receiver->executerObject(), receiver.get(), console.options().answerMs);
         if (outcome != Outcome::Done)
             return waiter.fail(outcome, QStringLiteral("the move to be sent"));
         console.out() << "Sent " << joints << " (posted)." << Qt::endl;
         return ExitOk;
     }
     receiver->sendMotorAnglesBlocking(pose, speed);
-    const Outcome outcome = waiter.drain(receiver->executerObject(), -1);
+    const Outcome outcome = waiter.drain(receiver->executerObject(), receiver.get(), -1);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the end of the move"));
     // The motion call may end without the joints where they were sent (a

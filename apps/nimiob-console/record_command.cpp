@@ -132,7 +132,7 @@ int recordCommand(Console &console, const QStringList &arguments)
     // Interrupted or not, what was recorded so far comes back.
     const bool interrupted = outcome == Outcome::Interrupted;
     recorder->stopRecording();
-    outcome = waiter.drain(recorder->executerObject(), answerMs);
+    outcome = waiter.drain(recorder->executerObject(), recorder.get(), answerMs);
     if (outcome == Outcome::Interrupted && interrupted)
         outcome = Outcome::Done;
     if (outcome != Outcome::Done)

@@ -46,6 +46,18 @@ int runCommand(Console &console, const QStringList &arguments)
     waiter.observe(behaviors->executerObject(), QStringLiteral("VXBehaviorManager"));
 
     using Instance = RK::BehaviorInstanceManager;
+    const Options &options = console.options();
+    // A name the robot does not know never gets a first state: ask first.
+    const QFuture<QStringList> installed = behaviors->behaviorsInstalled();
+    Outcome outcome = waiter.await(installed, options.answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the installed behaviours"));
+    const QStringList names = installed.result();
+    if (std::none_of(names.begin(), names.end(),
+                     [&](const QString &n) { return Instance::sameBehavior(n, name); })) {
+        console.err() << "error: the robot has no behaviour \"" << name << "\"" << Qt::endl;
+        return ExitCommandFailed;
+    }
     QTextStream &out = console.out();
     QElapsedTimer clock;
     clock.start();
@@ -83,9 +95,8 @@ int runCommand(Console &console, const QStringList &arguments)
                          problems << text;
                      });
 
-    const Options &options = console.options();
     // Known to the robot: its first state comes.
-    Outcome outcome = waiter.wait([&] { return present || vanished; }, options.answerMs);
+    outcome = waiter.wait([&] { return present || vanished; }, options.answerMs);
     if (outcome == Outcome::TimedOut) {
         console.err() << "error: the robot has no behaviour \"" << name << "\"" << Qt::endl;
         return ExitCommandFailed;
@@ -105,11 +116,13 @@ int runCommand(Console &console, const QStringList &arguments)
             << Qt::endl;
         return waiter.fail(outcome, QStringLiteral("the behaviour to end"));
     }
-    // Whatever ends the run, a behaviour still going is stopped.
+    // Whatever ends the run, a behaviour still going is stopped; one that
+    // never ran is only asked to stop, since nothing will say it did.
     const bool going = !ended && !vanished && instance.state() != Instance::Missing
         && instance.state() != Instance::Stopped;
-    if (going) {
+    if (going)
         instance.stopBehavior();
+    if (going && ran) {
         console.waitUntil([&] { return ended || vanished || !console.manager().isConnected(); },
                           options.answerMs);
     }

@@ -40,7 +40,7 @@ int sayCommand(Console &console, const QStringList &arguments)
     QElapsedTimer elapsed;
     elapsed.start();
     // Speaking holds the executer until the robot has finished.
-    const Outcome outcome = waiter.drain(speech->executerObject(), -1);
+    const Outcome outcome = waiter.drain(speech->executerObject(), speech.get(), -1);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the end of the speech"));
     console.out() << "Done in         " << QString::number(elapsed.elapsed() / 1000.0, 'f', 2)

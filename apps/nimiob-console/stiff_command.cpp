@@ -28,7 +28,8 @@ int stiffCommand(Console &console, const QStringList &arguments)
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the stiffness change"));
     // The pool call reports through the executer's error signal, queued.
-    const Outcome drained = waiter.drain(receiver->executerObject(), console.options().answerMs);
+    const Outcome drained
+        = waiter.drain(receiver->executerObject(), receiver.get(), console.options().answerMs);
     if (drained != Outcome::Done)
         return waiter.fail(drained, QStringLiteral("the stiffness change"));
     console.out() << "Stiffness of " << words[0] << " " << words[1] << "." << Qt::endl;
