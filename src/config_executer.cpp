@@ -65,7 +65,7 @@ void LauncherExecuter::launchWait(QString command, std::vector<std::string> args
     executerCall(this, m_connection, "launchWait")
         .run(&Connection::launcher, [&](VX::VXProxy &launcher) {
             const int code
-                = launcher.call<int>("_launchWait", command.toLatin1().toStdString(), args);
+                = launcher.call<int>("_launchWait", command.toUtf8().toStdString(), args);
             // The command ran: its own failure is an answer, not the call's.
             emit launchWaitFinished(
                 code > 0 ? tr("Command `%1` returned an error code (%2).").arg(command).arg(code)

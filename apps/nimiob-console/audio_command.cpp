@@ -1,6 +1,4 @@
-#include "commands.h"
-#include "console.h"
-#include "device_support.h"
+#include "kit.h"
 
 #include <connection/audio_interface.h>
 
@@ -10,27 +8,34 @@ namespace console {
 // them first.
 int audioCommand(Console &console, const QStringList &arguments)
 {
-    int volume = -1;
+    Arguments args(console, "audio", arguments);
     int mute = -1; // -1 unchanged, 0 unmute, 1 mute
-    for (const QString &arg : arguments) {
-        if (arg == QLatin1String("--mute") || arg == QLatin1String("--unmute")) {
-            mute = arg == QLatin1String("--mute") ? 1 : 0;
-            continue;
-        }
+    if (args.flag("mute"))
+        mute = 1;
+    if (args.flag("unmute"))
+        mute = mute == 1 ? -2 : 0;
+    if (mute == -2)
+        args.fail(QStringLiteral("--mute and --unmute exclude each other"));
+    int volume = -1;
+    const QStringList words = args.positional();
+    if (words.size() > 1)
+        args.fail(QStringLiteral("audio takes one volume"));
+    if (words.size() == 1) {
         bool ok = false;
-        volume = arg.toInt(&ok);
-        if (!ok || volume < 0 || volume > 100) {
-            console.err() << "error: audio wants a volume from 0 to 100, --mute or --unmute, not "
-                          << arg << Qt::endl;
-            return ExitUsage;
-        }
+        volume = words.first().toInt(&ok);
+        if (!ok || volume < 0 || volume > 100)
+            args.fail(QStringLiteral("the volume is a whole number from 0 to 100, not \"%1\"")
+                          .arg(words.first()));
     }
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXAudioDevice", "VXTextToSpeech"}, "audio"))
+        return status;
     const auto audio = console.manager().audioInterface();
-    if (!audio) {
-        console.err() << "error: the connection has no audio interface" << Qt::endl;
-        return ExitCommandFailed;
-    }
-    ExecuterErrors errors(audio->executerObject());
+    if (!audio)
+        return missing(console, "VXAudioDevice", "audio");
+    Waiter waiter(console);
+    waiter.observe(audio->executerObject(), QStringLiteral("VXAudioDevice"));
     QObject receiver;
     int currentVolume = -1;
     bool muted = false;
@@ -46,29 +51,45 @@ int audioCommand(Console &console, const QStringList &arguments)
     QObject::connect(audio.get(), &RK::AudioInterface::getAvailableLanguagesResult, &receiver,
                      [&](const QStringList &l) { languages = l; });
 
+    const int answerMs = console.options().answerMs;
     audio->getOutputVolume();
-    drainExecuter(console, audio->executerObject(), 10000);
-    if (volume >= 0 || mute >= 0) {
-        if (currentVolume < 0) {
-            errors.print(console);
-            console.err() << "error: the volume could not be read, so nothing was set" << Qt::endl;
-            return ExitCommandFailed;
-        }
+    Outcome outcome = waiter.drain(audio->executerObject(), audio.get(), answerMs);
+    if (outcome == Outcome::Done && currentVolume < 0) {
+        console.err() << "error: VXAudioDevice gave no volume" << Qt::endl;
+        return ExitCommandFailed;
+    }
+    if (outcome == Outcome::Done && (volume >= 0 || mute >= 0)) {
         audio->setOutputVolume(volume >= 0 ? volume : currentVolume, mute >= 0 ? mute == 1 : muted);
         audio->getOutputVolume();
     }
-    audio->getCurrentLanguage();
-    audio->getAvailableLanguages();
-    drainExecuter(console, audio->executerObject(), 10000);
-
+    if (outcome == Outcome::Done) {
+        audio->getCurrentLanguage();
+        audio->getAvailableLanguages();
+        outcome = waiter.drain(audio->executerObject(), audio.get(), answerMs);
+    }
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the robot's audio settings"));
+    if (volume >= 0 && currentVolume != volume) {
+        console.err() << "error: the volume is " << currentVolume << " after setting " << volume
+                      << Qt::endl;
+        return ExitCommandFailed;
+    }
+    if (console.json()) {
+        printJson(console,
+                  {{QStringLiteral("volume"), currentVolume},
+                   {QStringLiteral("muted"), muted},
+                   {QStringLiteral("language"), language},
+                   {QStringLiteral("languages"), jsonList(languages)}});
+        return ExitOk;
+    }
     QTextStream &out = console.out();
-    if (currentVolume >= 0)
-        out << "Volume          " << currentVolume << (muted ? " (muted)" : "") << Qt::endl;
-    if (!language.isEmpty())
-        out << "Language        " << language << Qt::endl;
-    if (!languages.isEmpty())
-        out << "Languages       " << languages.join(QStringLiteral(", ")) << Qt::endl;
-    return errors.print(console) ? ExitCommandFailed : ExitOk;
+    out << "Volume          " << currentVolume << (muted ? " (muted)" : "") << Qt::endl;
+    out << "Language        " << (language.isEmpty() ? QStringLiteral("unknown") : language)
+        << Qt::endl;
+    out << "Languages       "
+        << (languages.isEmpty() ? QStringLiteral("none") : languages.join(QStringLiteral(", ")))
+        << Qt::endl;
+    return ExitOk;
 }
 
 } // namespace console

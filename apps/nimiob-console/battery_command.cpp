@@ -1,40 +1,39 @@
-#include "commands.h"
-#include "console.h"
-#include "device_support.h"
+#include "kit.h"
 
 #include <connection/battery_interface.h>
 
 namespace console {
 
-// The charge in percent, with the robot's coarse level standing in when the
-// charge cannot be read.
+// The charge in percent.
 int batteryCommand(Console &console, const QStringList &arguments)
 {
-    if (!arguments.isEmpty()) {
-        console.err() << "error: battery takes no argument" << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "battery", arguments);
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXBattery"}, "battery"))
+        return status;
     const auto battery = console.manager().batteryInterface();
-    if (!battery) {
-        console.err() << "error: the connection has no battery interface" << Qt::endl;
-        return ExitCommandFailed;
-    }
-    ExecuterErrors errors(battery->executerObject());
+    if (!battery)
+        return missing(console, "VXBattery", "battery");
+    Waiter waiter(console);
+    waiter.observe(battery->executerObject(), QStringLiteral("VXBattery"));
     int level = -1;
     QObject receiver;
     QObject::connect(battery.get(), &RK::BatteryInterface::updateBatteryLevelRequested, &receiver,
                      [&level](int value) { level = value; });
     battery->getBatteryLevel();
-    drainExecuter(console, battery->executerObject(), 10000);
-    console.waitUntil([&] { return level >= 0 || !errors.errors().empty(); }, 1000);
-    if (errors.print(console))
-        return ExitCommandFailed;
+    const Outcome outcome
+        = waiter.drain(battery->executerObject(), battery.get(), console.options().answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the battery's charge"));
     if (level < 0) {
-        console.out() << "Battery         no answer (the robot has no usable VXBattery)"
-                      << Qt::endl;
+        console.err() << "error: VXBattery gave no charge" << Qt::endl;
         return ExitCommandFailed;
     }
-    console.out() << "Battery         " << level << " %" << Qt::endl;
+    if (console.json())
+        printJson(console, {{QStringLiteral("charge"), level}});
+    else
+        console.out() << "Battery         " << level << " %" << Qt::endl;
     return ExitOk;
 }
 

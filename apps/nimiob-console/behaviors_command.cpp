@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/behavior_manager_interface.h>
 
@@ -21,16 +20,17 @@ void printList(QTextStream &out, const char *title, const QStringList &names)
 // Lists the installed, running and default behaviours and the box libraries.
 int behaviorsCommand(Console &console, const QStringList &arguments)
 {
-    if (!arguments.isEmpty()) {
-        console.err() << "error: behaviors takes no argument" << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "behaviors", arguments);
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXBehaviorManager"}, "behaviors"))
+        return status;
     const boost::shared_ptr<RK::BehaviorManagerInterface> behaviors
         = console.manager().behaviorManagerInterface();
-    if (!behaviors) {
-        console.err() << "error: the connection has no behaviour manager interface" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!behaviors)
+        return missing(console, "VXBehaviorManager", "behaviors");
+    Waiter waiter(console);
+    waiter.observe(behaviors->executerObject(), QStringLiteral("VXBehaviorManager"));
     QStringList installed, running, defaults, libraries;
     int answers = 0;
     QObject receiver;
@@ -56,11 +56,24 @@ int behaviorsCommand(Console &console, const QStringList &arguments)
     behaviors->requestRunningBehaviors();
     behaviors->requestDefaultBehaviors();
     behaviors->requestInstalledBoxLibraries();
-    if (!console.waitUntil([&] { return answers >= 4; }, 10000)) {
-        console.err() << "error: the robot did not answer every list (a failed call is in the "
-                         "log)"
+    // A list the robot fails to give is only logged: the drain tells that
+    // every request has run, and a missing answer is then a failure.
+    const Outcome outcome
+        = waiter.drain(behaviors->executerObject(), behaviors.get(), console.options().answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the behaviour lists"));
+    if (answers < 4) {
+        console.err() << "error: the robot did not give every list (" << answers << " of 4 came)"
                       << Qt::endl;
         return ExitCommandFailed;
+    }
+    if (console.json()) {
+        printJson(console,
+                  {{QStringLiteral("installed"), jsonList(installed)},
+                   {QStringLiteral("running"), jsonList(running)},
+                   {QStringLiteral("default"), jsonList(defaults)},
+                   {QStringLiteral("boxLibraries"), jsonList(libraries)}});
+        return ExitOk;
     }
     QTextStream &out = console.out();
     printList(out, "Installed", installed);

@@ -1,10 +1,9 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/sartel_module.h>
 
-#include <QCoreApplication>
-#include <QMetaObject>
+#include <connection/connection.h>
+
 #include <QObject>
 
 #include <vector>
@@ -39,34 +38,36 @@ VX::VXValue parseValue(const QString &text)
 // dialog texts; the method's own result or failure is never seen.
 int callCommand(Console &console, const QStringList &arguments)
 {
-    QStringList words;
-    bool checkEnable = false;
-    for (const QString &arg : arguments) {
-        if (arg == QLatin1String("--check"))
-            checkEnable = true;
-        else
-            words << arg;
-    }
-    if (words.size() < 2) {
-        console.err() << "error: call wants MODULE METHOD [VALUE...]" << Qt::endl;
-        return ExitUsage;
-    }
-    if (words.size() > 8) {
-        console.err() << "error: a call by name carries at most 6 values" << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "call", arguments);
+    const bool checkEnable = args.flag("check");
+    const QStringList words = args.positional();
+    if (words.size() < 2)
+        args.fail(QStringLiteral("call wants MODULE METHOD [VALUE...]"));
+    if (words.size() > 8)
+        args.fail(QStringLiteral("a call by name carries at most 6 values"));
+    if (const int status = args.finish())
+        return status;
     const QString moduleName = words.at(0);
     const QString method = words.at(1);
     std::vector<VX::VXValue> values;
     for (int i = 2; i < words.size(); ++i)
         values.push_back(parseValue(words.at(i)));
 
-    RK::ConnectionManager &manager = console.manager();
-    const boost::shared_ptr<RK::SartelModuleInterface> module = manager.sartelModuleInterface();
-    if (!module) {
-        console.err() << "error: the connection has no desktop module" << Qt::endl;
+    if (const int status = need(console, {}, "call"))
+        return status;
+    // A service of the library's table that the robot lacks is known at
+    // once; any other name is for the robot to judge.
+    const boost::shared_ptr<RK::Connection> connection = console.manager().currentConnection();
+    if (connection && connection->missingServices().contains(moduleName)) {
+        console.err() << "error: the robot offers no " << moduleName << Qt::endl;
         return ExitCommandFailed;
     }
+    const boost::shared_ptr<RK::SartelModuleInterface> module
+        = console.manager().sartelModuleInterface();
+    if (!module)
+        return missing(console, "VXSartel", "call");
+    Waiter waiter(console);
+    waiter.observe(module->executerObject(), moduleName);
     std::vector<Console::Error> dialogs;
     QObject receiver;
     QObject::connect(module.get(), &RK::SartelModuleInterface::displayErrorRequested, &receiver,
@@ -84,13 +85,11 @@ int callCommand(Console &console, const QStringList &arguments)
                                         values[2], values[3], values[4], values[5]);
     }
     // The request has run once the executer's thread gets to the next one,
-    // and its dialog is on the way here once the module's thread has passed
-    // it on.
-    QMetaObject::invokeMethod(
-        module->executerObject(), [] {}, Qt::BlockingQueuedConnection);
-    QMetaObject::invokeMethod(
-        module.get(), [] {}, Qt::BlockingQueuedConnection);
-    QCoreApplication::processEvents();
+    // and its dialog is here once the module's thread has passed it on.
+    const Outcome outcome
+        = waiter.drain(module->executerObject(), module.get(), console.options().answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the call to be posted"));
 
     QStringList shown;
     for (const VX::VXValue &v : values) {

@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/video_device_interface.h>
 
@@ -14,40 +13,26 @@ namespace console {
 // polls skipped; --png keeps the last picture.
 int cameraCommand(Console &console, const QStringList &arguments)
 {
+    Arguments args(console, "camera", arguments);
     int resolution = 2;
     int period = 20;
-    int seconds = 5;
+    int forMs = 5000;
     QString png;
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QString &arg = arguments.at(i);
-        const QString value = i + 1 < arguments.size() ? arguments.at(i + 1) : QString();
-        bool ok = false;
-        if (arg == QLatin1String("--res")) {
-            resolution = value.toInt(&ok);
-            ok = ok && resolution >= 0 && resolution <= 3;
-        } else if (arg == QLatin1String("--period")) {
-            period = value.toInt(&ok);
-            ok = ok && period >= 1 && period <= 10000;
-        } else if (arg == QLatin1String("--for")) {
-            seconds = value.toInt(&ok);
-            ok = ok && seconds >= 1 && seconds <= 86400;
-        } else if (arg == QLatin1String("--png")) {
-            png = value;
-            ok = !png.isEmpty();
-        }
-        if (!ok) {
-            console.err() << "error: camera takes --res 0-3, --period MS, --for S and --png FILE"
-                          << Qt::endl;
-            return ExitUsage;
-        }
-        ++i;
-    }
+    args.number("res", resolution, 0, 3);
+    args.number("period", period, 1, 10000);
+    args.duration("for", forMs);
+    if (args.option("png", png) && png.isEmpty())
+        args.fail(QStringLiteral("--png wants a file name"));
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXVideoDevice"}, "camera"))
+        return status;
     const boost::shared_ptr<RK::VideoDeviceInterface> video
         = console.manager().videoDeviceInterface();
-    if (!video) {
-        console.err() << "error: the robot has no camera (VXVideoDevice)" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!video)
+        return missing(console, "VXVideoDevice", "camera");
+    Waiter waiter(console);
+    waiter.observe(video->executerObject(), QStringLiteral("VXVideoDevice"));
     const std::size_t largest = std::size_t(160 << resolution) * (120 << resolution) * 4;
     const auto one = RK::makeProtectedBuffer(largest);
     const auto two = RK::makeProtectedBuffer(largest);
@@ -80,35 +65,54 @@ int cameraCommand(Console &console, const QStringList &arguments)
                      });
     elapsed.start();
     video->startVideo(period, resolution, one, two);
-    console.waitUntil([&] { return failed; }, seconds * 1000);
+    const Outcome outcome = waiter.wait([&] { return failed; }, forMs);
     const double took = elapsed.elapsed() / 1000.0;
+    if (outcome == Outcome::Lost)
+        return waiter.fail(outcome, QStringLiteral("images"));
     bool stopped = false;
     QObject::connect(video.get(), &RK::VideoDeviceInterface::acquisitionStopped, &receiver,
                      [&](bool) { stopped = true; });
     video->stopVideo();
-    console.waitUntil([&] { return stopped; }, 5000);
+    const Outcome stop = waiter.wait([&] { return stopped; }, console.options().answerMs);
+    if (stop == Outcome::Lost)
+        return waiter.fail(stop, QStringLiteral("the camera to stop"));
+    if (outcome == Outcome::Failed)
+        return waiter.fail(outcome, QStringLiteral("images"));
     if (failed || images == 0) {
         console.err() << "error: no image came from the camera" << Qt::endl;
         return ExitCommandFailed;
     }
-    console.out() << QStringLiteral("Camera %1x%2: %3 images in %4 s (%5 fps), %6 skipped, "
-                                    "first after %7 ms")
-                         .arg(width)
-                         .arg(height)
-                         .arg(images)
-                         .arg(took, 0, 'f', 1)
-                         .arg(images / took, 0, 'f', 1)
-                         .arg(video->skippedImages())
-                         .arg(firstMs)
-                  << Qt::endl;
+    const double fps = images / took;
+    if (console.json()) {
+        printJson(console,
+                  {{QStringLiteral("width"), width},
+                   {QStringLiteral("height"), height},
+                   {QStringLiteral("images"), images},
+                   {QStringLiteral("seconds"), took},
+                   {QStringLiteral("fps"), fps},
+                   {QStringLiteral("skipped"), video->skippedImages()},
+                   {QStringLiteral("firstMs"), firstMs},
+                   {QStringLiteral("png"), png.isEmpty() ? QJsonValue() : QJsonValue(png)}});
+    } else {
+        console.out() << QStringLiteral("Camera %1x%2: %3 images in %4 s (%5 fps), %6 skipped, "
+                                        "first after %7 ms")
+                             .arg(width)
+                             .arg(height)
+                             .arg(images)
+                             .arg(took, 0, 'f', 1)
+                             .arg(fps, 0, 'f', 1)
+                             .arg(video->skippedImages())
+                             .arg(firstMs)
+                      << Qt::endl;
+    }
     if (!png.isEmpty()) {
         if (!last.save(png, "PNG")) {
             console.err() << "error: cannot write " << png << Qt::endl;
             return ExitCommandFailed;
         }
-        console.out() << "Saved the last image to " << png << Qt::endl;
+        console.info() << "Saved the last image to " << png << Qt::endl;
     }
-    return ExitOk;
+    return outcome == Outcome::Interrupted ? ExitInterrupted : ExitOk;
 }
 
 } // namespace console

@@ -1,5 +1,7 @@
 #include "console.h"
 
+#include "kit.h"
+
 #include <connection/connection.h>
 #include <connection/platform.h>
 
@@ -19,8 +21,8 @@
 
 namespace console {
 
-Console::Console(Options options, QTextStream &out, QTextStream &err)
-    : m_options(std::move(options)), m_out(out), m_err(err)
+Console::Console(Options options, QTextStream &out, QTextStream &err, QTextStream *in)
+    : m_options(std::move(options)), m_out(out), m_err(err), m_in(in)
 { }
 
 Console::~Console()
@@ -51,6 +53,7 @@ bool Console::start()
         m_options.name = m_options.host;
 
     m_manager = std::make_unique<RK::ConnectionManager>();
+    m_manager->setTiming(m_options.timing);
     QObject::connect(m_manager.get(), &RK::ConnectionManager::displayErrorRequested,
                      [this](const QString &title, const QString &contents, const QString &details,
                             bool checkWarningEnable) {
@@ -75,28 +78,37 @@ bool Console::connectToRobot()
         m_manager.get(), &RK::ConnectionManager::disconnected, [&failed] { failed = true; });
     const size_t errorsBefore = m_errors.size();
 
-    m_out << "Connecting to " << m_options.host << ':' << m_options.port << " as \""
-          << m_options.name << "\" " << Qt::flush;
+    QTextStream &info = this->info();
+    info << "Connecting to " << m_options.host << ':' << m_options.port << " as \""
+         << m_options.name << "\" " << Qt::flush;
     QElapsedTimer elapsed;
     elapsed.start();
     // One dot per readiness step while the worker waits for the robot.
     QTimer progress;
-    QObject::connect(&progress, &QTimer::timeout, [this] { m_out << '.' << Qt::flush; });
+    QObject::connect(&progress, &QTimer::timeout, [&info] { info << '.' << Qt::flush; });
     progress.start(250);
 
     m_manager->connectRemoteBroker(m_options.host.toStdString(), m_options.port, m_options.name);
     // A refused attempt (too many workers) never ends by itself.
-    waitUntil([&] { return established || failed || m_errors.size() > errorsBefore; }, 60000);
+    waitUntil(
+        [&] {
+            return established || failed || m_errors.size() > errorsBefore
+                || InterruptScope::requested();
+        },
+        60000);
     progress.stop();
     QObject::disconnect(onEstablished);
     QObject::disconnect(onDisconnected);
 
     if (established) {
-        m_out << " connected in " << QString::number(elapsed.elapsed() / 1000.0, 'f', 2) << " s"
-              << Qt::endl;
+        info << " connected in " << QString::number(elapsed.elapsed() / 1000.0, 'f', 2) << " s"
+             << Qt::endl;
+        m_connected = true;
         return true;
     }
-    m_out << " failed" << Qt::endl;
+    info << (InterruptScope::requested() ? " interrupted" : " failed") << Qt::endl;
+    if (InterruptScope::requested())
+        return false;
     if (m_errors.size() > errorsBefore) {
         printError(m_errors.back());
         const QString why = plainReason(m_errors.back());
@@ -108,10 +120,20 @@ bool Console::connectToRobot()
     return false;
 }
 
+bool Console::ensureConnected()
+{
+    if (m_connected)
+        return true;
+    if (m_manager)
+        return false; // one attempt per run
+    return start() && connectToRobot();
+}
+
 void Console::disconnectFromRobot()
 {
-    if (!m_manager)
+    if (!m_manager || !m_connected)
         return;
+    m_connected = false;
     m_manager->disconnectBroker();
     // The worker closes the session after disconnected(): wait for it, so that
     // the robot sees a goodbye rather than a vanished peer.

@@ -25,6 +25,19 @@ struct Options
     bool embedded = true;
     QString command;
     QStringList arguments;
+    // --json: data goes to standard output as JSON, and every human line
+    // (connecting, disconnected) to standard error.
+    bool json = false;
+    // Standard output is a terminal: progress and tables are redrawn in place.
+    bool terminal = false;
+    // The connection's own time limits (readiness, the two-way test, polling).
+    RK::ConnectionTiming timing;
+    // How long a command waits, in milliseconds, for an answer the robot
+    // owes it at once, for a behaviour to start, and for a cancelled
+    // operation to end.
+    int answerMs = 10000;
+    int startMs = 15000;
+    int cancelMs = 500;
 };
 
 // What every command works with: the manager, the output streams, the robot
@@ -32,7 +45,8 @@ struct Options
 class Console
 {
 public:
-    Console(Options options, QTextStream &out, QTextStream &err);
+    // `in` is read by the commands that ask the user (record --interactive).
+    Console(Options options, QTextStream &out, QTextStream &err, QTextStream *in = nullptr);
     ~Console();
     Console(const Console &) = delete;
     Console &operator=(const Console &) = delete;
@@ -42,6 +56,10 @@ public:
     bool start();
     // Connects with a progress line. On failure prints the error and returns false.
     bool connectToRobot();
+    // Starts and connects on first use, so that a command reads its
+    // arguments before anything reaches the robot; true once connected.
+    bool ensureConnected();
+    bool connected() const { return m_connected; }
     // Asks for the disconnection and waits until the worker has closed the session.
     void disconnectFromRobot();
 
@@ -49,6 +67,11 @@ public:
     const Options &options() const { return m_options; }
     QTextStream &out() { return m_out; }
     QTextStream &err() { return m_err; }
+    // Where human lines go: standard error when the output is JSON.
+    QTextStream &info() { return m_options.json ? m_err : m_out; }
+    QTextStream *in() { return m_in; }
+    bool json() const { return m_options.json; }
+    void setJson(bool on) { m_options.json = on; }
     sim::Robot *embeddedRobot() const { return m_robot.get(); }
 
     // Outcome of the two-way test, once connectionTested has come.
@@ -79,6 +102,8 @@ private:
     Options m_options;
     QTextStream &m_out;
     QTextStream &m_err;
+    QTextStream *m_in;
+    bool m_connected = false;
     std::unique_ptr<sim::Robot> m_robot;
     std::unique_ptr<RK::ConnectionManager> m_manager;
     bool m_tested = false;

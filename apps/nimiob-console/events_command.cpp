@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/sartel_module.h>
 
@@ -8,55 +7,34 @@
 #include <QSet>
 
 #include <algorithm>
-#include <csignal>
 
 namespace console {
-
-namespace {
-
-volatile std::sig_atomic_t g_eventsInterrupted = 0;
-
-void onEventsInterrupt(int)
-{
-    g_eventsInterrupted = 1;
-}
-
-} // namespace
 
 // Subscribes micro events through the desktop module and prints each one as
 // it arrives, until Ctrl-C or --for.
 int eventsCommand(Console &console, const QStringList &arguments)
 {
-    QStringList keys;
-    int forSeconds = 0;
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QString &arg = arguments.at(i);
-        if (arg == QLatin1String("--for")) {
-            bool ok = false;
-            forSeconds = i + 1 < arguments.size() ? arguments.at(i + 1).toInt(&ok) : 0;
-            if (!ok || forSeconds < 1 || forSeconds > 86400) {
-                console.err() << "error: --for wants a whole number of seconds from 1" << Qt::endl;
-                return ExitUsage;
-            }
-            ++i;
-        } else if (arg.startsWith(QLatin1String("--"))) {
-            console.err() << "error: events has no option " << arg << Qt::endl;
-            return ExitUsage;
-        } else {
-            keys << arg;
-        }
+    Arguments args(console, "events", arguments);
+    int forMs = 0;
+    args.duration("for", forMs);
+    const QStringList keys = args.positional();
+    if (keys.isEmpty())
+        args.fail(QStringLiteral("events wants at least one event name"));
+    for (const QString &key : keys) {
+        if (key.trimmed().isEmpty())
+            args.fail(QStringLiteral("an event name cannot be empty"));
     }
-    if (keys.isEmpty()) {
-        console.err() << "error: events wants at least one event name" << Qt::endl;
-        return ExitUsage;
-    }
-    RK::ConnectionManager &manager = console.manager();
-    const boost::shared_ptr<RK::SartelModuleInterface> module = manager.sartelModuleInterface();
-    if (!module) {
-        console.err() << "error: the connection has no desktop module" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXMemory"}, "events"))
+        return status;
+    const boost::shared_ptr<RK::SartelModuleInterface> module
+        = console.manager().sartelModuleInterface();
+    if (!module)
+        return missing(console, "VXSartel", "events");
     QTextStream &out = console.out();
+    Waiter waiter(console);
+    waiter.observe(module->executerObject(), QStringLiteral("VXMemory"));
 
     // The module's stream carries every event the desktop follows; only
     // those asked for are printed.
@@ -65,42 +43,46 @@ int eventsCommand(Console &console, const QStringList &arguments)
     for (const QString &key : keys)
         width = std::max(width, int(key.size()));
     int received = 0;
-    bool lost = false;
     QObject receiver;
     QObject::connect(module.get(), &RK::SartelModuleInterface::dataSubscribedChanged, &receiver,
                      [&](const QString &name, const VX::VXValue &value) {
                          if (!wanted.contains(name))
                              return;
                          ++received;
-                         out << QDateTime::currentDateTime().toString(
-                             QStringLiteral("HH:mm:ss.zzz"))
-                             << "  " << name.leftJustified(width) << "  "
-                             << QString::fromUtf8(value.toString(1).c_str()) << Qt::endl;
+                         const QDateTime now = QDateTime::currentDateTime();
+                         const QString text = QString::fromUtf8(value.toString(1).c_str());
+                         if (console.json()) {
+                             printJsonLine(
+                                 console,
+                                 {{QStringLiteral("time"), now.toMSecsSinceEpoch() / 1000.0},
+                                  {QStringLiteral("event"), name},
+                                  {QStringLiteral("value"), text}});
+                             return;
+                         }
+                         out << now.toString(QStringLiteral("HH:mm:ss.zzz")) << "  "
+                             << name.leftJustified(width) << "  " << text << Qt::endl;
                      });
+    bool letGo = false;
     QObject::connect(module.get(), &RK::SartelModuleInterface::disconnectRequested, &receiver,
-                     [&out] { out << "The robot let this desktop go." << Qt::endl; });
-    QObject::connect(&manager, &RK::ConnectionManager::disconnected, &receiver,
-                     [&lost] { lost = true; });
+                     [&] { letGo = true; });
 
     emit module->subscribeToMicroEventsRequested(keys);
-    out << "Following " << keys.join(QStringLiteral(", ")) << "; "
-        << (forSeconds > 0 ? QStringLiteral("for %1 s").arg(forSeconds)
-                           : QStringLiteral("Ctrl-C to stop"))
-        << Qt::endl;
+    console.info() << "Following " << keys.join(QStringLiteral(", ")) << "; "
+                   << (forMs > 0 ? QStringLiteral("for %1 s").arg(forMs / 1000.0)
+                                 : QStringLiteral("Ctrl-C to stop"))
+                   << Qt::endl;
 
-    g_eventsInterrupted = 0;
-    const auto previous = std::signal(SIGINT, onEventsInterrupt);
-    console.waitUntil([&] { return g_eventsInterrupted != 0 || lost; },
-                      forSeconds > 0 ? forSeconds * 1000 : 86400000);
-    std::signal(SIGINT, previous);
-    if (lost) {
-        console.err() << "error: the connection was lost" << Qt::endl;
+    const Outcome outcome = waiter.wait([&] { return letGo; }, forMs > 0 ? forMs : -1);
+    if (outcome == Outcome::Done) {
+        console.err() << "error: the robot let this desktop go" << Qt::endl;
         return ExitNoConnection;
     }
+    if (outcome != Outcome::TimedOut && outcome != Outcome::Interrupted)
+        return waiter.fail(outcome, QStringLiteral("events"));
     emit module->unsubscribeToMicroEventsRequested(keys);
-    out << (g_eventsInterrupted ? "Interrupted" : "Done") << " after " << received << " event(s)."
-        << Qt::endl;
-    return ExitOk;
+    console.info() << (outcome == Outcome::Interrupted ? "Interrupted" : "Done") << " after "
+                   << received << " event(s)." << Qt::endl;
+    return outcome == Outcome::Interrupted ? ExitInterrupted : ExitOk;
 }
 
 } // namespace console

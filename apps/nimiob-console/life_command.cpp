@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/autonomous_life_interface.h>
 
@@ -44,35 +43,35 @@ QString errorText(const QFuture<void> &future)
 // focus to a behaviour; then shows the change as the robot reports it.
 int lifeCommand(Console &console, const QStringList &arguments)
 {
-    QString newState;
+    Arguments args(console, "life", arguments);
     QString focus;
-    if (arguments.size() == 2 && arguments.first() == QLatin1String("--focus")) {
-        focus = arguments.at(1);
-    } else if (arguments.size() == 1 && !arguments.first().startsWith(QLatin1String("--"))) {
-        newState = arguments.first();
-    } else if (!arguments.isEmpty()) {
-        console.err() << "error: life takes STATE or --focus NAME" << Qt::endl;
-        return ExitUsage;
-    }
+    args.option("focus", focus);
+    const QStringList words = args.positional();
+    if (words.size() > 1 || (!focus.isEmpty() && !words.isEmpty()))
+        args.fail(QStringLiteral("life takes STATE or --focus NAME"));
+    const QString newState = words.value(0);
     RK::LifeState target = RK::LifeStateUnknown;
     if (!newState.isEmpty()) {
         target = RK::AutonomousLifeInterface::stateFromString(newState.toStdString());
-        if (target == RK::LifeStateUnknown) {
-            console.err() << "error: a life state is disabled, solitary, interactive or reflex"
-                          << Qt::endl;
-            return ExitUsage;
-        }
+        if (target == RK::LifeStateUnknown)
+            args.fail(QStringLiteral("a life state is disabled, solitary, interactive or reflex"));
     }
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {}, "life"))
+        return status;
     const boost::shared_ptr<RK::AutonomousLifeInterface> life
         = console.manager().autonomousLifeInterface();
-    if (!life) {
-        console.err() << "error: this robot has no VXAutonomousLife" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!life)
+        return missing(console, "VXAutonomousLife", "life");
+    Waiter waiter(console);
+    const int answerMs = console.options().answerMs;
     QTextStream &out = console.out();
-    QFuture<RK::LifeState> state = life->state();
-    console.waitUntil([&] { return state.isFinished(); }, 10000);
-    const RK::LifeState before = state.isFinished() ? state.result() : RK::LifeStateUnknown;
+    const QFuture<RK::LifeState> state = life->state();
+    Outcome outcome = waiter.await(state, answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the life state"));
+    const RK::LifeState before = state.result();
     out << "Life state: " << stateText(before) << Qt::endl;
     if (newState.isEmpty() && focus.isEmpty())
         return ExitOk;
@@ -82,11 +81,14 @@ int lifeCommand(Console &console, const QStringList &arguments)
     QObject::connect(life.get(), &RK::AutonomousLifeInterface::stateChanged, &receiver,
                      [&](RK::LifeState s) { reported << s; });
     if (!focus.isEmpty()) {
-        QFuture<void> switched = life->switchFocus(focus);
-        console.waitUntil([&] { return switched.isFinished(); }, 10000);
+        const QFuture<void> switched = life->switchFocus(focus);
+        outcome = waiter.await(switched, answerMs);
+        if (outcome != Outcome::Done)
+            return waiter.fail(outcome, QStringLiteral("the focus switch"));
         const QString error = errorText(switched);
         if (!error.isEmpty()) {
-            out << "Focus switch to " << focus << " failed: " << error << Qt::endl;
+            console.err() << "error: the focus switch to " << focus << " failed: " << error
+                          << Qt::endl;
             return ExitCommandFailed;
         }
         out << "Focus on " << focus << Qt::endl;
@@ -96,13 +98,24 @@ int lifeCommand(Console &console, const QStringList &arguments)
         out << "Already " << newState << Qt::endl;
         return ExitOk;
     }
-    QFuture<void> set = life->setState(target);
-    if (!console.waitUntil([&] { return !reported.isEmpty(); }, 5000)) {
-        out << "The robot did not report a change (a refusal is in the log)" << Qt::endl;
+    const QFuture<void> set = life->setState(target);
+    outcome = waiter.await(set, answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the life state change"));
+    const QString error = errorText(set);
+    if (!error.isEmpty()) {
+        console.err() << "error: the robot refused " << newState << ": " << error << Qt::endl;
         return ExitCommandFailed;
     }
+    outcome = waiter.wait([&] { return !reported.isEmpty(); }, answerMs);
+    if (outcome == Outcome::TimedOut) {
+        console.err() << "error: the robot did not report a change to " << newState << Qt::endl;
+        return ExitCommandFailed;
+    }
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the life state change"));
     out << "Robot reports: " << stateText(reported.first()) << Qt::endl;
-    return ExitOk;
+    return reported.first() == target ? ExitOk : ExitCommandFailed;
 }
 
 } // namespace console

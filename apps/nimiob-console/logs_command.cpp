@@ -1,26 +1,18 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/log_listener_interface.h>
 
+#pragma push_macro("signals")
+#undef signals
 #include <sim/device_services.h>
 #include <sim/robot.h>
+#pragma pop_macro("signals")
 
 #include <wz/log.h>
-
-#include <csignal>
-#include <cstdio>
 
 namespace console {
 
 namespace {
-
-volatile std::sig_atomic_t g_logsInterrupted = 0;
-
-void onLogsInterrupt(int)
-{
-    g_logsInterrupted = 1;
-}
 
 bool parseLevel(const QString &text, wz::LogLevel &level)
 {
@@ -38,52 +30,39 @@ bool parseLevel(const QString &text, wz::LogLevel &level)
 // then prints each message as level, category and text, and a count.
 int logsCommand(Console &console, const QStringList &arguments)
 {
+    Arguments args(console, "logs", arguments);
+    const bool clear = args.flag("clear");
+    int forMs = 0;
+    args.duration("for", forMs);
+    QString text;
     bool setLevel = false;
     wz::LogLevel level = wz::LogLevel_Info;
+    if (args.option("level", text)) {
+        setLevel = true;
+        if (!parseLevel(text, level))
+            args.fail(QStringLiteral("--level wants 0 (silent) to 6 (debug)"));
+    }
     QList<QPair<QString, wz::LogLevel>> filters;
-    bool clear = false;
-    int forSeconds = 0;
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QString &arg = arguments.at(i);
-        const QString value = i + 1 < arguments.size() ? arguments.at(i + 1) : QString();
-        if (arg == QLatin1String("--level")) {
-            if (!parseLevel(value, level)) {
-                console.err() << "error: --level wants 0 (silent) to 6 (debug)" << Qt::endl;
-                return ExitUsage;
-            }
-            setLevel = true;
-            ++i;
-        } else if (arg == QLatin1String("--filter")) {
-            const int eq = value.lastIndexOf(QLatin1Char('='));
-            wz::LogLevel filterLevel;
-            if (eq <= 0 || !parseLevel(value.mid(eq + 1), filterLevel)) {
-                console.err() << "error: --filter wants CATEGORY=LEVEL, LEVEL from 0 to 6"
-                              << Qt::endl;
-                return ExitUsage;
-            }
-            filters.append({value.left(eq), filterLevel});
-            ++i;
-        } else if (arg == QLatin1String("--clear")) {
-            clear = true;
-        } else if (arg == QLatin1String("--for")) {
-            bool ok = false;
-            forSeconds = value.toInt(&ok);
-            if (!ok || forSeconds < 1 || forSeconds > 86400) {
-                console.err() << "error: --for wants a whole number of seconds from 1" << Qt::endl;
-                return ExitUsage;
-            }
-            ++i;
-        } else {
-            console.err() << "error: logs has no argument " << arg << Qt::endl;
-            return ExitUsage;
+    while (args.option("filter", text)) {
+        const int eq = text.lastIndexOf(QLatin1Char('='));
+        wz::LogLevel filterLevel;
+        if (eq <= 0 || !parseLevel(text.mid(eq + 1), filterLevel)) {
+            args.fail(QStringLiteral("--filter wants CATEGORY=LEVEL, LEVEL from 0 to 6"));
+            break;
         }
+        filters.append({text.left(eq), filterLevel});
     }
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"LogManager"}, "logs"))
+        return status;
     const auto logs = console.manager().logListenerInterface();
-    if (!logs) {
-        console.err() << "error: the connection has no log listener" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!logs)
+        return missing(console, "LogManager", "logs");
     QTextStream &out = console.out();
+    QTextStream &info = console.info();
+    Waiter waiter(console);
+    waiter.observe(logs->executerObject(), QStringLiteral("LogManager"));
 
     // The embedded robot's log is this process's: its listener sees only
     // what passes the process's level, and this process's own standard
@@ -95,40 +74,51 @@ int logsCommand(Console &console, const QStringList &arguments)
         wz::log::setStderrEnabled(false);
         if (auto *manager = robot->serviceAs<sim::LogManagerService>("LogManager")) {
             manager->setChatter({10, "sim.chatter", wz::LogLevel_Info});
-            out << "Embedded robot: chatter at 10 messages/s in sim.chatter" << Qt::endl;
+            info << "Embedded robot: chatter at 10 messages/s in sim.chatter" << Qt::endl;
         }
     }
 
+    const int answerMs = console.options().answerMs;
+    Outcome outcome = Outcome::Done;
     if (clear)
-        logs->clearFilters().waitForFinished();
-    if (setLevel)
-        logs->setLogLevel(level).waitForFinished();
-    for (const auto &f : filters)
-        logs->setCategory(f.first, f.second).waitForFinished();
-    out << "Robot verbosity " << int(logs->logLevel().result()) << Qt::endl;
-
+        outcome = waiter.await(logs->clearFilters(), answerMs);
+    if (setLevel && outcome == Outcome::Done)
+        outcome = waiter.await(logs->setLogLevel(level), answerMs);
+    for (const auto &f : filters) {
+        if (outcome == Outcome::Done)
+            outcome = waiter.await(logs->setCategory(f.first, f.second), answerMs);
+    }
+    QFuture<wz::LogLevel> verbosity = logs->logLevel();
+    if (outcome == Outcome::Done)
+        outcome = waiter.await(verbosity, answerMs);
     int received = 0;
-    bool lost = false;
     QObject receiver;
-    QObject::connect(logs.get(), &RK::LogListenerInterface::onLogMessageReceived, &receiver,
-                     [&](const wz::LogMessage &m) {
-                         ++received;
-                         out << QString::fromLatin1(wz::logLevelName(m.level)).leftJustified(8)
-                             << QString::fromUtf8(m.category.c_str()) << ": "
-                             << QString::fromUtf8(m.message.c_str()) << Qt::endl;
-                     });
-    QObject::connect(&console.manager(), &RK::ConnectionManager::disconnected, &receiver,
-                     [&lost] { lost = true; });
-    out << "Following the robot's log; "
-        << (forSeconds > 0 ? QStringLiteral("for %1 s").arg(forSeconds)
+    const bool setUp = outcome == Outcome::Done;
+    if (setUp) {
+        info << "Robot verbosity " << int(verbosity.result()) << Qt::endl;
+        QObject::connect(logs.get(), &RK::LogListenerInterface::onLogMessageReceived, &receiver,
+                         [&](const wz::LogMessage &m) {
+                             ++received;
+                             const QString level = QString::fromLatin1(wz::logLevelName(m.level));
+                             const QString category = QString::fromUtf8(m.category.c_str());
+                             const QString message = QString::fromUtf8(m.message.c_str());
+                             if (console.json()) {
+                                 printJsonLine(console,
+                                               {{QStringLiteral("level"), level},
+                                                {QStringLiteral("category"), category},
+                                                {QStringLiteral("message"), message}});
+                                 return;
+                             }
+                             out << level.leftJustified(8) << category << ": " << message
+                                 << Qt::endl;
+                         });
+        info << "Following the robot's log; "
+             << (forMs > 0 ? QStringLiteral("for %1 s").arg(forMs / 1000.0)
                            : QStringLiteral("Ctrl-C to stop"))
-        << Qt::endl;
-    g_logsInterrupted = 0;
-    const auto previous = std::signal(SIGINT, onLogsInterrupt);
-    console.waitUntil([&] { return g_logsInterrupted != 0 || lost; },
-                      forSeconds > 0 ? forSeconds * 1000 : 86400000);
-    std::signal(SIGINT, previous);
-    QObject::disconnect(logs.get(), nullptr, &receiver, nullptr);
+             << Qt::endl;
+        outcome = waiter.wait([] { return false; }, forMs > 0 ? forMs : -1);
+        QObject::disconnect(logs.get(), nullptr, &receiver, nullptr);
+    }
 
     if (sim::Robot *robot = console.embeddedRobot()) {
         if (auto *manager = robot->serviceAs<sim::LogManagerService>("LogManager"))
@@ -136,12 +126,13 @@ int logsCommand(Console &console, const QStringList &arguments)
         wz::log::setStderrEnabled(true);
         wz::log::setLogLevel(processLevel);
     }
-    out << received << " message(s)." << Qt::endl;
-    if (lost) {
-        console.err() << "error: the connection was lost" << Qt::endl;
-        return ExitNoConnection;
+    if (!setUp)
+        return waiter.fail(outcome, QStringLiteral("the robot's log settings"));
+    if (outcome == Outcome::TimedOut || outcome == Outcome::Interrupted) {
+        info << received << " message(s)." << Qt::endl;
+        return outcome == Outcome::Interrupted ? ExitInterrupted : ExitOk;
     }
-    return ExitOk;
+    return waiter.fail(outcome, QStringLiteral("the robot's log"));
 }
 
 } // namespace console

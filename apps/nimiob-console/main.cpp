@@ -8,6 +8,8 @@
 
 #include <cstdio>
 
+#include <unistd.h>
+
 namespace {
 
 void usage(QTextStream &out)
@@ -90,23 +92,15 @@ int main(int argc, char **argv)
     }
     options.command = args.takeFirst();
     options.arguments = args;
-    const console::Command *command = console::findCommand(options.command);
-    if (!command) {
-        err << "error: unknown command " << options.command << Qt::endl;
-        usage(err);
-        return console::ExitUsage;
-    }
+    options.terminal = isatty(fileno(stdout)) != 0;
 
     // Library and robot log lines would drown the report; --verbose shows them.
     wz::log::setLogLevel(verbose ? wz::LogLevel_Debug : wz::LogLevel_Error);
 
-    console::Console console(options, out, err);
-    if (!console.start())
-        return console::ExitNoConnection;
-    if (!console.connectToRobot())
-        return console::ExitNoConnection;
-    const int status = command->run(console, options.arguments);
-    console.disconnectFromRobot();
-    out << "Disconnected." << Qt::endl;
+    QTextStream in(stdin);
+    console::Console console(options, out, err, &in);
+    const int status = console::runCommand(console, options.command, options.arguments);
+    if (status == console::ExitUsage && !console::findCommand(options.command))
+        usage(err);
     return status;
 }

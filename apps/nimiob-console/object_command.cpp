@@ -9,33 +9,67 @@ using namespace perception;
 // One object of the robot's world: category, positions and every attribute.
 int objectCommand(Console &console, const QStringList &arguments)
 {
-    if (arguments.size() != 1 || arguments.first().startsWith(QLatin1String("--"))) {
-        console.err() << "error: object wants one object name" << Qt::endl;
-        return ExitUsage;
-    }
-    const QString name = arguments.first();
+    Arguments args(console, "object", arguments);
+    const QStringList words = args.positional();
+    if (words.size() != 1)
+        args.fail(QStringLiteral("object wants one object name"));
+    if (const int status = args.finish())
+        return status;
+    const QString name = words.first();
+    if (const int status = need(console, {"VXWorldRepresentation"}, "object"))
+        return status;
     const boost::shared_ptr<RK::WorldRepresentationInterface> world
         = console.manager().worldRepresentationInterface();
     if (!world)
-        return missingService(console, "world representation", "VXWorldRepresentation");
-    QTextStream &out = console.out();
+        return missing(console, "VXWorldRepresentation", "object");
+    Waiter waiter(console);
+    waiter.observe(world->executerObject(), QStringLiteral("VXWorldRepresentation"));
+    const int answerMs = console.options().answerMs;
+    Outcome outcome = Outcome::Done;
+    const auto ask = [&](const auto &future) { return answer(waiter, outcome, future, answerMs); };
 
     // Every object but the root has a parent; an empty answer means the
     // robot does not know the name (the log line says why).
-    const auto relative = await(console, world->objectPosition(name));
-    const QString category = await(console, world->objectCategory(name));
+    const auto relative = ask(world->objectPosition(name));
+    const QString category = ask(world->objectCategory(name));
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the object"));
     if (relative.first.isEmpty() && category.isEmpty()) {
         console.err() << "error: the robot knows no object \"" << name << "\"" << Qt::endl;
         return ExitCommandFailed;
     }
-    const auto absolute = await(console, world->objectAbsolutePosition(name));
+    const auto absolute = ask(world->objectAbsolutePosition(name));
+    const auto attributes = ask(world->objectAttributes(name));
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the object"));
+
+    if (console.json()) {
+        QJsonObject attributesJson;
+        for (auto attribute = attributes.begin(); attribute != attributes.end(); ++attribute) {
+            QJsonObject fields;
+            for (auto field = attribute.value().begin(); field != attribute.value().end(); ++field)
+                fields.insert(field.key(), valueText(field.value()));
+            attributesJson.insert(attribute.key(), fields);
+        }
+        QJsonObject relativeJson = displacementJson(relative.second);
+        relativeJson.insert(QStringLiteral("in"), relative.first);
+        QJsonObject absoluteJson = displacementJson(absolute.second);
+        absoluteJson.insert(QStringLiteral("in"), absolute.first);
+        printJson(console,
+                  {{QStringLiteral("name"), name},
+                   {QStringLiteral("category"), category},
+                   {QStringLiteral("relative"), relativeJson},
+                   {QStringLiteral("absolute"), absoluteJson},
+                   {QStringLiteral("attributes"), attributesJson}});
+        return ExitOk;
+    }
+    QTextStream &out = console.out();
     out << "Object     " << name << Qt::endl;
     out << "Category   " << category << Qt::endl;
     out << "Relative   in " << relative.first << ": " << displacementText(relative.second)
         << Qt::endl;
     out << "Absolute   in " << absolute.first << ": " << displacementText(absolute.second)
         << Qt::endl;
-    const auto attributes = await(console, world->objectAttributes(name));
     if (attributes.isEmpty())
         out << "Attributes none" << Qt::endl;
     for (auto attribute = attributes.begin(); attribute != attributes.end(); ++attribute) {

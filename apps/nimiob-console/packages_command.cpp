@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/package_manager_interface.h>
 
@@ -10,22 +9,22 @@ namespace console {
 // Lists the installed packages: uuid, version, name.
 int packagesCommand(Console &console, const QStringList &arguments)
 {
-    if (!arguments.isEmpty()) {
-        console.err() << "error: packages takes no argument" << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "packages", arguments);
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"PackageManager"}, "packages"))
+        return status;
     const auto packages = console.manager().packageManagerInterface();
-    if (!packages) {
-        console.err() << "error: the robot has no package manager" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!packages)
+        return missing(console, "PackageManager", "packages");
+    Waiter waiter(console);
+    waiter.observe(packages->executerObject(), QStringLiteral("PackageManager"));
     const QFuture<QVector<wz::PackageInfo>> future = packages->getPackages();
-    console.waitUntil([&] { return future.isFinished(); }, 60000);
-    if (!future.isFinished()) {
-        console.err() << "error: no answer from the package manager" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    const Outcome outcome = waiter.await(future, console.options().answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the package list"));
     const QVector<wz::PackageInfo> all = future.result();
+    QJsonArray list;
     for (const wz::PackageInfo &p : all) {
         QString name;
         try {
@@ -33,11 +32,20 @@ int packagesCommand(Console &console, const QStringList &arguments)
         } catch (const std::exception &) {
             name = QStringLiteral("?");
         }
-        console.out() << QString::fromStdString(p.uuid()).leftJustified(30) << "  "
-                      << QString::fromStdString(p.version()).leftJustified(10) << "  " << name
-                      << Qt::endl;
+        const QString uuid = QString::fromStdString(p.uuid());
+        const QString version = QString::fromStdString(p.version());
+        if (console.json())
+            list.append(QJsonObject {{QStringLiteral("uuid"), uuid},
+                                     {QStringLiteral("version"), version},
+                                     {QStringLiteral("name"), name}});
+        else
+            console.out() << uuid.leftJustified(30) << "  " << version.leftJustified(10) << "  "
+                          << name << Qt::endl;
     }
-    console.out() << all.size() << " package(s)" << Qt::endl;
+    if (console.json())
+        printJson(console, {{QStringLiteral("packages"), list}});
+    else
+        console.out() << all.size() << " package(s)" << Qt::endl;
     return ExitOk;
 }
 

@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/connection.h>
 #include <connection/platform.h>
@@ -9,23 +8,12 @@
 #include <QObject>
 #include <QTimer>
 
-#include <csignal>
-#include <cstdio>
 #include <string>
 #include <vector>
-
-#include <unistd.h>
 
 namespace console {
 
 namespace {
-
-volatile std::sig_atomic_t g_poseInterrupted = 0;
-
-void onPoseInterrupt(int)
-{
-    g_poseInterrupted = 1;
-}
 
 // The latest pose reports, by joint, in the robot's order.
 struct PoseTable
@@ -71,36 +59,25 @@ struct PoseTable
         }
         return out;
     }
-};
 
-struct PoseOptions
-{
-    int forSeconds = 5;
-    bool wake = false;
-};
-
-bool parse(const QStringList &arguments, PoseOptions &options, QTextStream &err)
-{
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QString &arg = arguments.at(i);
-        if (arg == QLatin1String("--wake")) {
-            options.wake = true;
-        } else if (arg == QLatin1String("--for")) {
-            bool ok = false;
-            const int value = i + 1 < arguments.size() ? arguments.at(i + 1).toInt(&ok) : 0;
-            if (!ok || value < 1 || value > 86400) {
-                err << "error: --for wants a whole number of seconds from 1" << Qt::endl;
-                return false;
-            }
-            options.forSeconds = value;
-            ++i;
-        } else {
-            err << "error: pose takes --for SECONDS and --wake, not " << arg << Qt::endl;
-            return false;
+    QJsonObject json(double seconds) const
+    {
+        QJsonArray rows;
+        for (size_t i = 0; i < joints.size(); ++i) {
+            rows.append(QJsonObject {
+                {QStringLiteral("joint"), QString::fromStdString(joints[i])},
+                {QStringLiteral("angle"),
+                 i < angles.size() ? QJsonValue(double(angles[i])) : QJsonValue()},
+                {QStringLiteral("stiffness"),
+                 i < stiffnesses.size() ? QJsonValue(double(stiffnesses[i])) : QJsonValue()}});
         }
+        return {{QStringLiteral("awake"), awakeKnown ? QJsonValue(awake) : QJsonValue()},
+                {QStringLiteral("angleReports"), angleReports},
+                {QStringLiteral("stiffnessReports"), stiffnessReports},
+                {QStringLiteral("seconds"), seconds},
+                {QStringLiteral("joints"), rows}};
     }
-    return true;
-}
+};
 
 } // namespace
 
@@ -108,20 +85,27 @@ bool parse(const QStringList &arguments, PoseOptions &options, QTextStream &err)
 // polls them, redrawn in place on a terminal; elsewhere the last table only.
 int poseCommand(Console &console, const QStringList &arguments)
 {
-    PoseOptions options;
-    if (!parse(arguments, options, console.err()))
-        return ExitUsage;
+    Arguments args(console, "pose", arguments);
+    const bool wake = args.flag("wake");
+    int forMs = 5000;
+    args.duration("for", forMs);
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXMotion"}, "pose"))
+        return status;
     RK::ConnectionManager &manager = console.manager();
     const boost::shared_ptr<RK::SartelModuleInterface> module = manager.sartelModuleInterface();
-    if (!module) {
-        console.err() << "error: the connection has no desktop module" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    const boost::shared_ptr<RK::Connection> connection = manager.currentConnection();
+    const boost::shared_ptr<VX::VXMotionProxy> motion
+        = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
+    if (!module || !motion)
+        return missing(console, "VXMotion", "pose");
     QTextStream &out = console.out();
-    const bool terminal = isatty(fileno(stdout)) != 0;
+    const bool terminal = console.options().terminal && !console.json();
+    Waiter waiter(console);
+    waiter.observe(module->executerObject(), QStringLiteral("VXMotion"));
 
     PoseTable table;
-    bool lost = false;
     QObject receiver;
     using I = RK::SartelModuleInterface;
     QObject::connect(
@@ -142,25 +126,17 @@ int poseCommand(Console &console, const QStringList &arguments)
         table.awakeKnown = true;
         table.awake = awake;
     });
-    QObject::connect(module.get(), &I::connectionLost, &receiver, [&lost] { lost = true; });
-    QObject::connect(&manager, &RK::ConnectionManager::disconnected, &receiver,
-                     [&lost] { lost = true; });
+    bool moduleLost = false;
+    QObject::connect(module.get(), &I::connectionLost, &receiver, [&] { moduleLost = true; });
 
-    if (options.wake) {
-        const boost::shared_ptr<RK::Connection> connection = manager.currentConnection();
-        const boost::shared_ptr<VX::VXMotionProxy> motion
-            = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
-        if (!motion) {
-            console.err() << "error: the robot has no motion service to wake up" << Qt::endl;
-            return ExitCommandFailed;
-        }
+    if (wake) {
         try {
             motion->post.wakeUp();
         } catch (const std::exception &e) {
             console.err() << "error: wakeUp could not be sent: " << e.what() << Qt::endl;
             return ExitCommandFailed;
         }
-        out << "Waking the robot up." << Qt::endl;
+        console.info() << "Waking the robot up." << Qt::endl;
     }
 
     module->robotPoseUpdateNeeded(true);
@@ -181,25 +157,30 @@ int poseCommand(Console &console, const QStringList &arguments)
         QObject::connect(&redraw, &QTimer::timeout, draw);
         redraw.start(200);
     }
-
-    g_poseInterrupted = 0;
-    const auto previous = std::signal(SIGINT, onPoseInterrupt);
-    console.waitUntil([&] { return g_poseInterrupted != 0 || (lost && table.joints.empty()); },
-                      options.forSeconds * 1000);
-    std::signal(SIGINT, previous);
+    const Outcome outcome = waiter.wait([&] { return moduleLost; }, forMs);
     redraw.stop();
+    if (outcome == Outcome::Done || outcome == Outcome::Lost) {
+        // A table of the last poses before a loss would look current.
+        console.err() << "error: the connection to the robot was lost after "
+                      << QString::number(elapsed.elapsed() / 1000.0, 'f', 1) << " s" << Qt::endl;
+        return ExitNoConnection;
+    }
     module->robotPoseUpdateNeeded(false);
+    if (outcome == Outcome::Failed)
+        return waiter.fail(outcome, QStringLiteral("poses"));
 
-    if (terminal)
+    const double seconds = elapsed.elapsed() / 1000.0;
+    if (console.json())
+        printJson(console, table.json(seconds));
+    else if (terminal)
         draw();
     else
-        out << table.lines(elapsed.elapsed() / 1000.0).join(QLatin1Char('\n')) << Qt::endl;
+        out << table.lines(seconds).join(QLatin1Char('\n')) << Qt::endl;
     if (table.joints.empty()) {
-        console.err() << "error: no pose came from the robot"
-                      << (lost ? " (the robot stopped answering)" : "") << Qt::endl;
+        console.err() << "error: no pose came from the robot" << Qt::endl;
         return ExitCommandFailed;
     }
-    return ExitOk;
+    return outcome == Outcome::Interrupted ? ExitInterrupted : ExitOk;
 }
 
 } // namespace console

@@ -1,104 +1,148 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
+#include <connection/connection.h>
+#include <connection/platform.h>
 #include <connection/recorder_module.h>
 
 #include <QObject>
-
-#pragma push_macro("signals")
-#undef signals
-#include <sim/motion_recorder_service.h>
-#include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <string>
 #include <vector>
 
 namespace console {
 
-// Records poses of some joints: periodically (every 0.2 s), or interactively,
-// a pose each time the robot is asked to store one (the embedded robot is
-// asked once a second). Prints the steps as they come, then the poses.
-int recordCommand(Console &console, const QStringList &arguments)
+namespace {
+
+constexpr double kTimeStepS = 0.2;
+
+// One pose each time the user says so: the console reads the joints itself,
+// so that this works on any robot with VXMotion, with or without a button
+// or a recorder that asks for poses.
+int recordByHand(Console &console, const std::vector<std::string> &joints, int poses)
 {
-    std::vector<std::string> joints;
-    int poses = 5;
-    bool interactive = false;
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QString &arg = arguments.at(i);
-        bool ok = true;
-        if (arg == QLatin1String("--interactive")) {
-            interactive = true;
-        } else if (arg == QLatin1String("--joints") && i + 1 < arguments.size()) {
-            for (const QString &j : arguments.at(++i).split(QLatin1Char(','), Qt::SkipEmptyParts))
-                joints.push_back(j.toStdString());
-        } else if (arg == QLatin1String("--poses") && i + 1 < arguments.size()) {
-            poses = arguments.at(++i).toInt(&ok);
-            ok = ok && poses >= 1 && poses <= 10000;
-        } else {
-            ok = false;
-        }
-        if (!ok) {
-            console.err() << "error: record takes --joints A,B [--poses N] [--interactive]"
-                          << Qt::endl;
-            return ExitUsage;
-        }
-    }
-    if (joints.empty()) {
-        console.err() << "error: record needs --joints" << Qt::endl;
+    QTextStream *in = console.in();
+    if (!in) {
+        console.err() << "error: --interactive needs someone at the keyboard" << Qt::endl;
         return ExitUsage;
     }
-    QStringList jointNames;
-    for (const std::string &joint : joints)
-        jointNames << QString::fromStdString(joint);
-    if (!console.checkJoints(jointNames))
-        return ExitCommandFailed;
-    const boost::shared_ptr<RK::VXSartelRecorder> recorder = console.manager().recorderModule();
-    if (!recorder) {
-        console.err() << "error: the connection has no recorder module" << Qt::endl;
+    const boost::shared_ptr<RK::Connection> connection = console.manager().currentConnection();
+    const boost::shared_ptr<VX::VXMotionProxy> motion
+        = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
+    if (!motion)
+        return missing(console, "VXMotion", "record");
+    QTextStream &out = console.out();
+    const VX::VXValue names(joints);
+    std::vector<VX::VXValue> recorded;
+    for (int i = 0; i < poses; ++i) {
+        out << "pose " << i + 1 << "/" << poses
+            << ": place the robot, then press Enter (q and Enter to stop)" << Qt::endl;
+        const QString line = in->readLine();
+        if (InterruptScope::requested())
+            return ExitInterrupted;
+        if (line.isNull() || line.trimmed() == QLatin1String("q"))
+            break;
+        std::vector<float> angles;
+        try {
+            angles = motion->getAngles(names, true);
+        } catch (const std::exception &e) {
+            if (!console.manager().isConnected()) {
+                console.err() << "error: the connection to the robot was lost" << Qt::endl;
+                return ExitNoConnection;
+            }
+            console.err() << "error: the joints could not be read: " << e.what() << Qt::endl;
+            return ExitCommandFailed;
+        }
+        QStringList shown;
+        for (size_t j = 0; j < angles.size() && j < joints.size(); ++j)
+            shown << QStringLiteral("%1=%2")
+                         .arg(QString::fromStdString(joints[j]))
+                         .arg(double(angles[j]), 0, 'f', 3);
+        out << "stored " << shown.join(QLatin1Char(' ')) << Qt::endl;
+        recorded.emplace_back(angles);
+    }
+    if (recorded.empty()) {
+        console.err() << "error: no pose was recorded" << Qt::endl;
         return ExitCommandFailed;
     }
+    out << "Recording: " << QString::fromStdString(VX::VXValue(recorded).toString(1)) << Qt::endl;
+    return ExitOk;
+}
+
+} // namespace
+
+// Records poses of some joints: periodically (every 0.2 s) on the robot's
+// recorder, or one at each Enter, read by the console itself. Prints the
+// steps as they come, then the poses.
+int recordCommand(Console &console, const QStringList &arguments)
+{
+    Arguments args(console, "record", arguments);
+    const bool interactive = args.flag("interactive");
+    QString jointList;
+    if (!args.option("joints", jointList))
+        args.fail(QStringLiteral("record needs --joints A,B"));
+    int poses = 5;
+    args.number("poses", poses, 1, 10000);
+    std::vector<std::string> joints;
+    QStringList jointNames;
+    for (const QString &j : jointList.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        joints.push_back(j.toUtf8().toStdString());
+        jointNames << j;
+    }
+    if (joints.empty())
+        args.fail(QStringLiteral("--joints wants joint names, separated by commas"));
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXMotion"}, "record"))
+        return status;
+    if (!console.checkJoints(jointNames))
+        return ExitCommandFailed;
+    if (interactive)
+        return recordByHand(console, joints, poses);
+
+    if (const int status = need(console, {"VXMotionRecorder"}, "record"))
+        return status;
+    const boost::shared_ptr<RK::VXSartelRecorder> recorder = console.manager().recorderModule();
+    if (!recorder)
+        return missing(console, "VXMotionRecorder", "record");
+    Waiter waiter(console);
+    waiter.observe(recorder->executerObject(), QStringLiteral("VXMotionRecorder"));
     QObject receiver;
     bool stopped = false;
     bool received = false;
     VX::VXValue recording;
+    std::vector<Console::Error> dialogs;
     using R = RK::VXSartelRecorder;
     QObject::connect(recorder.get(), &R::stepReceived, &receiver,
                      [&](int step) { console.out() << "step " << step << Qt::endl; });
-    QObject::connect(recorder.get(), &R::storePositionRequested, &receiver,
-                     [&] { console.out() << "store requested" << Qt::endl; });
     QObject::connect(recorder.get(), &R::recordingStopped, &receiver, [&] { stopped = true; });
     QObject::connect(recorder.get(), &R::recordingReceived, &receiver,
                      [&](const VX::VXValue &value) {
                          recording = value;
                          received = true;
                      });
-    sim::MotionRecorderService *robotSide = console.embeddedRobot()
-        ? console.embeddedRobot()->serviceAs<sim::MotionRecorderService>("VXMotionRecorder")
-        : nullptr;
-    if (interactive) {
-        recorder->startToRecordInteractively(joints, poses, R::ModeDefault);
-        for (int i = 0; i < poses && robotSide && !stopped; ++i) {
-            console.waitUntil([&] { return stopped; }, 1000);
-            try {
-                robotSide->requestStorePosition();
-            } catch (const std::exception &e) {
-                console.err() << "error: " << e.what() << Qt::endl;
-            }
-        }
-    } else {
-        recorder->setTimeStep(0.2);
-        recorder->startToRecordPeriodically(joints, {}, VX::VXValue(), poses);
-    }
-    if (!console.waitUntil([&] { return stopped; }, 10000 + poses * 1000))
+    recorder->setTimeStep(kTimeStepS);
+    recorder->startToRecordPeriodically(joints, {}, VX::VXValue(), poses);
+    const int answerMs = console.options().answerMs;
+    Outcome outcome
+        = waiter.wait([&] { return stopped; }, int(poses * kTimeStepS * 1000) + answerMs);
+    if (outcome == Outcome::TimedOut)
         console.err() << "warning: the robot did not say that the recording ended" << Qt::endl;
+    else if (outcome != Outcome::Done && outcome != Outcome::Interrupted)
+        return waiter.fail(outcome, QStringLiteral("the recording"));
+    // Interrupted or not, what was recorded so far comes back.
+    const bool interrupted = outcome == Outcome::Interrupted;
     recorder->stopRecording();
-    if (!console.waitUntil([&] { return received; }, 10000)) {
+    outcome = waiter.drain(recorder->executerObject(), recorder.get(), answerMs);
+    if (outcome == Outcome::Interrupted && interrupted)
+        outcome = Outcome::Done;
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the recording"));
+    if (!received || !recording.isValid()) {
         console.err() << "error: no recording came back" << Qt::endl;
         return ExitCommandFailed;
     }
     console.out() << "Recording: " << QString::fromStdString(recording.toString(1)) << Qt::endl;
-    return ExitOk;
+    return interrupted ? ExitInterrupted : ExitOk;
 }
 
 } // namespace console

@@ -1,6 +1,4 @@
-#include "commands.h"
-#include "console.h"
-#include "device_support.h"
+#include "kit.h"
 
 #include <connection/animated_speech_interface.h>
 
@@ -12,29 +10,28 @@ namespace console {
 // waits until it has finished.
 int sayCommand(Console &console, const QStringList &arguments)
 {
-    bool animated = false;
-    QStringList words;
-    for (const QString &arg : arguments) {
-        if (arg == QLatin1String("--animated"))
-            animated = true;
-        else
-            words << arg;
-    }
-    const QString text = words.join(QLatin1Char(' '));
-    if (text.trimmed().isEmpty()) {
-        console.err() << "error: say wants a text" << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "say", arguments);
+    const bool animated = args.flag("animated");
+    const QString text = args.positional().join(QLatin1Char(' '));
+    if (text.trimmed().isEmpty())
+        args.fail(QStringLiteral("say wants a text"));
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXTextToSpeech"}, "say"))
+        return status;
     const auto speech = console.manager().animatedSpeechInterface();
-    if (!speech) {
-        console.err() << "error: the connection has no speech interface" << Qt::endl;
-        return ExitCommandFailed;
-    }
-    ExecuterErrors errors(speech->executerObject());
+    if (!speech)
+        return missing(console, animated ? "VXAnimatedSpeech" : "VXTextToSpeech", "say");
+    Waiter waiter(console);
+    waiter.observe(speech->executerObject(), QStringLiteral("VXTextToSpeech"));
     if (animated) {
-        const QStringList tags = speech->getTagList().result();
-        if (!tags.isEmpty())
-            console.out() << "Tags            " << tags.join(QStringLiteral(", ")) << Qt::endl;
+        const QFuture<QStringList> tags = speech->getTagList();
+        const Outcome outcome = waiter.await(tags, console.options().answerMs);
+        if (outcome != Outcome::Done)
+            return waiter.fail(outcome, QStringLiteral("the gesture tags"));
+        if (!tags.result().isEmpty())
+            console.out() << "Tags            " << tags.result().join(QStringLiteral(", "))
+                          << Qt::endl;
         speech->interpretText(text);
     } else {
         speech->startTest(text);
@@ -43,12 +40,9 @@ int sayCommand(Console &console, const QStringList &arguments)
     QElapsedTimer elapsed;
     elapsed.start();
     // Speaking holds the executer until the robot has finished.
-    if (!drainExecuter(console, speech->executerObject(), 120000)) {
-        console.err() << "error: the robot was still speaking after 120 s" << Qt::endl;
-        return ExitCommandFailed;
-    }
-    if (errors.print(console))
-        return ExitCommandFailed;
+    const Outcome outcome = waiter.drain(speech->executerObject(), speech.get(), -1);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the end of the speech"));
     console.out() << "Done in         " << QString::number(elapsed.elapsed() / 1000.0, 'f', 2)
                   << " s" << Qt::endl;
     return ExitOk;

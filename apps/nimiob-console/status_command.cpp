@@ -1,14 +1,9 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/connection.h>
 #include <connection/reconnection_manager.h>
 
-#include <csignal>
-#include <cstdio>
 #include <functional>
-
-#include <unistd.h>
 
 namespace console {
 
@@ -19,25 +14,18 @@ void row(QTextStream &out, const char *label, const QString &value)
     out << QString::fromLatin1(label).leftJustified(16) << value << Qt::endl;
 }
 
-volatile std::sig_atomic_t g_statusInterrupted = 0;
-
-void onStatusInterrupt(int)
-{
-    g_statusInterrupted = 1;
-}
-
 } // namespace
 
 // The report on the current connection; `tested` says when the two-way test
-// of this connection has come, `passed` its outcome.
-int report(Console &console, const std::function<bool()> &tested,
+// of this connection has come, `passed` its outcome. ExitCommandFailed when
+// the test failed or never ended: the robot cannot call this desktop back.
+int report(Console &console, Waiter &waiter, const std::function<bool()> &tested,
            const std::function<bool()> &passed)
 {
     RK::ConnectionManager &manager = console.manager();
-    QTextStream &out = console.out();
     const boost::shared_ptr<RK::Connection> connection = manager.currentConnection();
     if (!connection) {
-        console.err() << "error: the connection went away" << Qt::endl;
+        console.err() << "error: the connection to the robot was lost" << Qt::endl;
         return ExitNoConnection;
     }
 
@@ -45,19 +33,70 @@ int report(Console &console, const std::function<bool()> &tested,
     int port = 0;
     QString name;
     manager.getCurrentConnection(ip, port, name);
-    row(out, "Robot", QStringLiteral("%1:%2 \"%3\"").arg(ip).arg(port).arg(name));
-    row(out, "Morvane version", manager.morvaneVersion());
-
     QString clientVersion;
     QString robotVersion;
     const bool compatible = manager.checkMorvaneCompatibility(clientVersion, robotVersion);
+    const QStringList bound = connection->boundServices();
+    const QStringList missing = connection->missingServices();
+    std::string httpHost;
+    int httpPort = 0;
+    manager.getCurrentConnectionHttp(httpHost, httpPort);
+
+    // The module check speaks only when a required service is missing.
+    const size_t errorsBefore = console.errors().size();
+    manager.checkAvailableModules();
+    QStringList moduleCheck;
+    if (console.errors().size() > errorsBefore) {
+        const Console::Error &warning = console.errors().back();
+        moduleCheck << warning.contents;
+        for (const QString &line : warning.details.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+            moduleCheck << line.trimmed();
+    }
+
+    // The robot has the connection's test limit to call the desktop back.
+    const int limitMs = console.options().timing.connectionTestLimitMs + 5000;
+    const Outcome outcome = waiter.wait(tested, limitMs);
+    if (outcome == Outcome::Lost || outcome == Outcome::Interrupted)
+        return waiter.fail(outcome, QStringLiteral("the two-way test"));
+    const bool done = outcome == Outcome::Done;
+    const bool ok = done && passed();
+    const QString testText = !done ? QStringLiteral("no outcome within %1 s").arg(limitMs / 1000)
+        : ok                       ? QStringLiteral("passed: the robot reached this desktop")
+                                   : QStringLiteral("failed: the robot did not reach this desktop");
+
+    if (console.json()) {
+        QJsonObject robot {{QStringLiteral("host"), ip},
+                           {QStringLiteral("port"), port},
+                           {QStringLiteral("name"), name},
+                           {QStringLiteral("version"), manager.morvaneVersion()}};
+        QJsonObject compatibility {{QStringLiteral("compatible"), compatible},
+                                   {QStringLiteral("client"), clientVersion},
+                                   {QStringLiteral("robot"), robotVersion}};
+        QJsonObject transfer;
+        if (httpPort > 0)
+            transfer = {{QStringLiteral("host"), QString::fromStdString(httpHost)},
+                        {QStringLiteral("port"), httpPort}};
+        printJson(
+            console,
+            {{QStringLiteral("robot"), robot},
+             {QStringLiteral("compatibility"), compatibility},
+             {QStringLiteral("bound"), jsonList(bound)},
+             {QStringLiteral("missing"), jsonList(missing)},
+             {QStringLiteral("dcm"), manager.currentConnectionHasDCM()},
+             {QStringLiteral("fileTransfer"), httpPort > 0 ? QJsonValue(transfer) : QJsonValue()},
+             {QStringLiteral("moduleCheck"), jsonList(moduleCheck)},
+             {QStringLiteral("twoWayTest"),
+              !done ? QJsonValue() : QJsonValue(ok ? "passed" : "failed")}});
+        return ok ? ExitOk : ExitCommandFailed;
+    }
+
+    QTextStream &out = console.out();
+    row(out, "Robot", QStringLiteral("%1:%2 \"%3\"").arg(ip).arg(port).arg(name));
+    row(out, "Morvane version", manager.morvaneVersion());
     row(out, "Compatibility",
         QStringLiteral("%1 (client %2, robot %3)")
             .arg(compatible ? QStringLiteral("compatible") : QStringLiteral("NOT compatible"),
                  clientVersion, robotVersion));
-
-    const QStringList bound = connection->boundServices();
-    const QStringList missing = connection->missingServices();
     row(out, "Bound",
         QStringLiteral("%1: %2").arg(bound.size()).arg(bound.join(QStringLiteral(", "))));
     row(out, "Missing",
@@ -66,34 +105,18 @@ int report(Console &console, const std::function<bool()> &tested,
             : QStringLiteral("%1: %2").arg(missing.size()).arg(missing.join(QStringLiteral(", "))));
     row(out, "DCM",
         manager.currentConnectionHasDCM() ? QStringLiteral("yes") : QStringLiteral("no"));
-    std::string httpHost;
-    int httpPort = 0;
-    manager.getCurrentConnectionHttp(httpHost, httpPort);
     row(out, "File transfer",
         httpPort > 0 ? QStringLiteral("%1:%2").arg(QString::fromStdString(httpHost)).arg(httpPort)
                      : QStringLiteral("none"));
-
-    // The module check speaks only when a required service is missing.
-    const size_t errorsBefore = console.errors().size();
-    manager.checkAvailableModules();
-    if (console.errors().size() > errorsBefore) {
-        const Console::Error &warning = console.errors().back();
-        row(out, "Module check", warning.contents);
-        for (const QString &line : warning.details.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-            out << QString().leftJustified(16) << line.trimmed() << Qt::endl;
-    } else {
+    if (moduleCheck.isEmpty()) {
         row(out, "Module check", QStringLiteral("every required service is present"));
+    } else {
+        row(out, "Module check", moduleCheck.first());
+        for (int i = 1; i < moduleCheck.size(); ++i)
+            out << QString().leftJustified(16) << moduleCheck.at(i) << Qt::endl;
     }
-
-    // The robot has 15 s to call the desktop back.
-    if (!console.waitUntil(tested, 20000)) {
-        row(out, "Two-way test", QStringLiteral("no outcome within 20 s"));
-        return ExitCommandFailed;
-    }
-    row(out, "Two-way test",
-        passed() ? QStringLiteral("passed: the robot reached this desktop")
-                 : QStringLiteral("failed: the robot did not reach this desktop"));
-    return ExitOk;
+    row(out, "Two-way test", testText);
+    return ok ? ExitOk : ExitCommandFailed;
 }
 
 // Connects (done by the caller), reports what the robot is and offers, runs
@@ -103,11 +126,14 @@ int report(Console &console, const std::function<bool()> &tested,
 // brings the report again, until Ctrl-C.
 int statusCommand(Console &console, const QStringList &arguments)
 {
-    const bool stay = arguments == QStringList {QStringLiteral("--stay")};
-    if (!arguments.isEmpty() && !stay) {
-        console.err() << "error: status takes only --stay" << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "status", arguments);
+    const bool stay = args.flag("stay");
+    if (stay && console.json())
+        args.fail(QStringLiteral("--stay follows the connection in words, not as JSON"));
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {}, "status"))
+        return status;
     RK::ConnectionManager &manager = console.manager();
     QTextStream &out = console.out();
     int tests = 0;
@@ -118,10 +144,13 @@ int statusCommand(Console &console, const QStringList &arguments)
                          ++tests;
                          lastPassed = success;
                      });
-    const int status = report(
-        console, [&console] { return console.connectionTestDone(); },
-        [&console] { return console.connectionTestPassed(); });
-    if (!stay)
+    const int status = [&] {
+        Waiter waiter(console);
+        return report(
+            console, waiter, [&console] { return console.connectionTestDone(); },
+            [&console] { return console.connectionTestPassed(); });
+    }();
+    if (!stay || status == ExitNoConnection || status == ExitInterrupted)
         return status;
 
     RK::ReconnectionManager *reconnection = manager.reconnectionManager();
@@ -141,7 +170,7 @@ int statusCommand(Console &console, const QStringList &arguments)
     });
     // The countdown is one line redrawn in place on a terminal; in a log,
     // every tenth second and the last five.
-    const bool terminal = isatty(fileno(stdout)) != 0;
+    const bool terminal = console.options().terminal;
     bool countdownShown = false;
     QObject::connect(reconnection, &RK::ReconnectionManager::refreshTimeBeforeReconnectionRequested,
                      &receiver, [&](int seconds) {
@@ -169,20 +198,19 @@ int statusCommand(Console &console, const QStringList &arguments)
         });
 
     out << "Staying; Ctrl-C to stop." << Qt::endl;
-    g_statusInterrupted = 0;
-    const auto previous = std::signal(SIGINT, onStatusInterrupt);
-    while (!g_statusInterrupted) {
-        console.waitUntil([&] { return g_statusInterrupted != 0 || reconnected; }, 86400000);
+    // Losses are what this follows: the waits here end only on Ctrl-C.
+    while (!InterruptScope::requested()) {
+        console.waitUntil([&] { return InterruptScope::requested() || reconnected; }, 86400000);
         if (reconnected) {
             reconnected = false;
             const int testsBefore = tests;
+            Waiter waiter(console);
             report(
-                console, [&] { return tests > testsBefore; }, [&] { return lastPassed; });
+                console, waiter, [&] { return tests > testsBefore; }, [&] { return lastPassed; });
         }
     }
-    std::signal(SIGINT, previous);
     reconnection->cancelReconnectionProcess();
-    return ExitOk;
+    return ExitInterrupted;
 }
 
 } // namespace console

@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/dialog_interface.h>
 
@@ -8,16 +7,19 @@ namespace console {
 // Hands a sentence to the robot's dialog engine and prints its reply.
 int tellCommand(Console &console, const QStringList &arguments)
 {
-    const QString sentence = arguments.join(QLatin1Char(' '));
-    if (sentence.trimmed().isEmpty()) {
-        console.err() << "error: tell wants a sentence" << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "tell", arguments);
+    const QString sentence = args.positional().join(QLatin1Char(' '));
+    if (sentence.trimmed().isEmpty())
+        args.fail(QStringLiteral("tell wants a sentence"));
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXDialog"}, "tell"))
+        return status;
     const auto dialog = console.manager().dialogInterface();
-    if (!dialog) {
-        console.err() << "error: the robot has no VXDialog" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!dialog)
+        return missing(console, "VXDialog", "tell");
+    Waiter waiter(console);
+    waiter.observe(dialog->executerObject(), QStringLiteral("VXDialog"));
     bool answered = false;
     QString reply;
     QObject receiver;
@@ -28,11 +30,9 @@ int tellCommand(Console &console, const QStringList &arguments)
                      });
     console.out() << "You             " << sentence << Qt::endl;
     dialog->tell(sentence);
-    if (!console.waitUntil([&] { return answered; }, 30000)) {
-        console.err() << "error: no answer within 30 s" << Qt::endl;
-        return ExitCommandFailed;
-    }
-    // A reply and a failure come the same way; only the text tells them apart.
+    const Outcome outcome = waiter.wait([&] { return answered; }, 30000);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the robot's reply"));
     console.out() << "Robot           " << reply << Qt::endl;
     return ExitOk;
 }

@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/package_manager_interface.h>
 
@@ -10,27 +9,29 @@ namespace console {
 // Removes one or several packages by uuid.
 int uninstallCommand(Console &console, const QStringList &arguments)
 {
-    if (arguments.isEmpty()) {
-        console.err() << "error: uninstall wants UUID..." << Qt::endl;
-        return ExitUsage;
-    }
+    Arguments args(console, "uninstall", arguments);
+    const QStringList uuids = args.positional();
+    if (uuids.isEmpty())
+        args.fail(QStringLiteral("uninstall wants UUID..."));
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"PackageManager"}, "uninstall"))
+        return status;
     const auto packages = console.manager().packageManagerInterface();
-    if (!packages) {
-        console.err() << "error: the robot has no package manager" << Qt::endl;
-        return ExitCommandFailed;
-    }
-    const QFuture<QStringList> future = packages->removeSeveral(arguments);
-    console.waitUntil([&] { return future.isFinished(); }, 60000);
-    if (!future.isFinished()) {
-        console.err() << "error: no answer from the package manager" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!packages)
+        return missing(console, "PackageManager", "uninstall");
+    Waiter waiter(console);
+    waiter.observe(packages->executerObject(), QStringLiteral("PackageManager"));
+    const QFuture<QStringList> future = packages->removeSeveral(uuids);
+    const Outcome outcome = waiter.await(future, console.options().answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the removal"));
     const QStringList errors = future.result();
     for (const QString &e : errors)
         console.err() << "error: " << e << Qt::endl;
     if (!errors.isEmpty())
         return ExitCommandFailed;
-    console.out() << "Removed " << arguments.join(QStringLiteral(", ")) << Qt::endl;
+    console.out() << "Removed " << uuids.join(QStringLiteral(", ")) << Qt::endl;
     return ExitOk;
 }
 

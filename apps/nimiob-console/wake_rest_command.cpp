@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/connection.h>
 #include <connection/platform.h>
@@ -13,19 +12,21 @@ namespace {
 // that request leads to.
 int changeAwakeState(Console &console, const QStringList &arguments, bool awake)
 {
-    if (!arguments.isEmpty()) {
-        console.err() << "error: " << (awake ? "wake" : "rest") << " takes no argument" << Qt::endl;
-        return ExitUsage;
-    }
+    const char *name = awake ? "wake" : "rest";
+    Arguments args(console, name, arguments);
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXMotion"}, name))
+        return status;
     const boost::shared_ptr<RK::RobotStateReceiver> receiver
         = console.manager().robotStateReceiver();
     const boost::shared_ptr<RK::Connection> connection = console.manager().currentConnection();
     const boost::shared_ptr<VX::VXMotionProxy> motion
         = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
-    if (!receiver || !motion) {
-        console.err() << "error: the robot has no motion service" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (!receiver || !motion)
+        return missing(console, "VXMotion", name);
+    Waiter waiter(console);
+    waiter.observe(receiver->executerObject(), QStringLiteral("VXMotion"));
     if (awake) {
         receiver->wakeUp();
         console.out() << "Waking the robot up." << Qt::endl;
@@ -33,17 +34,29 @@ int changeAwakeState(Console &console, const QStringList &arguments, bool awake)
         receiver->rest();
         console.out() << "Putting the robot to rest." << Qt::endl;
     }
-    bool done = false;
-    console.waitUntil(
+    bool reached = false;
+    QString readError;
+    const Outcome outcome = waiter.wait(
         [&] {
             try {
-                done = motion->robotIsWakeUp() == awake;
-            } catch (const std::exception &) { }
-            return done;
+                reached = motion->robotIsWakeUp() == awake;
+            } catch (const std::exception &e) {
+                readError = QString::fromUtf8(e.what());
+            }
+            return reached;
         },
-        10000);
-    console.out() << "Awake: " << ((done ? awake : !awake) ? "yes" : "no") << Qt::endl;
-    return done ? ExitOk : ExitCommandFailed;
+        console.options().answerMs);
+    if (outcome == Outcome::TimedOut) {
+        console.err() << "error: the robot is still " << (awake ? "resting" : "awake") << " after "
+                      << console.options().answerMs / 1000.0 << " s"
+                      << (readError.isEmpty() ? QString() : QStringLiteral(" (") + readError + ')')
+                      << Qt::endl;
+        return ExitCommandFailed;
+    }
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the robot's awake state"));
+    console.out() << "Awake: " << (awake ? "yes" : "no") << Qt::endl;
+    return ExitOk;
 }
 
 } // namespace

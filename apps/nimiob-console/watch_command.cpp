@@ -1,5 +1,4 @@
-#include "commands.h"
-#include "console.h"
+#include "kit.h"
 
 #include <connection/memory_interface.h>
 
@@ -7,21 +6,15 @@
 #include <QObject>
 #include <QVariant>
 
+#include <QJsonValue>
+
 #include <algorithm>
-#include <csignal>
 #include <tuple>
 #include <vector>
 
 namespace console {
 
 namespace {
-
-volatile std::sig_atomic_t g_interrupted = 0;
-
-void onInterrupt(int)
-{
-    g_interrupted = 1;
-}
 
 // Receives the executer's answer to isRealTimeSupported, which comes as a
 // call of a slot by name.
@@ -46,46 +39,23 @@ struct WatchOptions
     QStringList keys;
     int samplingMs = 100;
     int gatherMs = 1000;
-    int forSeconds = 0; // 0: until Ctrl-C
+    int forMs = 0; // 0: until Ctrl-C
 };
 
-// False with a message on `err` for anything it does not take.
-bool parse(const QStringList &arguments, WatchOptions &options, QTextStream &err)
+int parse(Console &console, const QStringList &arguments, WatchOptions &options)
 {
-    for (int i = 0; i < arguments.size(); ++i) {
-        const QString &arg = arguments.at(i);
-        if (!arg.startsWith(QLatin1String("--"))) {
-            options.keys << arg;
-            continue;
-        }
-        int *target = nullptr;
-        int minimum = 0;
-        if (arg == QLatin1String("--sampling")) {
-            target = &options.samplingMs;
-        } else if (arg == QLatin1String("--gather")) {
-            target = &options.gatherMs;
-            minimum = 1;
-        } else if (arg == QLatin1String("--for")) {
-            target = &options.forSeconds;
-            minimum = 1;
-        } else {
-            err << "error: watch has no option " << arg << Qt::endl;
-            return false;
-        }
-        bool ok = false;
-        const int value = i + 1 < arguments.size() ? arguments.at(i + 1).toInt(&ok) : 0;
-        if (!ok || value < minimum || value > 86400000) {
-            err << "error: " << arg << " wants a whole number from " << minimum << Qt::endl;
-            return false;
-        }
-        *target = value;
-        ++i;
+    Arguments args(console, "watch", arguments);
+    args.number("sampling", options.samplingMs, 0, 86400000);
+    args.number("gather", options.gatherMs, 1, 86400000);
+    args.duration("for", options.forMs);
+    options.keys = args.positional();
+    if (options.keys.isEmpty())
+        args.fail(QStringLiteral("watch wants at least one memory key"));
+    for (const QString &key : options.keys) {
+        if (key.trimmed().isEmpty())
+            args.fail(QStringLiteral("a memory key cannot be empty"));
     }
-    if (options.keys.isEmpty()) {
-        err << "error: watch wants at least one memory key" << Qt::endl;
-        return false;
-    }
-    return true;
+    return args.finish();
 }
 
 QString stampText(double seconds)
@@ -94,9 +64,22 @@ QString stampText(double seconds)
         .toString(QStringLiteral("HH:mm:ss.zzz"));
 }
 
-// One batch as rows of time stamp, key and value, in time order.
-void printBatch(QTextStream &out, int number, const QMap<QString, QMap<double, QVariant>> &batch)
+// One batch as rows of time stamp, key and value, in time order; as JSON,
+// one line a sample.
+void printBatch(Console &console, int number, const QMap<QString, QMap<double, QVariant>> &batch)
 {
+    QTextStream &out = console.out();
+    if (console.json()) {
+        for (auto key = batch.begin(); key != batch.end(); ++key) {
+            for (auto sample = key.value().begin(); sample != key.value().end(); ++sample)
+                printJsonLine(console,
+                              {{QStringLiteral("batch"), number},
+                               {QStringLiteral("time"), sample.key()},
+                               {QStringLiteral("key"), key.key()},
+                               {QStringLiteral("value"), QJsonValue::fromVariant(sample.value())}});
+        }
+        return;
+    }
     std::vector<std::tuple<double, QString, QString>> rows;
     int keyWidth = 3;
     for (auto key = batch.begin(); key != batch.end(); ++key) {
@@ -124,60 +107,53 @@ void printBatch(QTextStream &out, int number, const QMap<QString, QMap<double, Q
 int watchCommand(Console &console, const QStringList &arguments)
 {
     WatchOptions options;
-    if (!parse(arguments, options, console.err()))
-        return ExitUsage;
-    QTextStream &out = console.out();
-    RK::ConnectionManager &manager = console.manager();
-    const boost::shared_ptr<RK::MemoryInterface> memory = manager.memoryInterface();
-    if (!memory) {
-        console.err() << "error: the connection has no memory interface" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    if (const int status = parse(console, arguments, options))
+        return status;
+    if (const int status = need(console, {"VXMemory"}, "watch"))
+        return status;
+    const boost::shared_ptr<RK::MemoryInterface> memory = console.manager().memoryInterface();
+    if (!memory)
+        return missing(console, "VXMemory", "watch");
+    QTextStream &info = console.info();
+    Waiter waiter(console);
+    waiter.observe(memory->executerObject(), QStringLiteral("VXMemory"));
 
     SourceProbe probe;
     memory->isRealTimeSupported(&probe, "onRealTimeSupported");
-    if (!console.waitUntil([&probe] { return probe.answered; }, 10000)) {
-        console.err() << "error: no answer from the memory executer" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    Outcome outcome = waiter.wait([&probe] { return probe.answered; }, console.options().answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the memory executer"));
     if (probe.realTime) {
-        out << "Source: real time: the robot samples every " << options.samplingMs
-            << " ms (VXMemoryWatcher, robot clock)" << Qt::endl;
+        info << "Source: real time: the robot samples every " << options.samplingMs
+             << " ms (VXMemoryWatcher, robot clock)" << Qt::endl;
     } else {
-        out << "Source: polling: this desktop reads VXMemory every " << options.samplingMs
-            << " ms (no VXMemoryWatcher, desktop clock)" << Qt::endl;
+        info << "Source: polling: this desktop reads VXMemory every " << options.samplingMs
+             << " ms (no VXMemoryWatcher, desktop clock)" << Qt::endl;
     }
-    out << "Gathering every " << options.gatherMs << " ms; "
-        << (options.forSeconds > 0 ? QStringLiteral("for %1 s").arg(options.forSeconds)
-                                   : QStringLiteral("Ctrl-C to stop"))
-        << Qt::endl;
+    info << "Gathering every " << options.gatherMs << " ms; "
+         << (options.forMs > 0 ? QStringLiteral("for %1 s").arg(options.forMs / 1000.0)
+                               : QStringLiteral("Ctrl-C to stop"))
+         << Qt::endl;
 
     int batches = 0;
-    bool lost = false;
     QObject receiver;
     QObject::connect(memory.get(), &RK::MemoryInterface::dataGathered, &receiver,
                      [&](const QMap<QString, QMap<double, QVariant>> &batch) {
-                         printBatch(out, ++batches, batch);
+                         printBatch(console, ++batches, batch);
                      });
-    QObject::connect(&manager, &RK::ConnectionManager::disconnected, &receiver,
-                     [&lost] { lost = true; });
-
-    g_interrupted = 0;
-    const auto previous = std::signal(SIGINT, onInterrupt);
     memory->watchKeys(options.keys, options.samplingMs);
     memory->startWatcher(options.gatherMs, options.samplingMs);
-    const int limitMs = options.forSeconds > 0 ? options.forSeconds * 1000 : 86400000;
-    console.waitUntil([&] { return g_interrupted != 0 || lost; }, limitMs);
-    std::signal(SIGINT, previous);
-    if (lost) {
-        console.err() << "error: the connection was lost" << Qt::endl;
-        return ExitNoConnection;
+    outcome = waiter.wait([] { return false; }, options.forMs > 0 ? options.forMs : -1);
+    if (outcome != Outcome::Lost) {
+        memory->stopWatcher();
+        memory->unwatchAll();
     }
-    memory->stopWatcher();
-    memory->unwatchAll();
-    out << (g_interrupted ? "Interrupted" : "Done") << " after " << batches << " batch(es)."
-        << Qt::endl;
-    return ExitOk;
+    if (outcome == Outcome::TimedOut || outcome == Outcome::Interrupted) {
+        info << (outcome == Outcome::Interrupted ? "Interrupted" : "Done") << " after " << batches
+             << " batch(es)." << Qt::endl;
+        return outcome == Outcome::Interrupted ? ExitInterrupted : ExitOk;
+    }
+    return waiter.fail(outcome, QStringLiteral("the watched keys"));
 }
 
 } // namespace console

@@ -2,8 +2,6 @@
 
 #include <connection/world_representation_interface.h>
 
-#include <QSet>
-
 namespace console {
 
 using namespace perception;
@@ -27,14 +25,36 @@ QString displayLabel(const QMap<QString, VX::VXValue> &fields)
 // The objects the robot knows, then what changes, until --for or Ctrl-C.
 int worldCommand(Console &console, const QStringList &arguments)
 {
-    FollowOptions options;
-    if (!parseFollow("world", arguments, true, options, console.err()))
-        return ExitUsage;
+    Arguments args(console, "world", arguments);
+    int forMs = 0;
+    int periodMs = 500;
+    args.duration("for", forMs);
+    args.number("period", periodMs, 1, 86400000);
+    if (const int status = args.finish())
+        return status;
+    if (const int status = need(console, {"VXWorldRepresentation"}, "world"))
+        return status;
     const boost::shared_ptr<RK::WorldRepresentationInterface> world
         = console.manager().worldRepresentationInterface();
     if (!world)
-        return missingService(console, "world representation", "VXWorldRepresentation");
+        return missing(console, "VXWorldRepresentation", "world");
     QTextStream &out = console.out();
+    const bool json = console.json();
+    const int answerMs = console.options().answerMs;
+    Waiter waiter(console);
+    waiter.observe(world->executerObject(), QStringLiteral("VXWorldRepresentation"));
+    const auto change = [&](const char *kind, const QString &name, const QString &text,
+                            const QJsonObject &fields) {
+        if (json) {
+            QJsonObject line = fields;
+            line.insert(QStringLiteral("change"), QLatin1String(kind));
+            if (!name.isEmpty())
+                line.insert(QStringLiteral("object"), name);
+            printJsonLine(console, line);
+        } else {
+            out << QString::fromLatin1(kind).leftJustified(9) << ' ' << text << Qt::endl;
+        }
+    };
 
     QStringList known;
     bool first = true;
@@ -48,71 +68,93 @@ int worldCommand(Console &console, const QStringList &arguments)
                          }
                          for (const QString &name : objects) {
                              if (!known.contains(name))
-                                 out << "added     " << name << Qt::endl;
+                                 change("added", name, name, {});
                          }
                          for (const QString &name : known) {
                              if (!objects.contains(name))
-                                 out << "removed   " << name << Qt::endl;
+                                 change("removed", name, name, {});
                          }
                          known = objects;
                      });
-    world->startObjectPolling(unsigned(options.periodMs));
-    if (!console.waitUntil([&first] { return !first; }, 10000)) {
-        console.err() << "error: no object list from the robot" << Qt::endl;
-        return ExitCommandFailed;
-    }
+    world->startObjectPolling(unsigned(periodMs));
+    Outcome outcome = waiter.wait([&first] { return !first; }, answerMs);
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the object list"));
 
     // Answers are awaited with the loop running, and polls may change `known`
     // meanwhile: the table is of the first list.
     const QStringList listed = known;
-    const QString root = await(console, world->rootName());
-    out << "World \"" << root << "\": " << listed.size() << " object(s), polled every "
-        << options.periodMs << " ms" << Qt::endl;
-    out << QStringLiteral("%1 %2 %3 %4 %5")
-               .arg("Object", -12)
-               .arg("Category", -11)
-               .arg("Parent", -10)
-               .arg("Position", -26)
-               .arg("Display")
-        << Qt::endl;
+    const auto ask = [&](const auto &future) { return answer(waiter, outcome, future, answerMs); };
+    const QString root = ask(world->rootName());
+    QJsonArray objects;
+    QStringList rows;
     for (const QString &name : listed) {
-        const QString category = await(console, world->objectCategory(name));
-        const auto position = await(console, world->objectPosition(name));
-        const auto display = await(console, world->objectDisplayAttributes(name));
-        out << QStringLiteral("%1 %2 %3 %4 %5")
-                   .arg(name, -12)
-                   .arg(category, -11)
-                   .arg(position.first, -10)
-                   .arg(positionText(position.second.P), -26)
-                   .arg(displayLabel(display))
-            << Qt::endl;
+        const QString category = ask(world->objectCategory(name));
+        const auto position = ask(world->objectPosition(name));
+        const auto display = ask(world->objectDisplayAttributes(name));
+        objects.append(QJsonObject {{QStringLiteral("name"), name},
+                                    {QStringLiteral("category"), category},
+                                    {QStringLiteral("parent"), position.first},
+                                    {QStringLiteral("position"), positionJson(position.second.P)},
+                                    {QStringLiteral("display"), displayLabel(display)}});
+        rows << QStringLiteral("%1 %2 %3 %4 %5")
+                    .arg(name, -12)
+                    .arg(category, -11)
+                    .arg(position.first, -10)
+                    .arg(positionText(position.second.P), -26)
+                    .arg(displayLabel(display));
     }
-    const QStringList displayed = await(console, world->objectsDisplayed());
-    out << "Displayed: " << (displayed.isEmpty() ? QStringLiteral("none") : displayed.join(", "))
-        << Qt::endl;
+    const QStringList displayed = ask(world->objectsDisplayed());
+    if (outcome != Outcome::Done)
+        return waiter.fail(outcome, QStringLiteral("the objects' details"));
+    if (json) {
+        printJsonLine(console,
+                      {{QStringLiteral("root"), root},
+                       {QStringLiteral("periodMs"), periodMs},
+                       {QStringLiteral("objects"), objects},
+                       {QStringLiteral("displayed"), jsonList(displayed)}});
+    } else {
+        out << "World \"" << root << "\": " << listed.size() << " object(s), polled every "
+            << periodMs << " ms" << Qt::endl;
+        out << QStringLiteral("%1 %2 %3 %4 %5")
+                   .arg("Object", -12)
+                   .arg("Category", -11)
+                   .arg("Parent", -10)
+                   .arg("Position", -26)
+                   .arg("Display")
+            << Qt::endl;
+        for (const QString &row : rows)
+            out << row << Qt::endl;
+        out << "Displayed: "
+            << (displayed.isEmpty() ? QStringLiteral("none") : displayed.join(", ")) << Qt::endl;
+    }
 
     QObject::connect(world.get(), &RK::WorldRepresentationInterface::positionChanged, &receiver,
                      [&](const QString &name, const VX::Math::Displacement &d) {
-                         out << "moved     " << name << " to " << positionText(d.P) << Qt::endl;
+                         change("moved", name, name + " to " + positionText(d.P),
+                                {{QStringLiteral("position"), positionJson(d.P)}});
                      });
     QObject::connect(world.get(), &RK::WorldRepresentationInterface::objectsDisplayedChanged,
                      &receiver, [&](const QStringList &names) {
-                         out << "displayed " << (names.isEmpty() ? "none" : names.join(", "))
-                             << Qt::endl;
+                         change("displayed", QString(),
+                                names.isEmpty() ? QStringLiteral("none") : names.join(", "),
+                                {{QStringLiteral("objects"), jsonList(names)}});
                      });
     QObject::connect(world.get(), &RK::WorldRepresentationInterface::attributeChanged, &receiver,
                      [&](const QString &name, const QString &attribute, const VX::VXValue &v) {
-                         out << "attribute " << name << " " << attribute << " " << valueText(v)
-                             << Qt::endl;
+                         change("attribute", name, name + " " + attribute + " " + valueText(v),
+                                {{QStringLiteral("attribute"), attribute},
+                                 {QStringLiteral("value"), valueText(v)}});
                      });
-    out << (options.forSeconds > 0 ? QStringLiteral("Changes for %1 s:").arg(options.forSeconds)
-                                   : QStringLiteral("Changes (Ctrl-C to stop):"))
-        << Qt::endl;
-    if (follow(console, options.forSeconds))
-        return ExitNoConnection;
-    world->stopObjectPolling();
-    out << "Done." << Qt::endl;
-    return ExitOk;
+    console.info() << (forMs > 0 ? QStringLiteral("Changes for %1 s:").arg(forMs / 1000.0)
+                                 : QStringLiteral("Changes (Ctrl-C to stop):"))
+                   << Qt::endl;
+    const int status = follow(waiter, forMs, "the world's changes");
+    if (status != ExitNoConnection)
+        world->stopObjectPolling();
+    if (status == ExitOk)
+        console.info() << "Done." << Qt::endl;
+    return status;
 }
 
 } // namespace console
