@@ -24,7 +24,7 @@ void toArguments(const RobotPose &pose, VX::VXValue &names, VX::VXValue &angles)
     std::vector<std::string> nameList;
     std::vector<float> angleList;
     for (auto it = pose.constBegin(); it != pose.constEnd(); ++it) {
-        nameList.push_back(it.key().toLatin1().toStdString());
+        nameList.push_back(it.key().toUtf8().toStdString());
         angleList.push_back(static_cast<float>(it.value()));
     }
     names = VX::VXValue(nameList);

@@ -29,11 +29,6 @@ const int a_slowPeriodMs = 1000;
 // A recognised word counts only above this confidence.
 const double a_minimumWordConfidence = 0.3;
 
-std::string ascii(const QString &text)
-{
-    return text.toLatin1().toStdString();
-}
-
 std::string utf8(const QString &text)
 {
     return text.toUtf8().toStdString();
@@ -51,7 +46,7 @@ boost::shared_ptr<VX::VXProxy> proxyByName(const Connection &connection, const Q
     wz::Session *session = connection.session();
     if (!session)
         throw CallFailure(ErrorCode::ConnectionLost, "no session");
-    const std::string module = ascii(name);
+    const std::string module = utf8(name);
     const wz::Future<wz::Object> found = session->service(module, "");
     if (found.hasError()) {
         const std::string text = found.error();
@@ -190,7 +185,7 @@ bool VXSartelExecuter::callProxy(QString proxyName, QString methodName, VX::VXVa
 {
     return callByName(proxyName, methodName, "_isEnabled", checkEnable, showDialogOnError,
                       [&](VX::VXProxy &proxy, const FailureReport &texts) {
-                          m_posted->post(proxy, "callProxy", texts, ascii(methodName),
+                          m_posted->post(proxy, "callProxy", texts, utf8(methodName),
                                          {wz::toAny(param)});
                       });
 }
@@ -212,7 +207,7 @@ bool VXSartelExecuter::callProxy(QString proxyName, bool checkEnable, bool showD
     // This form asks without the leading underscore, unlike the other.
     return callByName(proxyName, methodName, "isEnabled", checkEnable, showDialogOnError,
                       [&](VX::VXProxy &proxy, const FailureReport &texts) {
-                          m_posted->post(proxy, "callProxy", texts, ascii(methodName),
+                          m_posted->post(proxy, "callProxy", texts, utf8(methodName),
                                          std::move(args));
                       });
 }
@@ -475,7 +470,7 @@ void VXSartelExecuter::createTimeline(QString timelineStr)
                 }
             } watch {this, connection};
             m_currentTimeline = QString::fromLatin1(
-                frameManager.call<std::string>("createTimeline", ascii(timelineStr)).c_str());
+                frameManager.call<std::string>("createTimeline", utf8(timelineStr)).c_str());
             updateEventFilter();
         });
 }
@@ -490,7 +485,7 @@ void VXSartelExecuter::dropTimeline(VX::VXProxy &frameManager, Connection &conne
         emit module->removeWatchedDataRequested(m_currentTimeline);
     emit currentFrameChanged(-1);
     try {
-        frameManager.call<void>("deleteBehavior", ascii(m_currentTimeline));
+        frameManager.call<void>("deleteBehavior", utf8(m_currentTimeline));
     } catch (const std::exception &) {
         // Gone already, or the robot with it: the desktop forgets it anyway.
     }
@@ -528,7 +523,7 @@ void VXSartelExecuter::timelineCommand(const char *operation, const QString &con
     timelineCall(operation, contents).run(&Connection::frameManager, [&](VX::VXProxy &frames) {
         loaded = !m_currentTimeline.isEmpty();
         if (loaded)
-            frames.call<void>(method, ascii(m_currentTimeline));
+            frames.call<void>(method, utf8(m_currentTimeline));
     });
     if (!loaded)
         executerCall(this, m_connection, operation)
@@ -540,7 +535,7 @@ void VXSartelExecuter::gotoFrameCurrentTimeline(int frame)
     // Asked even without a current timeline: the robot then says what is wrong.
     timelineCall("gotoFrameCurrentTimeline", tr("Failed to do a goto in timeline"))
         .run(&Connection::frameManager, [&](VX::VXProxy &frameManager) {
-            frameManager.call<void>("gotoAndStop", ascii(m_currentTimeline), frame);
+            frameManager.call<void>("gotoAndStop", utf8(m_currentTimeline), frame);
         });
 }
 
