@@ -218,7 +218,7 @@ void Waiter::onExecuterError(QString title, QString contents, QString details)
     error.contents = contents;
     error.details = details;
     // The texts are the platform's fixed ones.
-    if (details.contains(QLatin1String("disconnected:")))
+    if (tellsOfLoss(details))
         error.code = RK::ErrorCode::ConnectionLost;
     else if (details.contains(QRegularExpression(QStringLiteral("service \"[^\"]+\" not found"))))
         error.code = RK::ErrorCode::ServiceMissing;
@@ -227,6 +227,11 @@ void Waiter::onExecuterError(QString title, QString contents, QString details)
     if (error.code == RK::ErrorCode::ConnectionLost)
         m_lost = true;
     m_failures.push_back(error);
+}
+
+bool Waiter::tellsOfLoss(const QString &text)
+{
+    return text.contains(QLatin1String("disconnected: "));
 }
 
 Outcome Waiter::wait(const std::function<bool()> &done, int timeoutMs)

@@ -134,6 +134,9 @@ public:
     Outcome drain(QObject *executer, QObject *interface, int timeoutMs);
 
     const std::vector<RK::OperationError> &failures() const { return m_failures; }
+    // Whether a failure's text is the platform's word for an ended
+    // connection: an answer may carry it before the manager says so.
+    static bool tellsOfLoss(const QString &text);
     bool lost() const { return m_lost; }
 
     // The exit status of a wait that did not end with Done, its reason

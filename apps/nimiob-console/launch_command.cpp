@@ -38,6 +38,8 @@ int launchCommand(Console &console, const QStringList &arguments)
     const Outcome outcome = waiter.wait([&] { return finished; });
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the command's end"));
+    if (Waiter::tellsOfLoss(error))
+        return waiter.fail(Outcome::Lost, QStringLiteral("the command's end"));
     if (!error.isEmpty()) {
         console.out() << "Failed          " << error << Qt::endl;
         return ExitCommandFailed;

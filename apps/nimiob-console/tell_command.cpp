@@ -33,6 +33,10 @@ int tellCommand(Console &console, const QStringList &arguments)
     const Outcome outcome = waiter.wait([&] { return answered; }, 30000);
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the robot's reply"));
+    // A reply and a failure come the same way; the platform's text of a
+    // lost connection is the one told apart.
+    if (Waiter::tellsOfLoss(reply))
+        return waiter.fail(Outcome::Lost, QStringLiteral("the robot's reply"));
     console.out() << "Robot           " << reply << Qt::endl;
     return ExitOk;
 }

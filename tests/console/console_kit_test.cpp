@@ -3,7 +3,7 @@
 
 #include "console_rows.h"
 
-#include <QBuffer>
+#include <QJsonArray>
 
 namespace {
 
@@ -134,6 +134,138 @@ TEST_F(SharedRobot, ASecondDesktopIsToldAnotherIsConnected)
 
     const test::Result third = test::runLine(robot(), {"battery"});
     EXPECT_EQ(third.status, ExitOk) << third.all().toStdString();
+}
+
+} // namespace
+
+namespace {
+
+// Runs an Arguments reader over `words` and gives its status and message.
+struct Parsed
+{
+    int status = -1;
+    QString error;
+};
+
+template<typename Read>
+Parsed parse(const QStringList &words, Read read)
+{
+    console::Options options;
+    QString outText, errText;
+    QTextStream out(&outText), err(&errText);
+    console::Console console(options, out, err);
+    console::Arguments args(console, "camera", words);
+    read(args);
+    Parsed parsed;
+    parsed.status = args.finish();
+    err.flush();
+    parsed.error = errText;
+    return parsed;
+}
+
+// Options are taken wherever they stand; what nobody took, a value that is
+// missing or out of range, is one message naming it, and the usage.
+TEST(Arguments, TakesOptionsAnywhereAndNamesWhatItDoesNotTake)
+{
+    int res = -1, forMs = -1;
+    QStringList words;
+    Parsed p = parse({"a", "--res", "2", "b", "--for", "1.5s"}, [&](console::Arguments &a) {
+        a.number("res", res, 0, 3);
+        a.duration("for", forMs);
+        words = a.positional();
+    });
+    EXPECT_EQ(p.status, ExitOk) << p.error.toStdString();
+    EXPECT_EQ(res, 2);
+    EXPECT_EQ(forMs, 1500);
+    EXPECT_EQ(words, QStringList({"a", "b"}));
+
+    const std::vector<std::pair<QStringList, const char *>> bad {
+        {{"--res"}, "--res needs a value"},
+        {{"--res", "4"}, "--res wants a whole number from 0 to 3, not \"4\""},
+        {{"--res", "two"}, "not \"two\""},
+        {{"--for", "0"}, "--for wants a duration"},
+        {{"--res", "1", "--colour", "red"}, "camera has no option --colour"},
+        {{"stray"}, "camera does not take \"stray\""},
+    };
+    for (const auto &[input, message] : bad) {
+        SCOPED_TRACE(input.join(' ').toStdString());
+        p = parse(input, [](console::Arguments &a) {
+            int n = 0;
+            a.number("res", n, 0, 3);
+            a.duration("for", n);
+        });
+        EXPECT_EQ(p.status, ExitUsage);
+        EXPECT_TRUE(p.error.contains(QLatin1String(message))) << p.error.toStdString();
+        EXPECT_TRUE(p.error.contains(QLatin1String("usage: camera "))) << p.error.toStdString();
+        EXPECT_EQ(p.error.count(QLatin1String("error: ")), 1) << p.error.toStdString();
+    }
+}
+
+TEST(Waiter, ThePlatformsTextsOfALossAreToldApart)
+{
+    EXPECT_TRUE(console::Waiter::tellsOfLoss(
+        "VXLauncher._launchWait: connection lost: disconnected: connection reset by peer"));
+    EXPECT_TRUE(
+        console::Waiter::tellsOfLoss("disconnected: no heartbeat from the peer for 8000 ms"));
+    EXPECT_FALSE(console::Waiter::tellsOfLoss("command not found: disconnected"));
+    EXPECT_FALSE(console::Waiter::tellsOfLoss(QString()));
+}
+
+class ScriptOutput : public test::ConsoleRows
+{
+};
+
+// What a script reads: every line of a stream is a JSON object of its own,
+// and the documents carry the robot's values, not placeholders.
+TEST_F(ScriptOutput, StreamsAreOneObjectALineDocumentsCarryTheRobotsValues)
+{
+    const std::vector<QStringList> streams {
+        {"watch", "MorvaneReady", "--gather", "100", "--for", "0.5", "--json"},
+        {"debug", "wave", "--for", "5", "--json"},
+        {"world", "--for", "0.2", "--json"},
+        {"people", "--for", "0.2", "--json"},
+    };
+    for (const QStringList &words : streams) {
+        SCOPED_TRACE(words.join(' ').toStdString());
+        const test::Result result = test::runLine(robot(), words);
+        EXPECT_EQ(result.status, ExitOk) << result.all().toStdString();
+        const QStringList lines = result.out.split('\n', Qt::SkipEmptyParts);
+        EXPECT_FALSE(lines.isEmpty());
+        for (const QString &line : lines) {
+            QJsonParseError error {};
+            const QJsonDocument document = QJsonDocument::fromJson(line.toUtf8(), &error);
+            EXPECT_TRUE(document.isObject()) << line.toStdString();
+        }
+    }
+
+    test::Result result = test::runLine(robot(), {"status", "--json"});
+    EXPECT_EQ(test::firstJson(result.out).value("twoWayTest").toString(), "passed")
+        << result.out.toStdString();
+    EXPECT_TRUE(test::firstJson(result.out).value("missing").toArray().isEmpty());
+
+    robot().scenario().omitService("VXBattery");
+    result = test::runLine(robot(), {"status", "--json"});
+    robot().scenario().restoreService("VXBattery");
+    EXPECT_EQ(test::firstJson(result.out).value("missing").toArray(), QJsonArray({"VXBattery"}))
+        << result.out.toStdString();
+
+    result = test::runLine(robot(), {"audio", "35", "--json"});
+    EXPECT_EQ(test::firstJson(result.out).value("volume").toInt(), 35) << result.out.toStdString();
+    result = test::runLine(robot(), {"object", "Cup", "--json"});
+    EXPECT_EQ(test::firstJson(result.out).value("relative").toObject().value("in").toString(),
+              "Table")
+        << result.out.toStdString();
+}
+
+// Standard input that ends before the poses asked for: what was stored is
+// kept, and the command says how many it got.
+TEST_F(ScriptOutput, RecordingByHandEndsWithItsInput)
+{
+    const test::Result result = test::runLine(
+        robot(), {"record", "--joints", "NeckYaw", "--poses", "5", "--interactive"}, {}, {}, "\n");
+    EXPECT_EQ(result.status, ExitOk) << result.all().toStdString();
+    EXPECT_EQ(result.out.count("stored NeckYaw="), 1) << result.out.toStdString();
+    EXPECT_TRUE(result.out.contains("pose 2/5")) << result.out.toStdString();
 }
 
 } // namespace

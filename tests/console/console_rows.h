@@ -189,8 +189,10 @@ protected:
             QElapsedTimer took;
             took.start();
             const Result result = runRow(row);
+            // CONSOLE_ROW_TIMES=1 lists each row with its time and exit status.
             if (qEnvironmentVariableIsSet("CONSOLE_ROW_TIMES"))
-                std::fprintf(stderr, "%6lld ms  %s\n", took.elapsed(), name.c_str());
+                std::fprintf(stderr, "%6lld ms  exit %3d  %s\n", took.elapsed(), result.status,
+                             name.c_str());
             EXPECT_EQ(result.status, row.exit) << result.all().toStdString();
             if (row.expected.startsWith(QLatin1String("json:"))) {
                 const QJsonObject json = firstJson(result.out);
