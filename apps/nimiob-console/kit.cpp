@@ -204,26 +204,16 @@ Waiter::Waiter(Console &console) : m_console(console)
 void Waiter::observe(QObject *executer, const QString &service)
 {
     Q_UNUSED(service)
-    // By signature: the executer's class is the library's own, and not
-    // every executer has the signal.
-    if (executer && executer->metaObject()->indexOfSignal("error(QString,QString,QString)") >= 0)
-        connect(executer, SIGNAL(error(QString, QString, QString)), this,
-                SLOT(onExecuterError(QString, QString, QString)), Qt::QueuedConnection);
+    // By signature: the executer's class is the library's own. Its typed
+    // signal tells every failure once, those found before a call is made
+    // (no service, no connection) included.
+    if (executer && executer->metaObject()->indexOfSignal("errorOccurred(RK::OperationError)") >= 0)
+        connect(executer, SIGNAL(errorOccurred(RK::OperationError)), this,
+                SLOT(onOperationError(RK::OperationError)), Qt::QueuedConnection);
 }
 
-void Waiter::onExecuterError(QString title, QString contents, QString details)
+void Waiter::onOperationError(const RK::OperationError &error)
 {
-    RK::OperationError error;
-    error.title = title;
-    error.contents = contents;
-    error.details = details;
-    // The texts are the platform's fixed ones.
-    if (tellsOfLoss(details))
-        error.code = RK::ErrorCode::ConnectionLost;
-    else if (details.contains(QRegularExpression(QStringLiteral("service \"[^\"]+\" not found"))))
-        error.code = RK::ErrorCode::ServiceMissing;
-    else
-        error.code = RK::ErrorCode::RobotFailed;
     if (error.code == RK::ErrorCode::ConnectionLost)
         m_lost = true;
     m_failures.push_back(error);

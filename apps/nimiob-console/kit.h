@@ -146,7 +146,7 @@ public:
     bool printFailures();
 
 private slots:
-    void onExecuterError(QString title, QString contents, QString details);
+    void onOperationError(const RK::OperationError &error);
 
 private:
     Console &m_console;
