@@ -57,16 +57,21 @@ class FutureListWatcher;
 //   void errorOccurred(const RK::OperationError &error);
 //   void connectionEnded();
 //
+// - A request whose call is posted (a motion, a recording, a call by name)
+//   reports the robot's failure of it when the answer comes; its success
+//   has no signal.
 // - A request to a service the robot lacks fails at once with
 //   ErrorCode::ServiceMissing; a request after the connection ended fails at
 //   once with ErrorCode::ConnectionLost, and so does one whose link is lost
 //   or closed while it runs.
 // - A method that returns a QFuture always finishes it: with its value, or
 //   after a failure with the default value its documentation names. The
-//   failure itself comes, once, as errorOccurred(); the future carries no
-//   exception. So an application that waits on a future and wants to know
+//   failure itself comes, once, as errorOccurred(), before the future
+//   finishes. So an application that waits on a future and wants to know
 //   of a failure listens to errorOccurred() too (its operation field names
-//   the method).
+//   the method). Two futures also carry the robot's exception, as their
+//   headers say: BehaviorManagerInterface::preloadBehavior and
+//   AutonomousLifeInterface::switchFocus.
 // - connectionEnded() is emitted once, when the connection of the interface
 //   is gone: the object is then of no more use, and the application may
 //   drop it.

@@ -242,13 +242,11 @@ void BehaviorManagerExecuter::stopAllBehaviors()
 
 void BehaviorManagerExecuter::deleteBoxLibrary(QString name)
 {
-    const bool deleted
-        = call("deleteBoxLibrary").attempt(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
-              proxy.call<void>("_removeBoxLibrary", utf8(name));
-          });
-    // The list that follows is what the application sees of it.
-    if (deleted)
-        getInstalledBoxLibraries();
+    call("deleteBoxLibrary").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+        proxy.call<void>("_removeBoxLibrary", utf8(name));
+    });
+    // The list comes whatever the removal did: it is what the application shows.
+    getInstalledBoxLibraries();
 }
 
 QStringList BehaviorManagerExecuter::behaviorsInstalled()

@@ -8,6 +8,7 @@
 
 #include <wz/log.h>
 
+#include <exception>
 #include <stdexcept>
 
 namespace RK {
@@ -210,15 +211,18 @@ VX::Math::Displacement WorldRepresentationExecuter::objectPosition(QString name,
         });
 }
 
+// The parent's name stays in the answer when its displacement cannot be had.
 WorldRepresentationExecuter::Placement WorldRepresentationExecuter::objectPosition(QString name)
 {
-    return executerCall(this, m_connection, "objectPosition")
+    Placement placement;
+    executerCall(this, m_connection, "objectPosition")
         .log(k_category)
         .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
-            const QString parent = fromUtf8(
+            placement.first = fromUtf8(
                 proxy.getGenericProxy()->call<std::string>("getObjectParentName", utf8(name)));
-            return Placement(parent, position(proxy, name, parent));
+            placement.second = position(proxy, name, placement.first);
         });
+    return placement;
 }
 
 QString WorldRepresentationExecuter::rootName()
@@ -230,16 +234,38 @@ QString WorldRepresentationExecuter::rootName()
         });
 }
 
+// Without a root name the position is asked for in the "" reference; the
+// first failure is the one told.
 WorldRepresentationExecuter::Placement
 WorldRepresentationExecuter::objectAbsolutePosition(QString name)
 {
-    return executerCall(this, m_connection, "objectAbsolutePosition")
+    Placement placement;
+    executerCall(this, m_connection, "objectAbsolutePosition")
         .log(k_category)
-        .run(&Connection::worldRepresentation, [&](VX::VXWorldRepresentationProxy &proxy) {
-            const QString root
-                = fromUtf8(proxy.getGenericProxy()->call<std::string>("getRootName"));
-            return Placement(root, position(proxy, name, root));
-        });
+        .run(&Connection::worldRepresentation,
+             [&](VX::VXWorldRepresentationProxy &proxy, Connection &connection) {
+                 std::exception_ptr rootFailure;
+                 try {
+                     placement.first
+                         = fromUtf8(proxy.getGenericProxy()->call<std::string>("getRootName"));
+                 } catch (const std::exception &e) {
+                     if (classifyFailure(&connection, e) == ErrorCode::ConnectionLost)
+                         throw;
+                     rootFailure = std::current_exception();
+                 }
+                 try {
+                     placement.second = position(proxy, name, placement.first);
+                 } catch (const std::exception &e) {
+                     if (!rootFailure)
+                         throw;
+                     error("objectAbsolutePosition")
+                         << "Could not get object " << utf8(name) << " position in the"
+                         << utf8(placement.first) << " reference: " << e.what();
+                 }
+                 if (rootFailure)
+                     std::rethrow_exception(rootFailure);
+             });
+    return placement;
 }
 
 QStringList WorldRepresentationExecuter::objectsDisplayed()

@@ -445,7 +445,7 @@ std::vector<Row> rows()
              i->stopAll(); return true; }},
         {"BehaviorManagerInterface::deleteBoxLibrary", "VXBehaviorManager", {"_removeBoxLibrary"},
          [](M &m, Probe &p) { auto i = m.behaviorManagerInterface(); if (!p.attach(i, "deleteBoxLibrary")) return false;
-             i->deleteBoxLibrary(QStringLiteral("Dialog")); return true; }},
+             i->deleteBoxLibrary(QStringLiteral("Dialog")); return true; }, {}, {}, {}, 1},
         // The desktop module: calls by name, events, timelines.
         {"SartelModuleInterface::callProxy", "VXDialog", {"tell"},
          [](M &m, Probe &p) { auto i = m.sartelModuleInterface(); if (!p.attach(i, "callProxy")) return false;
