@@ -195,12 +195,9 @@ void BehaviorManagerExecuter::startBehavior(QString behaviorToPlay)
     const boost::shared_ptr<VX::VXProxy> proxy = connection->behaviorManager();
     if (!proxy)
         throw std::runtime_error("service \"VXBehaviorManager\" not found");
-    try {
-        proxy->call<void>("startBehavior", utf8(behaviorToPlay));
-    } catch (const std::exception &e) {
-        logError(__FUNCTION__, "Failed to start " + utf8(behaviorToPlay) + ", reason: " + e.what());
-        throw;
-    }
+    // The robot's refusal goes back to the caller as it came: the instance
+    // manager that asked reports it, once.
+    proxy->call<void>("startBehavior", utf8(behaviorToPlay));
 }
 
 void BehaviorManagerExecuter::stopBehavior(QString behaviorToStop)
