@@ -46,10 +46,11 @@ private:
 };
 
 // Dismantles the connection and closes the session, on the worker's thread.
-// Bounded whatever the robot does: the desktop's services are unregistered
-// with a time limit, then the session is closed, which ends every remote
-// call still waiting with "connection lost", and only then are the
-// interfaces released, each joining its executer's thread.
+// Bounded whatever the robot does: every remote call still waiting ends at
+// once with "connection lost"; the desktop's services are unregistered, and
+// the interfaces released (each joining its executer's thread, whose last
+// calls still reach a robot that answers), within twice the connection's
+// unregisterLimitMs, after which the session is closed under them.
 class DestroyConnectionTask : public QObject
 {
     Q_OBJECT

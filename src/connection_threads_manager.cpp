@@ -7,7 +7,12 @@
 
 #include <wz/log.h>
 
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 namespace RK {
@@ -333,11 +338,40 @@ void DestroyConnectionTask::execute(boost::shared_ptr<wz::Session> session,
                                     boost::shared_ptr<Connection> connection)
 {
     m_done = true;
+    // Every call waiting on the robot ends now, with "connection lost".
+    if (session)
+        session->failPendingCalls("disconnected: the connection is being closed");
+    // A robot that does not answer cannot hold what follows: the session
+    // closes under it once the limit has passed.
+    // Twice the unregistering limit: that wait, and as long again for the
+    // executers' unsubscriptions and stops.
+    const int limitMs = connection ? 2 * std::max(0, connection->timing().unregisterLimitMs) : 0;
+    std::mutex mutex;
+    std::condition_variable ended;
+    bool over = false;
+    std::thread watchdog;
+    if (session && connection) {
+        watchdog = std::thread([&, session] {
+            std::unique_lock<std::mutex> lock(mutex);
+            if (!ended.wait_for(lock, std::chrono::milliseconds(limitMs), [&] { return over; }))
+                session->close();
+        });
+    }
     // While the session is still open: a bounded wait.
     if (connection)
         connection->unregisterServices();
-    // Closing fails every remote call in flight at once, so that the
-    // executers joined below are not waiting on the robot.
+    // The executers' last words reach the robot; none of them waits on it
+    // for longer than the watchdog allows.
+    if (connection)
+        connection->destroyInterfaces();
+    if (watchdog.joinable()) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            over = true;
+        }
+        ended.notify_all();
+        watchdog.join();
+    }
     if (session) {
         try {
             session->close();
@@ -346,8 +380,6 @@ void DestroyConnectionTask::execute(boost::shared_ptr<wz::Session> session,
                 << "Closing the session failed: " << e.what();
         }
     }
-    if (connection)
-        connection->destroyInterfaces();
     // If this was the last owner the connection goes here, on its own thread.
     connection.reset();
     session.reset();

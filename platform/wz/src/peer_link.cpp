@@ -121,6 +121,17 @@ void PeerLink::close(const std::string &reason, CloseMode mode)
         session->onLinkClosed(self, reason);
 }
 
+void PeerLink::failPending(const std::string &reason)
+{
+    std::map<uint64_t, Done> pending;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        pending.swap(m_pending);
+    }
+    for (auto &p : pending)
+        p.second(false, AnyValue(), reason);
+}
+
 void PeerLink::setStalled(bool stalled)
 {
     bool schedule = false;

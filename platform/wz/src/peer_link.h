@@ -101,6 +101,8 @@ public:
     // Thread-safe, idempotent, never waits. Fails every request in flight
     // with `reason`.
     void close(const std::string &reason, CloseMode mode = CloseMode::Quiet);
+    // Fails the requests waiting for an answer; the link stays open.
+    void failPending(const std::string &reason);
 
     void setStalled(bool stalled);
     void sendRaw(const std::string &bytes);

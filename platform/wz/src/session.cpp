@@ -269,6 +269,20 @@ void SessionImpl::close(const std::string &reason)
         p.second->close(reason, PeerLink::CloseMode::Graceful);
 }
 
+void SessionImpl::failPendingCalls(const std::string &reason)
+{
+    std::vector<std::shared_ptr<PeerLink>> links;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_directory)
+            links.push_back(m_directory);
+        for (auto &p : m_peers)
+            links.push_back(p.second);
+    }
+    for (auto &link : links)
+        link->failPending(reason);
+}
+
 bool SessionImpl::isConnected() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -653,6 +667,11 @@ Session::~Session()
 {
     d->close("disconnected: session closed");
     d->detachOwner();
+}
+
+void Session::failPendingCalls(const std::string &reason)
+{
+    d->failPendingCalls(reason);
 }
 
 Future<void> Session::listen(const Url &url)

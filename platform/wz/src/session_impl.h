@@ -26,6 +26,7 @@ public:
     Future<void> listen(const Url &url);
     Future<void> connect(const Url &url);
     void close(const std::string &reason);
+    void failPendingCalls(const std::string &reason);
     bool isConnected() const;
     Url url() const;
     std::vector<Url> endpoints() const;

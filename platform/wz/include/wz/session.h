@@ -47,6 +47,11 @@ public:
     Future<void> connect(const Url &url);
     // Ends every connection and fails what is in flight ("disconnected: session closed").
     Future<void> close();
+    // Fails every call this session is waiting for, now, with `reason` (it
+    // should start with "disconnected"), and keeps the links open: for a
+    // client that is leaving and still has a few words to say. A late
+    // answer to a failed call is dropped.
+    void failPendingCalls(const std::string &reason);
 
     // Client: connected to its directory. Directory: listening.
     bool isConnected() const;
