@@ -25,6 +25,13 @@ wz::log::LogStream log(wz::LogLevel level, const char *function)
     return wz::log::LogStream(level, k_category, function);
 }
 
+// A reading cut short by the connection's end is no error of its own: the
+// connection tells its loss, and a teardown fails every pending call at once.
+bool worthLogging(const std::exception &e)
+{
+    return classifyFailureText(e.what()) != ErrorCode::ConnectionLost;
+}
+
 // The callbacks below run on framework threads: they touch their arguments
 // and the gate only, and end in a queued call. Once the gate is closed (the
 // object is going) they do nothing, not even read a canceled future, so a
@@ -43,8 +50,9 @@ void tryCatchFutureFloatMaxDetectionRangeChange(const wz::Future<float> &future,
     try {
         queueOnMaximumDetectionRangeChange(gate, future.value(wz::FutureTimeout_Infinite));
     } catch (const std::exception &e) {
-        log(wz::LogLevel_Error, __FUNCTION__)
-            << "Could not get maximum detection range: " << e.what();
+        if (worthLogging(e))
+            log(wz::LogLevel_Error, __FUNCTION__)
+                << "Could not get maximum detection range: " << e.what();
     }
 }
 
@@ -56,7 +64,8 @@ void queueSetPeopleList(const wz::Future<VX::VXValue> &future, const CallbackGat
         queueSlot(gate, &PeoplePerceptionInterface::setPeopleList,
                   future.value(wz::FutureTimeout_Infinite));
     } catch (const std::exception &e) {
-        log(wz::LogLevel_Error, __FUNCTION__) << "Could not get people list: " << e.what();
+        if (worthLogging(e))
+            log(wz::LogLevel_Error, __FUNCTION__) << "Could not get people list: " << e.what();
     }
 }
 
@@ -84,7 +93,8 @@ void queueOnPeoplePositionUpdated(const wz::Future<VX::VXValue> &future,
         queueSlot(gate, &PeoplePerceptionInterface::onPeoplePositionUpdated, id,
                   future.value(wz::FutureTimeout_Infinite));
     } catch (const std::exception &e) {
-        log(wz::LogLevel_Error, __FUNCTION__) << "People update failed: " << e.what();
+        if (worthLogging(e))
+            log(wz::LogLevel_Error, __FUNCTION__) << "People update failed: " << e.what();
         reportFailure(gate, "requestPeoplePosition", e.what());
     }
 }
