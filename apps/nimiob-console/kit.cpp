@@ -207,6 +207,8 @@ void Waiter::observe(QObject *executer, const QString &service)
     // By signature: the executer's class is the library's own. Its typed
     // signal tells every failure once, those found before a call is made
     // (no service, no connection) included.
+    // A connection by signature queues the type by its registered name.
+    qRegisterMetaType<RK::OperationError>("RK::OperationError");
     if (executer && executer->metaObject()->indexOfSignal("errorOccurred(RK::OperationError)") >= 0)
         connect(executer, SIGNAL(errorOccurred(RK::OperationError)), this,
                 SLOT(onOperationError(RK::OperationError)), Qt::QueuedConnection);

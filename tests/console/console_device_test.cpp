@@ -59,7 +59,7 @@ TEST_F(DeviceCommands, StatusBatteryAudioConfig)
         {Words {"config", "--file"},
          Situation::Refused,
          ExitCommandFailed,
-         "sent no configuration file",
+         "getConfigFile: remote exception: no",
          {},
          [](sim::Robot &r) { r.scenario().failMethod("VXRobotModel", "getConfigFile", "no"); }},
         {Words {"config"}, Situation::Omitted, ExitCommandFailed,
