@@ -34,7 +34,7 @@ TEST_F(PerceptionCommands, WorldAndObjects)
         {Words {"object", "Cup"}, Situation::Success, ExitOk, "Relative   in Table: "},
         {Words {"object", "Cup", "--json"}, Situation::Success, ExitOk, "json:absolute"},
         {Words {"object", "Unicorn"}, Situation::Refused, ExitCommandFailed,
-         "knows no object \"Unicorn\""},
+         "unknown object \"Unicorn\""},
         {Words {"object", "Cup"}, Situation::Omitted, ExitCommandFailed,
          omittedText("VXWorldRepresentation", "object"), "VXWorldRepresentation"},
         {Words {"object"}, Situation::BadArgument, ExitUsage, "one object name"},
