@@ -134,10 +134,6 @@ void ConnectionManager::onConnectionCreated(boost::shared_ptr<wz::Session> sessi
     m_sessionLink = m_session->disconnected.connect(
         [guard](const std::string &reason) { sessionDisconnected(guard, reason); });
 
-    // The errors the connection gathers from the desktop module, the recorder,
-    // timelines and calls by name reach the application here, on its thread.
-    connect(m_connection.get(), &Connection::displayErrorRequested, this,
-            &ConnectionManager::displayErrorRequested, Qt::QueuedConnection);
     // Queued, so that the outcome of the test always follows connectionEstablished(),
     // even when it is known at once.
     connect(m_connection.get(), &Connection::connectionTested, this,

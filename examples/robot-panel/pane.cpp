@@ -38,6 +38,11 @@ void Pane::fail(const QString &operation, RK::ErrorCode code, const QString &con
 
 void ExecuterErrorRelay::onError(QString title, QString contents, QString details)
 {
+    // A call cut short by the connection's end: the panel shows the loss
+    // itself, once, and reconnects; one entry per call in flight would be noise.
+    if (details.contains(QLatin1String("connection lost"))
+        || details.contains(QLatin1String("disconnected: ")))
+        return;
     RK::OperationError error;
     error.operation = m_operation;
     error.code = RK::ErrorCode::RobotFailed;
