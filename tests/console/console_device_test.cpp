@@ -13,16 +13,7 @@
 
 namespace {
 
-using console::ExitCommandFailed;
-using console::ExitInterrupted;
-using console::ExitNoConnection;
-using console::ExitOk;
-using console::ExitUsage;
-using test::lostText;
-using test::omittedText;
-using test::Row;
-using test::Situation;
-using Words = QStringList;
+using namespace test::rows;
 
 class DeviceCommands : public test::ConsoleRows
 {

@@ -227,4 +227,18 @@ inline QString omittedText(const char *service, const char *command)
         .arg(QLatin1String(service), QLatin1String(command));
 }
 
+// The names every table of rows uses: `using namespace test::rows;`.
+namespace rows {
+using console::ExitCommandFailed;
+using console::ExitInterrupted;
+using console::ExitNoConnection;
+using console::ExitOk;
+using console::ExitUsage;
+using test::lostText;
+using test::omittedText;
+using test::Row;
+using test::Situation;
+using Words = QStringList;
+} // namespace rows
+
 } // namespace test
