@@ -131,19 +131,34 @@ cmd_bench() {
   [ $found -eq 1 ] || log "no benchmark built yet"
 }
 
+# `fuzz` fuzzes each target for FUZZ_SECONDS on its corpus; `fuzz replay`
+# only builds them and runs every input of their corpora once, which is what
+# CI does: the clang build is proven and no known input crashes it.
 cmd_fuzz() {
+  local mode="${1:-fuzz}"
+  case "$mode" in fuzz|replay) ;; *) log "usage: scripts/dev.sh fuzz [replay]"; return 2 ;; esac
   cmd_deps
   local seconds="${FUZZ_SECONDS:-60}"
   build_dir "$ROOT/build-fuzz" -DCMAKE_CXX_COMPILER=clang++ -DNIMIOB_BUILD_FUZZ=ON -DNIMIOB_SANITIZE=fuzzer \
     -DNIMIOB_BUILD_TESTS=OFF -DNIMIOB_BUILD_BENCH=OFF
+  local found=0
   for f in "$ROOT"/build-fuzz/fuzz/fuzz_*; do
     [ -f "$f" ] && [ -x "$f" ] || continue
+    found=$((found + 1))
     local name; name="$(basename "$f")"
     local corpus="$ROOT/fuzz/corpus/${name#fuzz_}"
     mkdir -p "$corpus"
-    log "fuzzing $name for ${seconds}s (corpus $corpus)"
-    "$f" -max_total_time="$seconds" -max_len=65536 -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+    if [ "$mode" = replay ]; then
+      log "replaying $(find "$corpus" -type f | wc -l) inputs of $corpus through $name"
+      # -runs=0: every input once, no new ones; a crash exits non-zero.
+      "$f" -runs=0 -max_len=65536 "$corpus" >"$ROOT/build-fuzz/$name.log" 2>&1 \
+        || { tail -n 30 "$ROOT/build-fuzz/$name.log" >&2; log "$name failed on its corpus"; return 1; }
+    else
+      log "fuzzing $name for ${seconds}s (corpus $corpus)"
+      "$f" -max_total_time="$seconds" -max_len=65536 -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+    fi
   done
+  [ "$found" -gt 0 ] || { log "no fuzz target was built"; return 1; }
 }
 
 cmd_format() {

@@ -447,7 +447,10 @@ void BehaviorInstanceManager::onBehaviorPresent(QString behavior, bool isPresent
 
 void BehaviorInstanceManager::onBehaviorAdded(QString behaviorName)
 {
-    if (sameBehavior(behaviorName, m_behaviorName))
+    // Only news for a behaviour we thought missing: the event of an install
+    // may come after the presence answer, and must not undo a preload or a
+    // run already under way.
+    if (sameBehavior(behaviorName, m_behaviorName) && m_state == Missing)
         setState(Stopped);
 }
 
