@@ -9,7 +9,7 @@ JOBS="${JOBS:-$(nproc)}"
 # The one list of system packages (Debian 12 names); cmake/NimiobDependencies.cmake
 # says what each is for.
 PACKAGES=(
-  build-essential cmake ninja-build ccache pkg-config
+  build-essential cmake ninja-build ccache pkg-config lld
   qt6-base-dev libgl-dev
   libboost-dev libboost-system-dev
   libmsgpack-cxx-dev
@@ -139,8 +139,12 @@ cmd_fuzz() {
   case "$mode" in fuzz|replay) ;; *) log "usage: scripts/dev.sh fuzz [replay]"; return 2 ;; esac
   cmd_deps
   local seconds="${FUZZ_SECONDS:-60}"
-  build_dir "$ROOT/build-fuzz" -DCMAKE_CXX_COMPILER=clang++ -DNIMIOB_BUILD_FUZZ=ON -DNIMIOB_SANITIZE=fuzzer \
+  local dir="$ROOT/build-fuzz"
+  configure "$dir" -DCMAKE_CXX_COMPILER=clang++ -DNIMIOB_BUILD_FUZZ=ON -DNIMIOB_SANITIZE=fuzzer \
     -DNIMIOB_BUILD_TESTS=OFF -DNIMIOB_BUILD_BENCH=OFF
+  # Only the fuzz targets and what they link: the rest of the tree is not fuzzed.
+  log "building the fuzz targets in $dir"
+  cmake --build "$dir" -j "$JOBS" -t nimiob_fuzz_targets
   local found=0
   for f in "$ROOT"/build-fuzz/fuzz/fuzz_*; do
     [ -f "$f" ] && [ -x "$f" ] || continue
