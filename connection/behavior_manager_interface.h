@@ -62,7 +62,8 @@ public:
     /// The robot's error, if any, comes out of the future's wait.
     QFuture<void> stopBehavior(QString behavior);
     /// playBehavior() with an outcome: the robot's refusal (a preload error,
-    /// already running) comes out of the future's wait.
+    /// already running) comes out of the future's wait, and only there (no
+    /// errorOccurred()): the caller reports it.
     QFuture<void> startBehavior(QString behavior);
     /// Makes \p behavior start at boot, or not.
     QFuture<void> setBehaviorDefaultFlag(QString behavior, bool isDefault);

@@ -91,7 +91,11 @@ void BehaviorPane::attach(RK::ConnectionManager &manager)
             fail(QStringLiteral("playBehavior"), RK::ErrorCode::RobotFailed,
                  tr("Behavior %1 is not on the robot").arg(name));
     });
-    relayErrors(m_behaviors.get());
+    // A failed preload is the instance's to tell, with its box (errorInBox).
+    connect(m_behaviors.get(), &I::errorOccurred, this, [this](const RK::OperationError &error) {
+        if (error.operation != QLatin1String("preloadBehavior"))
+            relayError(error);
+    });
     m_behaviors->requestBehaviors();
     m_behaviors->requestRunningBehaviors();
     m_refresh->setEnabled(true);

@@ -40,7 +40,8 @@ protected:
     void fail(const QString &operation, RK::ErrorCode code, const QString &contents,
               const QString &details = QString());
 
-private slots:
+protected slots:
+    // Emits errorOccurred for an error worth listing.
     void relayError(const RK::OperationError &error);
 };
 
