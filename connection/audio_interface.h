@@ -18,24 +18,39 @@ class Connection;
 class ExecuterThread;
 class AudioExecuter;
 
-// The robot's output volume and mute, and the speech language. Requests are
-// queued to the executer's thread; answers come back as signals. Failures
-// come out as errorOccurred(), and also as the executer's error(title,
-// contents, details).
+/// The robot's output volume and mute, and the speech language. Requests are
+/// queued to the executer's thread; answers come back as signals. Failures
+/// come out as errorOccurred(), and also as the executer's error(title,
+/// contents, details).
+///
+/// \b Thread and \b ownership as for every interface (see MorvaneInterface):
+/// it lives on the connection's worker thread and its signals come on library
+/// threads, so connect them with a receiver object on the GUI thread. It is
+/// new at every connection, shared by the connection and the holders of
+/// ConnectionManager::audioInterface(): drop the pointer on
+/// ConnectionManager::disconnected(). Its methods return at once and may be
+/// called from any thread.
 class NIMIOB_EXPORT AudioInterface : public QObject,
                                      public MorvaneInterface<AudioExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
+    /// Made by the connection's worker thread; applications take it from
+    /// ConnectionManager::audioInterface().
     explicit AudioInterface(boost::shared_ptr<Connection> connection);
+    /// Waits for the calls it started and for its executer's thread.
     ~AudioInterface() override;
 
-    // Nothing comes back on success: ask getOutputVolume() for the new value.
-    // On a robot without mute the flag is ignored.
+    /// Nothing comes back on success: ask getOutputVolume() for the new value.
+    /// On a robot without mute the flag is ignored.
     void setOutputVolume(int outputVolume, bool muted);
+    /// Asks for the volume; updateOutputVolumeRequested() answers.
     void getOutputVolume();
+    /// Asks for text to speech's language; getCurrentLanguageResult() answers.
     void getCurrentLanguage();
+    /// Asks for the languages text to speech knows;
+    /// getAvailableLanguagesResult() answers.
     void getAvailableLanguages();
 
 signals:
@@ -50,15 +65,23 @@ signals:
     /// the application may drop the object. Emitted once, on the thread that
     /// destroys the connection.
     void connectionEnded();
+    /// Carries setOutputVolume() to the executer's thread.
     void setOutputVolumeRequested(int outputVolume, bool muted);
+    /// Carries getOutputVolume() to the executer's thread.
     void getOutputVolumeRequested();
+    /// Carries getCurrentLanguage() to the executer's thread.
     void getCurrentLanguageRequested();
+    /// Carries getAvailableLanguages() to the executer's thread.
     void getAvailableLanguagesRequested();
 
+    /// The output volume, 0 to 100 percent, and whether the output is muted
+    /// (always false on a robot without mute).
     void updateOutputVolumeRequested(int outputVolume, bool mute);
+    /// Text to speech's language, by the robot's name for it ("English", ...).
     void getCurrentLanguageResult(QString currentLanguage);
+    /// The languages text to speech knows, by the robot's names for them.
     void getAvailableLanguagesResult(QStringList availableLanguages);
-    // The value of each "AudioOutputChanged" event, as the robot sent it.
+    /// The value of each "AudioOutputChanged" event, as the robot sent it.
     void audioChanged(VX::VXValue val);
 };
 

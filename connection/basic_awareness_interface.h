@@ -15,21 +15,35 @@ namespace RK {
 
 class Connection;
 
-// Mirror of the id of the human the robot tracks, -1 for nobody (also until
-// the robot's first answer). Lives on the connection worker's thread;
-// humanTracked() may be called from any thread.
+/// Mirror of the id of the human the robot tracks, -1 for nobody (also until
+/// the robot's first answer).
+///
+/// \b Thread: lives on the connection worker's thread, where its signals
+/// are emitted: connect them with a receiver object. humanTracked() may be
+/// called from any thread.
+///
+/// \b Ownership: shared by the connection and the holders of
+/// ConnectionManager::basicAwarenessInterface() (null when the robot lacks the
+/// service). New at every connection: drop the pointer on
+/// ConnectionManager::disconnected(); one kept longer only stops hearing
+/// from the robot.
 class NIMIOB_EXPORT BasicAwarenessInterface : public QObject
 {
     Q_OBJECT
 
 public:
-    // Throws std::runtime_error when the session is not connected or a
-    // service cannot be reached.
+    /// Made by the connection. Throws std::runtime_error when the session is
+    /// not connected or a service cannot be reached.
     explicit BasicAwarenessInterface(boost::shared_ptr<Connection> connection);
+    /// Stops listening to the robot.
     ~BasicAwarenessInterface() override;
 
+    /// The tracked human's id (as PeoplePerceptionInterface names people),
+    /// -1 for nobody.
     int humanTracked() const { return m_humanTracked; }
 
+    /// The memory key read for the first value:
+    /// "VXBasicAwareness/HumanTracked".
     static const char *const a_humanTrackedKey;
 
 signals:
@@ -44,10 +58,12 @@ signals:
     /// the application may drop the object. Emitted once, on the thread that
     /// destroys the connection.
     void connectionEnded();
+    /// The robot tracks \p humanId now (-1: nobody).
     void humanTrackedChanged(int humanId);
 
 public slots:
-    // Ignores the id already stored.
+    /// Stores \p humanId and emits humanTrackedChanged(); ignores the id
+    /// already stored. The robot's signal comes here.
     void onHumanTrackedChanged(int humanId);
 
 private:

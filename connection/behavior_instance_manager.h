@@ -13,78 +13,134 @@ namespace RK {
 
 class ConnectionManager;
 
-// Follows one behaviour on the robot, by name, through preloading, starting,
-// running and stopping. It starts a behaviour directly, or through
-// autonomous life when the behaviour has a nature and life is solitary or
-// interactive. Lives on the application's thread and makes no remote call of
-// its own: it talks to the interface objects by signals and futures.
+/// Follows one behaviour on the robot, by name, through preloading, starting,
+/// running and stopping. It starts a behaviour directly, or through
+/// autonomous life when the behaviour has a nature and life is solitary or
+/// interactive. It makes no remote call of its own: it talks to the
+/// interface objects by signals and futures.
+///
+/// \b Thread: lives on the application's thread, with the manager; its
+/// signals are emitted there and its methods are called from there only.
+///
+/// \b Ownership: unlike the interface objects, it belongs to the
+/// application and lives across connections: it takes no QObject parent, so
+/// the application deletes it (or keeps it in a smart pointer). On
+/// ConnectionManager::disconnected() its state becomes Missing; on
+/// ConnectionManager::connectionEstablished() it finds the new interfaces by
+/// itself and asks the robot again. The manager must outlive it.
+///
+/// \code
+/// auto behavior = std::make_unique<RK::BehaviorInstanceManager>(
+///     manager, "User/hello", QString(), false);
+/// connect(behavior.get(), &RK::BehaviorInstanceManager::stateChanged, this, &Panel::showState);
+/// behavior->playBehavior();        // ... Starting, Running
+/// \endcode
 class NIMIOB_EXPORT BehaviorInstanceManager : public QObject
 {
     Q_OBJECT
 
 public:
+    /// Where the behaviour stands on the robot, as far as this object knows.
     enum State {
+        /// Not known to be on the robot: not connected, not found, or
+        /// removed.
         Missing = 0,
+        /// preloadBehavior() asked; the robot is loading it.
         Preloading = 1,
+        /// Loaded on the robot, not running.
         Preloaded = 2,
+        /// A start was asked for; not yet running.
         Starting = 3,
+        /// In the robot's running list.
         Running = 4,
+        /// A stop was asked for; not yet taken.
         Stopping = 5,
+        /// On the robot and not running.
         Stopped = 6,
     };
     Q_ENUM(State)
 
-    // A nature never asked for; "" means the robot has no natures.
+    /// A nature never asked for; "" means the robot has no natures.
     static const QString k_natureUndefined;
 
-    // The third argument is not read.
+    /// Follows the behaviour \p behaviorName (its path in the robot's
+    /// behaviour store, "User/" optional) through \p manager. The third
+    /// argument is not read: any text will do. \p isKnownToBePresent spares
+    /// the robot the question whether the behaviour exists. There is no
+    /// parent argument: see the class.
     BehaviorInstanceManager(ConnectionManager *manager, const QString &behaviorName,
                             const QString &ignored, bool isKnownToBePresent);
+    /// Stops following; a start or stop on its way is not waited for.
     ~BehaviorInstanceManager() override;
 
+    /// The behaviour's state now.
     State state() const { return m_state; }
+    /// The name given to the constructor.
     QString behaviorName() const { return m_behaviorName; }
-    // The life state the next start goes by.
+    /// The life state the next start goes by.
     LifeState lifeState() const { return m_lifeState; }
 
+    /// Loads the behaviour on the robot: Preloading, then Preloaded (or
+    /// Missing with errorInBox() when a box fails to load).
     void preloadBehavior();
-    // Ends in Running, or, when the robot refuses the start (a preload
-    // error, already running), in Stopped with errorStartingBehavior and
-    // errorOccurred carrying the robot's text.
+    /// Ends in Running, or, when the robot refuses the start (a preload
+    /// error, already running), in Stopped with errorStartingBehavior and
+    /// errorOccurred carrying the robot's text.
     void playBehavior();
-    // From Running, Stopped comes with the robot's running list; from
-    // Preloading, Preloaded or Starting, once the robot has taken the stop
-    // (a start still on its way is let through first), so that the next
-    // preloadBehavior() is accepted.
+    /// From Running, Stopped comes with the robot's running list; from
+    /// Preloading, Preloaded or Starting, once the robot has taken the stop
+    /// (a start still on its way is let through first), so that the next
+    /// preloadBehavior() is accepted.
     void stopBehavior();
 
-    // "User/NAME" and "NAME" are the same behaviour.
+    /// "User/NAME" and "NAME" are the same behaviour.
     static bool sameBehavior(const QString &a, const QString &b);
-    // The robot's preload error as (box, error); the box may be empty.
+    /// The robot's preload error as (box, error); the box may be empty.
     static QPair<QString, QString> parsePreloadError(const QString &text);
 
 signals:
+    /// state() changed to \p state.
     void stateChanged(BehaviorInstanceManager::State state);
+    /// The box \p box of the behaviour failed with \p error, while loading
+    /// or running.
     void errorInBox(QString box, QString error);
+    /// The behaviour could not be started (or was not found): the three
+    /// texts of a dialog.
     void errorStartingBehavior(QString errorTitle, QString errorMessage, QString errorDetails);
-    // The same failures, typed: operation "playBehavior", the code from the
-    // robot's text, and the three texts of errorStartingBehavior.
+    /// The same failures, typed: operation "playBehavior", the code from the
+    /// robot's text, and the three texts of errorStartingBehavior.
     void errorOccurred(const RK::OperationError &error);
 
+    // The slots below are this object's own wiring to the interfaces and the
+    // manager; an application calls none of them.
 public slots:
+    /// The robot's answer whether \p behavior exists.
     void onBehaviorPresent(QString behavior, bool isPresent);
+    /// Takes the new connection's interfaces and asks the robot again.
     void onConnectionReady(bool isKnownToBePresent);
+    /// onConnectionReady(false); connected to connectionEstablished().
     void onConnectionReady();
+    /// The state becomes Missing; connected to disconnected().
     void onDisconnected();
+    /// The life state's future finished.
     void onGotAutonomousLifeState();
+    /// Autonomous life changed state.
     void onAutonomousLifeStateChanged(RK::LifeState newState);
+    /// The focus's future finished: the start through autonomous life ended.
     void onLifeFocusSwitched();
+    /// The robot's running behaviours: Running or Stopped follows.
     void onRunningBehaviorsReceived(QStringList behaviors);
+    /// The nature's future finished: the start goes on.
     void onBehaviorNatureReceived();
+    /// The preload's future finished.
     void onBehaviorPreloaded();
+    /// A behaviour was installed on the robot.
     void onBehaviorAdded(QString behaviorName);
+    /// A behaviour was removed from the robot.
     void onBehaviorRemoved(QString behaviorName);
+    /// A box of a behaviour failed.
     void onBehaviorFailed(QString behaviorName, QString box, QString error);
+    /// The direct start's future finished.
     void onBehaviorStarted();
 
 private:

@@ -16,20 +16,32 @@ class Connection;
 class ExecuterThread;
 class ConfigExecuter;
 
-// The robot's model configuration ("VXRobotModel"). A failed getConfig gives
-// no answer; a failed getConfigFile gives an empty text. Without the
-// connection or the service neither answers.
+/// The robot's model configuration ("VXRobotModel"). A failed getConfig gives
+/// no answer; a failed getConfigFile gives an empty text. Without the
+/// connection or the service neither answers.
+///
+/// \b Thread and \b ownership as for every interface (see MorvaneInterface):
+/// it lives on the connection's worker thread and its signals come on library
+/// threads, so connect them with a receiver object on the GUI thread. It is
+/// new at every connection, shared by the connection and the holders of
+/// ConnectionManager::configInterface(): drop the pointer on
+/// ConnectionManager::disconnected(). Its methods return at once and may be
+/// called from any thread.
 class NIMIOB_EXPORT ConfigInterface : public QObject,
                                       public MorvaneInterface<ConfigExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
+    /// Made by the connection's worker thread; applications take it from
+    /// ConnectionManager::configInterface().
     explicit ConfigInterface(boost::shared_ptr<Connection> connection);
+    /// Waits for the calls it started and for its executer's thread.
     ~ConfigInterface() override;
 
-    // Emit the request signals.
+    /// Asks for the robot's configuration; configReceived() answers.
     void getConfig();
+    /// Asks for the robot's configuration file; configFileReceived() answers.
     void getConfigFile();
 
 signals:
@@ -44,9 +56,13 @@ signals:
     /// the application may drop the object. Emitted once, on the thread that
     /// destroys the connection.
     void connectionEnded();
+    /// Carries getConfig() to the executer's thread.
     void getConfigRequested();
+    /// Carries getConfigFile() to the executer's thread.
     void configFileRequested();
+    /// The text "getConfig" of the robot's configuration service returned.
     void configReceived(QString config);
+    /// The text "getConfigFile" of the robot's configuration service returned.
     void configFileReceived(QString configFile);
 };
 

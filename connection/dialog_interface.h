@@ -16,16 +16,29 @@ class Connection;
 class ExecuterThread;
 class DialogExecuter;
 
-// Hands a sentence to the robot's dialog engine as if somebody had said it.
+/// Hands a sentence to the robot's dialog engine as if somebody had said it.
+///
+/// \b Thread and \b ownership as for every interface (see MorvaneInterface):
+/// it lives on the connection's worker thread and its signals come on library
+/// threads, so connect them with a receiver object on the GUI thread. It is
+/// new at every connection, shared by the connection and the holders of
+/// ConnectionManager::dialogInterface(): drop the pointer on
+/// ConnectionManager::disconnected(). Its methods return at once and may be
+/// called from any thread.
 class NIMIOB_EXPORT DialogInterface : public QObject,
                                       public MorvaneInterface<DialogExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
+    /// Made by the connection's worker thread; applications take it from
+    /// ConnectionManager::dialogInterface().
     explicit DialogInterface(boost::shared_ptr<Connection> connection);
+    /// Waits for the calls it started and for its executer's thread.
     ~DialogInterface() override;
 
+    /// Tells the dialog engine \p sentence as if somebody had said it;
+    /// tellFinished() answers.
     void tell(const QString &sentence);
 
 signals:
@@ -40,9 +53,11 @@ signals:
     /// the application may drop the object. Emitted once, on the thread that
     /// destroys the connection.
     void connectionEnded();
+    /// Carries tell() to the executer's thread.
     void tellRequested(QString sentence);
-    // The robot's reply, or the text of the failure: only the content tells
-    // them apart. Nothing comes when the connection or "VXDialog" is missing.
+    /// The robot's reply, or the text of the failure: only the content tells
+    /// them apart. Nothing comes when the connection or "VXDialog" is missing
+    /// (errorOccurred() then says so).
     void tellFinished(QString errorMessage);
 };
 

@@ -15,22 +15,36 @@ namespace RK {
 
 class Connection;
 
-// Mirror of the robot's engagement zones: two limit distances and a limit
-// angle. The defaults (1.5, 2.5, 45) hold until the robot's first answers;
-// later changes come through the robot's signals. Lives on the connection
-// worker's thread; the getters may be called from any thread.
+/// Mirror of the robot's engagement zones: two limit distances, in metres,
+/// and a limit angle, in degrees (the robot's own units). The defaults (1.5,
+/// 2.5, 45) hold until the robot's first answers; later changes come through
+/// the robot's signals.
+///
+/// \b Thread: lives on the connection worker's thread, where its signals
+/// are emitted: connect them with a receiver object. The getters may be
+/// called from any thread.
+///
+/// \b Ownership: shared by the connection and the holders of
+/// ConnectionManager::engagementZonesInterface() (null when the robot lacks the
+/// service). New at every connection: drop the pointer on
+/// ConnectionManager::disconnected(); one kept longer only stops hearing
+/// from the robot.
 class NIMIOB_EXPORT EngagementZonesInterface : public QObject
 {
     Q_OBJECT
 
 public:
-    // Throws std::runtime_error when the session is not connected or the
-    // service cannot be reached.
+    /// Made by the connection. Throws std::runtime_error when the session is
+    /// not connected or the service cannot be reached.
     explicit EngagementZonesInterface(boost::shared_ptr<Connection> connection);
+    /// Stops listening to the robot.
     ~EngagementZonesInterface() override;
 
+    /// The first limit distance, in metres (the nearer zone's edge).
     float firstLimit() const { return m_firstLimit; }
+    /// The second limit distance, in metres (the farther zone's edge).
     float secondLimit() const { return m_secondLimit; }
+    /// The limit angle of the zones, in degrees.
     float limitAngle() const { return m_limitAngle; }
 
 signals:
@@ -45,14 +59,20 @@ signals:
     /// the application may drop the object. Emitted once, on the thread that
     /// destroys the connection.
     void connectionEnded();
+    /// firstLimit() is now \p distance metres.
     void firstLimitChanged(float distance);
+    /// secondLimit() is now \p distance metres.
     void secondLimitChanged(float distance);
+    /// limitAngle() is now \p angle degrees.
     void limitAngleChanged(float angle);
 
 public slots:
-    // Each stores and emits, also when the value has not changed.
+    /// Stores and emits firstLimitChanged(), also when the value has not
+    /// changed; the robot's answers and signals come here.
     void emitFirstLimitChanged(float distance);
+    /// Stores and emits secondLimitChanged(), likewise.
     void emitSecondLimitChanged(float distance);
+    /// Stores and emits limitAngleChanged(), likewise.
     void emitLimitAngleChanged(float angle);
 
 private:

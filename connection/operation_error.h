@@ -21,18 +21,22 @@ enum class ErrorCode {
     Cancelled,
 };
 
-/// One failed operation, as an interface's errorOccurred() carries it.
+/// One failed operation, as an interface's errorOccurred() carries it. A
+/// plain value: copy it freely, across threads too.
 struct OperationError
 {
     /// The interface method that failed, as it is spelt in its header
     /// ("getBatteryLevel", "say", ...).
     QString operation;
+    /// Why it failed.
     ErrorCode code = ErrorCode::RobotFailed;
-    /// The same three texts as the executer's error(title, contents, details):
-    /// a title (usually the robot's service), what failed, and the robot's
-    /// or the framework's own text.
+    /// A title, usually the robot's service. With contents and details,
+    /// the same three texts as the executer's error(title, contents,
+    /// details).
     QString title;
+    /// What failed, in words for a dialog.
     QString contents;
+    /// The robot's or the framework's own text; may be empty.
     QString details;
 };
 
@@ -53,6 +57,7 @@ inline QString errorCodeName(ErrorCode code)
     return QStringLiteral("Unknown");
 }
 
+/// Writes errorCodeName(\p code) to \p debug.
 inline QDebug operator<<(QDebug debug, ErrorCode code)
 {
     QDebugStateSaver saver(debug);
@@ -60,6 +65,7 @@ inline QDebug operator<<(QDebug debug, ErrorCode code)
     return debug;
 }
 
+/// Writes "OperationError(operation, code, details)" to \p debug.
 inline QDebug operator<<(QDebug debug, const OperationError &error)
 {
     QDebugStateSaver saver(debug);

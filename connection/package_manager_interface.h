@@ -29,9 +29,17 @@ class ExecuterThread;
 class HttpProjectSynchronizer;
 class PackageManagerExecuter;
 
-// Lists, installs and removes the robot's application packages, and tells of
-// installs and removals made by anyone. Every operation runs on the thread
-// pool and answers by future; an error text is empty for success.
+/// Lists, installs and removes the robot's application packages, and tells of
+/// installs and removals made by anyone. Every operation runs on the thread
+/// pool and answers by future; an error text is empty for success.
+///
+/// \b Thread and \b ownership as for every interface (see MorvaneInterface):
+/// it lives on the connection's worker thread and its signals come on library
+/// threads, so connect them with a receiver object on the GUI thread. It is
+/// new at every connection, shared by the connection and the holders of
+/// ConnectionManager::packageManagerInterface(): drop the pointer on
+/// ConnectionManager::disconnected(). Its methods return at once and may be
+/// called from any thread.
 class NIMIOB_EXPORT PackageManagerInterface
     : public QObject,
       public MorvaneInterface<PackageManagerExecuter, ExecuterThread>
@@ -39,24 +47,33 @@ class NIMIOB_EXPORT PackageManagerInterface
     Q_OBJECT
 
 public:
+    /// Made by the connection's worker thread; applications take it from
+    /// ConnectionManager::packageManagerInterface().
     explicit PackageManagerInterface(boost::shared_ptr<Connection> connection);
+    /// Waits for the calls it started and for its executer's thread.
     ~PackageManagerInterface() override;
 
+    /// Every package installed on the robot; empty after a failure.
     QFuture<QVector<wz::PackageInfo>> getPackages();
+    /// The package \p uuid; a default PackageInfo (empty uuid) after a failure.
     QFuture<wz::PackageInfo> getPackage(const QString &uuid);
+    /// The icon of the package \p uuid; a null image after a failure or when
+    /// it has none.
     QFuture<QImage> getPackageIcon(const QString &uuid);
-    // (session key, directory on the robot); an empty key means failure and
-    // the second member is the reason.
+    /// (session key, directory on the robot); an empty key means failure and
+    /// the second member is the reason.
     QFuture<QPair<QString, QString>> openFileTransferSession(const QString &name);
+    /// Ends the session that openFileTransferSession() opened.
     QFuture<void> closeFileTransferSession(const QString &session);
-    // Installs a package file already on the robot.
+    /// Installs a package file already on the robot.
     QFuture<QString> install(const QString &path, const QString &option, const QString &md5);
-    // Sends a local package file through `synchronizer` (which the caller
-    // owns, and may follow and cancel), then installs it.
+    /// Sends a local package file through `synchronizer` (which the caller
+    /// owns, and may follow and cancel), then installs it.
     QFuture<QString> installFromRemote(HttpProjectSynchronizer *synchronizer, const QString &source,
                                        const QString &option);
+    /// Removes the package \p uuid; an error text, empty for success.
     QFuture<QString> remove(const QString &uuid);
-    // Empty when all went well; otherwise a count first, then one text per failure.
+    /// Empty when all went well; otherwise a count first, then one text per failure.
     QFuture<QStringList> removeSeveral(const QStringList &uuids);
 
 signals:
@@ -71,7 +88,9 @@ signals:
     /// the application may drop the object. Emitted once, on the thread that
     /// destroys the connection.
     void connectionEnded();
+    /// A package was installed on the robot, from here or elsewhere.
     void packageInstalled(wz::PackageInfo packageInfo);
+    /// A package was removed from the robot, from here or elsewhere.
     void packageRemoved(wz::PackageInfo packageInfo);
 };
 

@@ -17,20 +17,31 @@ class Connection;
 class ExecuterThread;
 class ResourcesExecuter;
 
-// The resource preferences ("vxresourcemanager" of "VXPreferences"), passed
-// on in the robot's own shape, and the current owners of the resources.
+/// The resource preferences ("vxresourcemanager" of "VXPreferences"), passed
+/// on in the robot's own shape, and the current owners of the resources.
+///
+/// \b Thread and \b ownership as for every interface (see MorvaneInterface):
+/// it lives on the connection's worker thread and its signals come on library
+/// threads, so connect them with a receiver object on the GUI thread. It is
+/// new at every connection, shared by the connection and the holders of
+/// ConnectionManager::resourcesInterface(): drop the pointer on
+/// ConnectionManager::disconnected(). Its methods return at once and may be
+/// called from any thread.
 class NIMIOB_EXPORT ResourcesInterface : public QObject,
                                          public MorvaneInterface<ResourcesExecuter, ExecuterThread>
 {
     Q_OBJECT
 
 public:
+    /// Made by the connection's worker thread; applications take it from
+    /// ConnectionManager::resourcesInterface().
     explicit ResourcesInterface(boost::shared_ptr<Connection> connection);
+    /// Waits for the calls it started and for its executer's thread.
     ~ResourcesInterface() override;
 
-    // Emits resourcesRequested(); nothing comes back when the read fails.
+    /// Emits resourcesRequested(); nothing comes back when the read fails.
     void getResources();
-    // "ownersGet" of "VXResourceManager"; an invalid value when it cannot be asked.
+    /// "ownersGet" of "VXResourceManager"; an invalid value when it cannot be asked.
     QFuture<VX::VXValue> getOwners();
 
 signals:
@@ -45,7 +56,9 @@ signals:
     /// the application may drop the object. Emitted once, on the thread that
     /// destroys the connection.
     void connectionEnded();
+    /// Carries getResources() to the executer's thread.
     void resourcesRequested();
+    /// The preference file "vxresourcemanager", in the robot's own shape.
     void resourcesReceived(VX::VXValue resources);
 };
 

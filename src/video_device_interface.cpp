@@ -8,6 +8,22 @@
 
 namespace RK {
 
+// The camera's sizes double with each resolution index, from 160x120.
+int videoImageWidth(int resolution)
+{
+    return resolution >= 0 && resolution <= k_maxVideoResolution ? 160 << resolution : 0;
+}
+
+int videoImageHeight(int resolution)
+{
+    return resolution >= 0 && resolution <= k_maxVideoResolution ? 120 << resolution : 0;
+}
+
+std::size_t videoBufferSize(int resolution)
+{
+    return std::size_t(videoImageWidth(resolution)) * std::size_t(videoImageHeight(resolution)) * 4;
+}
+
 VideoDeviceInterface::VideoDeviceInterface(boost::shared_ptr<Connection> connection)
     : QObject(nullptr), MorvaneInterface(connection, QStringLiteral("VideoDeviceInterface"))
 {

@@ -18,7 +18,7 @@ int cameraCommand(Console &console, const QStringList &arguments)
     int period = 20;
     int forMs = 5000;
     QString png;
-    args.number("res", resolution, 0, 3);
+    args.number("res", resolution, 0, RK::k_maxVideoResolution);
     args.number("period", period, 1, 10000);
     args.duration("for", forMs);
     if (args.option("png", png) && png.isEmpty())
@@ -33,9 +33,8 @@ int cameraCommand(Console &console, const QStringList &arguments)
         return missing(console, "VXVideoDevice", "camera");
     Waiter waiter(console);
     waiter.observe(video->executerObject(), QStringLiteral("VXVideoDevice"));
-    const std::size_t largest = std::size_t(160 << resolution) * (120 << resolution) * 4;
-    const auto one = RK::makeProtectedBuffer(largest);
-    const auto two = RK::makeProtectedBuffer(largest);
+    const auto one = RK::makeProtectedBuffer(RK::videoBufferSize(resolution));
+    const auto two = RK::makeProtectedBuffer(RK::videoBufferSize(resolution));
 
     int images = 0;
     int width = 0;

@@ -83,16 +83,19 @@ void BehaviorPane::attach(RK::ConnectionManager &manager)
         if (m_behaviors)
             m_behaviors->requestBehaviors();
     });
-    connect(m_behaviors.get(), &I::displayErrorRequested, this,
-            [this](QString title, QString contents, QString details, bool) {
-                RK::OperationError error;
-                error.operation = QStringLiteral("behaviors");
-                error.title = title;
-                error.contents = contents;
-                error.details = details;
-                emit errorOccurred(error);
-            });
-    relayExecuterErrors(m_behaviors->executerObject(), QStringLiteral("behaviors"));
+    // The instance asks whether the behaviour is there; an answer of no is
+    // its only failure without an errorOccurred of its own.
+    connect(m_behaviors.get(), &I::behaviorPresent, this, [this](QString name, bool present) {
+        if (!present && m_instance
+            && RK::BehaviorInstanceManager::sameBehavior(name, m_instance->behaviorName()))
+            fail(QStringLiteral("playBehavior"), RK::ErrorCode::RobotFailed,
+                 tr("Behavior %1 is not on the robot").arg(name));
+    });
+    // A failed preload is the instance's to tell, with its box (errorInBox).
+    connect(m_behaviors.get(), &I::errorOccurred, this, [this](const RK::OperationError &error) {
+        if (error.operation != QLatin1String("preloadBehavior"))
+            relayError(error);
+    });
     m_behaviors->requestBehaviors();
     m_behaviors->requestRunningBehaviors();
     m_refresh->setEnabled(true);
@@ -104,7 +107,6 @@ void BehaviorPane::detach()
 {
     if (m_behaviors)
         disconnect(m_behaviors.get(), nullptr, this, nullptr);
-    dropExecuterErrors();
     m_behaviors.reset();
     m_refresh->setEnabled(false);
     m_run->setEnabled(false);
@@ -124,15 +126,8 @@ void BehaviorPane::run(const QString &name)
         fail(QStringLiteral("playBehavior"), RK::ErrorCode::RobotFailed,
              tr("Error in box %1").arg(box.isEmpty() ? QStringLiteral("?") : box), text);
     });
-    connect(m_instance.get(), &Instance::errorStartingBehavior, this,
-            [this](QString title, QString message, QString details) {
-                RK::OperationError error;
-                error.operation = QStringLiteral("playBehavior");
-                error.title = title;
-                error.contents = message;
-                error.details = details;
-                emit errorOccurred(error);
-            });
+    // A refused start; errorStartingBehavior carries the same texts again.
+    relayErrors(m_instance.get());
     m_state->setText(tr("%1: asking the robot").arg(name));
 }
 

@@ -16,12 +16,6 @@ namespace {
 const int k_viewWidth = 320;
 const int k_viewHeight = 240;
 
-// 4 bytes a pixel (blue, green, red, alpha) at the robot's resolution index.
-std::size_t bufferBytes(int resolution)
-{
-    return std::size_t(160 << resolution) * std::size_t(120 << resolution) * 4;
-}
-
 } // namespace
 
 CameraPane::CameraPane(QWidget *parent) : Pane(tr("Camera"), parent)
@@ -29,8 +23,11 @@ CameraPane::CameraPane(QWidget *parent) : Pane(tr("Camera"), parent)
     setObjectName(QStringLiteral("cameraPane"));
     m_resolution = new QComboBox(this);
     m_resolution->setObjectName(QStringLiteral("cameraResolution"));
-    m_resolution->addItems({QStringLiteral("160x120"), QStringLiteral("320x240"),
-                            QStringLiteral("640x480"), QStringLiteral("1280x960")});
+    // The combo box's index is the robot's resolution index.
+    for (int index = 0; index <= RK::k_maxVideoResolution; ++index)
+        m_resolution->addItem(QStringLiteral("%1x%2")
+                                  .arg(RK::videoImageWidth(index))
+                                  .arg(RK::videoImageHeight(index)));
     m_resolution->setCurrentIndex(2);
     m_period = new QSpinBox(this);
     m_period->setObjectName(QStringLiteral("cameraPeriod"));
@@ -87,14 +84,15 @@ void CameraPane::attach(RK::ConnectionManager &manager)
     connect(m_video.get(), &RK::VideoDeviceInterface::imageReceived, this,
             [this](boost::shared_ptr<RK::ProtectedBuffer> buffer, int width, int height,
                    boost::shared_ptr<VX::VXValue>) { onImage(buffer, width, height); });
+    // A refused subscription comes as errorOccurred and acquisitionError
+    // both; a failed poll only as acquisitionError.
+    relayErrors(m_video.get());
     connect(m_video.get(), &RK::VideoDeviceInterface::acquisitionError, this,
             [this](RK::VideoAcquisitionError code) {
                 m_running = false;
-                fail(QStringLiteral("startVideo"), RK::ErrorCode::RobotFailed,
-                     tr("The camera stopped"),
-                     code == RK::VideoErrorAlreadySubscribed
-                         ? tr("another application holds the camera")
-                         : tr("acquisition error %1").arg(int(code)));
+                if (code == RK::VideoErrorImageRetrieval)
+                    fail(QStringLiteral("startVideo"), RK::ErrorCode::RobotFailed,
+                         tr("The camera stopped"), tr("an image could not be retrieved"));
                 showInfo();
             });
     if (m_on)
@@ -132,8 +130,8 @@ void CameraPane::start()
     if (!m_video || m_running)
         return;
     const int resolution = m_resolution->currentIndex();
-    m_one = RK::makeProtectedBuffer(bufferBytes(resolution));
-    m_two = RK::makeProtectedBuffer(bufferBytes(resolution));
+    m_one = RK::makeProtectedBuffer(RK::videoBufferSize(resolution));
+    m_two = RK::makeProtectedBuffer(RK::videoBufferSize(resolution));
     m_images = 0;
     m_windowImages = 0;
     m_rate = 0;

@@ -150,7 +150,7 @@ void MemoryPane::attach(RK::ConnectionManager &manager)
                         m_plot->append(key.key(), samples);
                 }
             });
-    relayExecuterErrors(m_memory->executerObject(), QStringLiteral("watchKeys"));
+    relayErrors(m_memory.get());
     // The watcher lives with the interface: a new connection starts from nothing.
     startWatching();
 }
@@ -159,7 +159,6 @@ void MemoryPane::detach()
 {
     if (m_memory)
         disconnect(m_memory.get(), nullptr, this, nullptr);
-    dropExecuterErrors();
     m_memory.reset();
 }
 

@@ -4,7 +4,6 @@
 #include <connection/operation_error.h>
 
 #include <QGroupBox>
-#include <QPointer>
 #include <QString>
 
 namespace panel {
@@ -29,39 +28,26 @@ signals:
     void errorOccurred(const RK::OperationError &error);
 
 protected:
-    // Relays the executer's error(QString title, QString contents, QString
-    // details) as errorOccurred for `operation` until the next detach. The
-    // executer's class is internal, so the link is made by signature; it is
-    // queued, as the executer emits on its own thread. An interface that has
-    // errorOccurred(const RK::OperationError &) of its own is connected to
-    // this pane's errorOccurred instead, with the pane as the context.
-    void relayExecuterErrors(QObject *executer, const QString &operation);
-    void dropExecuterErrors();
+    // Shows the failures of `source` (an interface, or anything else with
+    // errorOccurred(const RK::OperationError &)). The pane is the context:
+    // the interface emits on a library thread, the pane gets it queued on
+    // the GUI thread, and detach()'s disconnect from the interface ends it.
+    template<typename Source>
+    void relayErrors(Source *source)
+    {
+        connect(source, &Source::errorOccurred, this, &Pane::relayError);
+    }
     void fail(const QString &operation, RK::ErrorCode code, const QString &contents,
               const QString &details = QString());
 
-private:
-    QPointer<QObject> m_relay;
+protected slots:
+    // Emits errorOccurred for an error worth listing.
+    void relayError(const RK::OperationError &error);
 };
 
-// Receives one executer's error() on the GUI thread.
-class ExecuterErrorRelay : public QObject
-{
-    Q_OBJECT
-
-public:
-    ExecuterErrorRelay(const QString &operation, QObject *parent)
-        : QObject(parent), m_operation(operation)
-    { }
-
-signals:
-    void errorOccurred(const RK::OperationError &error);
-
-public slots:
-    void onError(QString title, QString contents, QString details);
-
-private:
-    QString m_operation;
-};
+// Whether the panel lists `error`: a call cut short by the connection's end
+// is not, as the panel shows the loss itself, once, and reconnects; one entry
+// per call in flight would be noise.
+bool worthListing(const RK::OperationError &error);
 
 } // namespace panel

@@ -236,11 +236,11 @@ void RobotPanel::onConnectionEstablished()
     if (m_batteryInterface) {
         connect(m_batteryInterface.get(), &RK::BatteryInterface::updateBatteryLevelRequested, this,
                 [this](int percent) { m_battery->setValue(percent); });
-        auto *relay = new ExecuterErrorRelay(QStringLiteral("getBatteryLevel"), this);
-        connect(m_batteryInterface->executerObject(), SIGNAL(error(QString, QString, QString)),
-                relay, SLOT(onError(QString, QString, QString)));
-        connect(relay, &ExecuterErrorRelay::errorOccurred, this, &RobotPanel::reportError);
-        m_batteryErrors = relay;
+        connect(m_batteryInterface.get(), &RK::BatteryInterface::errorOccurred, this,
+                [this](const RK::OperationError &error) {
+                    if (worthListing(error))
+                        reportError(error);
+                });
         m_batteryInterface->getBatteryLevel();
         m_batteryTimer.start();
     }
@@ -258,7 +258,6 @@ void RobotPanel::onDisconnected()
         pane->detach();
     if (m_batteryInterface)
         disconnect(m_batteryInterface.get(), nullptr, this, nullptr);
-    delete m_batteryErrors;
     m_batteryInterface.reset();
     m_batteryTimer.stop();
     m_battery->setValue(0);

@@ -5,7 +5,6 @@
 #include <connection/operation_error.h>
 
 #include <QHash>
-#include <QPointer>
 #include <QTimer>
 #include <QWidget>
 
@@ -86,7 +85,6 @@ private:
     std::unique_ptr<RK::ConnectionManager> m_manager;
     std::vector<Pane *> m_panes;
     boost::shared_ptr<RK::BatteryInterface> m_batteryInterface;
-    QPointer<QObject> m_batteryErrors;
     QTimer m_batteryTimer;
     QTimer m_shutdownLimit;
     bool m_shuttingDown = false;
