@@ -7,6 +7,7 @@
 #include "robot_fixture.h"
 
 #include "connection_manager_p.h"
+#include "connection_p.h"
 #include "executer_thread_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
