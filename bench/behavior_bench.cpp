@@ -9,10 +9,11 @@
 //           bare startBehavior call plus the "BehaviorsRun" event it causes,
 //           seen at dataSubscribedChanged. Goal: at most 3 times, median of 50.
 
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/behavior_debugger.h>
 #include <connection/behavior_instance_manager.h>
 #include <connection/behavior_manager_interface.h>
-#include <connection/connection.h>
 #include <connection/connection_manager.h>
 #include <connection/sartel_module.h>
 
@@ -160,7 +161,7 @@ void BM_StartToRunning(benchmark::State &state)
         return;
     }
     const boost::shared_ptr<VX::VXProxy> proxy
-        = desktop.manager.currentConnection()->behaviorManager();
+        = RK::currentConnection(desktop.manager)->behaviorManager();
     using Instance = RK::BehaviorInstanceManager;
     Instance instance(&desktop.manager, "bench", QString(), true);
     // Baseline: the start call and the running list it causes, seen where

@@ -219,7 +219,11 @@ void BM_GuiThreadLateness(benchmark::State &benchState)
     double baseline = 0;
     for (auto _ : benchState) {
         panel::RobotPanel panel;
-        panel.manager().reconnectionManager()->setSettings({100, 3, 12});
+        RK::ConnectionTiming timing = panel.manager().timing();
+        timing.reconnectionTickMs = 100;
+        timing.reconnectionFirstDelay = 3;
+        timing.reconnectionMaxDelay = 12;
+        panel.manager().setTiming(timing);
         panel.setRobot(QString::fromStdString(robot->url().host()), robot->url().port(),
                        QStringLiteral("bench robot"));
         panel.show();

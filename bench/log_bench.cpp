@@ -10,7 +10,7 @@
 // rate of the second against the first; the goal is at least 20 000
 // messages/s through the interface, none lost, ratio at least 0.5.
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/connection_manager.h>
 #include <connection/log_listener_interface.h>
 

@@ -9,8 +9,9 @@
 //          against the getData call alone on the same thread.
 // The goal is a parse of at most 100 ms.
 
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include "memory_executer_p.h"
-#include <connection/connection.h>
 #include <connection/connection_manager.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
@@ -121,7 +122,7 @@ void BM_GatherTickOverTcp(benchmark::State &state)
         return;
     }
     const boost::shared_ptr<RK::MemoryInterface> memory = manager.memoryInterface();
-    const boost::shared_ptr<VX::VXProxy> watcher = manager.currentConnection()->memoryWatcher();
+    const boost::shared_ptr<VX::VXProxy> watcher = RK::currentConnection(manager)->memoryWatcher();
     RK::MemoryExecuter *executer = memory->executer();
     int batches = 0;
     QObject receiver;

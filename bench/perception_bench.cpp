@@ -9,7 +9,8 @@
 //            same signals delivered to a plain framework subscriber that only
 //            counts them; the final list must equal the robot's.
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/connection_manager.h>
 #include <connection/people_perception_interface.h>
 #include <connection/platform.h>
@@ -112,7 +113,7 @@ void BM_WorldPolling(benchmark::State &state)
         const int polledComplete = complete;
 
         RK::WorldRepresentationExecuter *executer = world->executer();
-        const auto proxy = bench.manager.currentConnection()->worldRepresentation();
+        const auto proxy = RK::currentConnection(bench.manager)->worldRepresentation();
         for (int round = 0; round < 50; ++round) {
             QMetaObject::invokeMethod(
                 executer,

@@ -53,7 +53,9 @@ void BM_KillRestartReconnect(benchmark::State &state)
 
     RK::ConnectionManager manager;
     RK::ReconnectionManager *reconnection = manager.reconnectionManager();
-    reconnection->setSettings({k_tickMs, 30, 1200});
+    RK::ConnectionTiming timing;
+    timing.reconnectionTickMs = k_tickMs;
+    manager.setTiming(timing);
     int established = 0;
     int lost = 0;
     int failedAttempts = 0;

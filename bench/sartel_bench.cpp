@@ -11,8 +11,9 @@
 //           thread through the same proxy, with nothing emitted. Goal: within
 //           the 60 ms period.
 
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include "sartel_executer_p.h"
-#include <connection/connection.h>
 #include <connection/connection_manager.h>
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
@@ -161,7 +162,7 @@ void BM_PollTick100Keys(benchmark::State &state)
     }
     RK::VXSartelExecuter *executer = desktop.module->executer();
     const boost::shared_ptr<VX::VXMemoryProxy> memory
-        = desktop.manager.currentConnection()->memory();
+        = RK::currentConnection(desktop.manager)->memory();
     std::vector<std::string> keys;
     for (int i = 0; i < k_keys; ++i) {
         keys.push_back("Bench/Key" + std::to_string(i));

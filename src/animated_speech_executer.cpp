@@ -2,7 +2,7 @@
 #include "executer_call_p.h"
 #include "service_table_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/platform.h>
 
 #include <boost/make_shared.hpp>

@@ -4,8 +4,8 @@
 #include "sartel_executer_p.h"
 #include "service_table_p.h"
 
+#include "connection_p.h"
 #include <connection/audio_interface.h>
-#include <connection/connection.h>
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
 

@@ -1,5 +1,5 @@
+#include "connection_p.h"
 #include <connection/autonomous_life_interface.h>
-#include <connection/connection.h>
 #include <connection/future_interface.h>
 #include <connection/meta_types.h>
 #include <connection/sartel_module.h>

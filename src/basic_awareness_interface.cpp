@@ -2,8 +2,8 @@
 #include "people_perception_interface_p.h"
 #include "service_table_p.h"
 
+#include "connection_p.h"
 #include <connection/basic_awareness_interface.h>
-#include <connection/connection.h>
 #include <connection/platform.h>
 
 #include <QMetaObject>

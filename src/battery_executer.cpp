@@ -1,8 +1,8 @@
 #include "battery_executer_p.h"
 #include "executer_call_p.h"
 
+#include "connection_p.h"
 #include <connection/battery_interface.h>
-#include <connection/connection.h>
 #include <connection/platform.h>
 
 #include <exception>

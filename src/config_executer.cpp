@@ -1,7 +1,7 @@
 #include "config_executer_p.h"
 #include "executer_call_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/platform.h>
 
 #include <wz/log.h>

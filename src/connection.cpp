@@ -5,7 +5,6 @@
 #include <connection/battery_interface.h>
 #include <connection/behavior_manager_interface.h>
 #include <connection/config_interface.h>
-#include <connection/connection.h>
 #include <connection/dialog_interface.h>
 #include <connection/engagement_zones_interface.h>
 #include <connection/launcher_interface.h>
@@ -22,6 +21,7 @@
 #include <connection/video_device_interface.h>
 #include <connection/world_representation_interface.h>
 
+#include "connection_p.h"
 #include "sartel_almodule_p.h"
 #include "service_table_p.h"
 
@@ -49,12 +49,6 @@ boost::shared_ptr<VX::VXProxy> makeGenericProxy(wz::Session *session, const std:
 {
     wz::Object object = session->service(name, "").value();
     return boost::make_shared<VX::VXProxy>(object, name);
-}
-
-template<typename T>
-boost::shared_ptr<T> loadField(const boost::shared_ptr<T> &field)
-{
-    return boost::atomic_load(&field);
 }
 
 // Clears one interface field and releases what it held before the next one is
@@ -279,111 +273,77 @@ boost::shared_ptr<VX::VXProxy> Connection::proxyAt(std::size_t row) const
     return m_proxies[row];
 }
 
-// Each interface object has its place in this order; a service lands by
-// filling in its own marked spot. Every object receives shared_from_this()
-// and is made by makeInterface<T>(), never by boost::make_shared.
+// Most interface objects take only the connection; the two that take more
+// are made below.
+template<typename T>
+boost::shared_ptr<T> Connection::makeInterfaceObject(const boost::shared_ptr<Connection> &self)
+{
+    return makeInterface<T>(self);
+}
+
+// The recorder is also a service of the desktop, registered under its
+// object name; a failure to register it fails the connection.
+template<>
+boost::shared_ptr<VXSartelRecorder>
+Connection::makeInterfaceObject<VXSartelRecorder>(const boost::shared_ptr<Connection> &self)
+{
+    const boost::shared_ptr<VXSartelRecorder> recorder
+        = makeInterface<VXSartelRecorder>(m_session, self, nullptr);
+    m_recorderServiceId = m_session
+                              ->registerService(recorder->objectName().toUtf8().toStdString(),
+                                                wz::makeObject(recorder))
+                              .value();
+    return recorder;
+}
+
+// Autonomous life has no proxy row: the session hands out the object itself.
+template<>
+boost::shared_ptr<AutonomousLifeInterface>
+Connection::makeInterfaceObject<AutonomousLifeInterface>(const boost::shared_ptr<Connection> &self)
+{
+    wz::Object life = m_session->service("VXAutonomousLife", "").value();
+    return makeInterface<AutonomousLifeInterface>(self, life);
+}
+
+template<typename T>
+void Connection::buildInterface(boost::shared_ptr<T> &field, int condition,
+                                InterfaceFailure failure, const char *typeName,
+                                const boost::shared_ptr<Connection> &self)
+{
+    if (condition != interface_condition::Always && !isBound(static_cast<std::size_t>(condition)))
+        return;
+    if (failure == InterfaceFailure::Fails) {
+        field = makeInterfaceObject<T>(self);
+        return;
+    }
+    try {
+        field = makeInterfaceObject<T>(self);
+    } catch (const std::exception &e) {
+        if (failure == InterfaceFailure::Logged) {
+            // "EngagementZonesInterface" is logged as "EngagementZones interface".
+            std::string name(typeName);
+            const std::string suffix = "Interface";
+            if (name.size() > suffix.size()
+                && name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
+                name.erase(name.size() - suffix.size());
+            wz::log::LogStream(wz::LogLevel_Warning, k_category, "buildInterfaces")
+                << "Could not initialize " << name << " interface: " << e.what();
+        }
+        releaseField(field);
+    }
+}
+
+// In the order of the interface table. Every object receives
+// shared_from_this() and is made by makeInterface<T>(), never by
+// boost::make_shared.
 void Connection::buildInterfaces()
 {
     const boost::shared_ptr<Connection> self = shared_from_this();
-
-    // [1 MemoryInterface] always:
-    m_memoryInterface = makeInterface<MemoryInterface>(self);
-
-    // [2 SartelModuleInterface] always:
-    m_sartelModuleInterface = makeInterface<SartelModuleInterface>(self);
-
-    // [3 VXSartelRecorder] always, then registered under its object name; a
-    // failure of the registration fails the connection:
-    m_recorderModule = makeInterface<VXSartelRecorder>(m_session, self, nullptr);
-    m_recorderServiceId
-        = m_session
-              ->registerService(m_recorderModule->objectName().toUtf8().toStdString(),
-                                wz::makeObject(m_recorderModule))
-              .value();
-
-    // [4 RobotStateReceiver] always:
-    m_robotStateReceiver = makeInterface<RobotStateReceiver>(self);
-
-    if (videoDevice()) {
-        // [5 VideoDeviceInterface] with the camera proxy:
-        m_videoDeviceInterface = makeInterface<VideoDeviceInterface>(self);
-    }
-
-    // [6 ResourcesInterface] always.
-    m_resourcesInterface = makeInterface<ResourcesInterface>(self);
-    // [7 BehaviorManagerInterface] always.
-    m_behaviorManagerInterface = makeInterface<BehaviorManagerInterface>(self);
-    // [8 ConfigInterface] always.
-    m_configInterface = makeInterface<ConfigInterface>(self);
-    // [9 LogListenerInterface] always.
-    m_logListenerInterface = makeInterface<LogListenerInterface>(self);
-    // [10 AudioInterface] always.
-    m_audioInterface = makeInterface<AudioInterface>(self);
-    // [11 AnimatedSpeechInterface] always.
-    m_animatedSpeechInterface = makeInterface<AnimatedSpeechInterface>(self);
-    // [12 BatteryInterface] always.
-    m_batteryInterface = makeInterface<BatteryInterface>(self);
-    // [13 LauncherInterface] always.
-    m_launcherInterface = makeInterface<LauncherInterface>(self);
-
-    if (robotPosture()) {
-        // [14 RobotPostureInterface]
-        m_robotPostureInterface = makeInterface<RobotPostureInterface>(self);
-    }
-    if (dialog()) {
-        // [15 DialogInterface]
-        m_dialogInterface = makeInterface<DialogInterface>(self);
-    }
-    if (m_worldRepresentation) {
-        // [16 WorldRepresentationInterface]
-        m_worldRepresentationInterface = makeInterface<WorldRepresentationInterface>(self);
-    }
-    if (packageManager()) {
-        // [17 PackageManagerInterface]
-        m_packageManagerInterface = makeInterface<PackageManagerInterface>(self);
-    }
-
-    if (m_engagementZones) {
-        try {
-            // [18 EngagementZonesInterface]
-            m_engagementZonesInterface = makeInterface<EngagementZonesInterface>(self);
-        } catch (const std::exception &e) {
-            wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-                << "Could not initialize EngagementZones interface: " << e.what();
-            releaseField(m_engagementZonesInterface);
-        }
-    }
-
-    // [19 AutonomousLifeInterface] only if the session gives the service
-    // "VXAutonomousLife"; any std::exception clears the field without a word.
-    try {
-        wz::Object life = m_session->service("VXAutonomousLife", "").value();
-        m_autonomousLifeInterface = makeInterface<AutonomousLifeInterface>(self, life);
-    } catch (const std::exception &) {
-        releaseField(m_autonomousLifeInterface);
-    }
-
-    if (m_peoplePerception) {
-        try {
-            // [20 PeoplePerceptionInterface]
-            m_peoplePerceptionInterface = makeInterface<PeoplePerceptionInterface>(self);
-        } catch (const std::exception &e) {
-            wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-                << "Could not initialize PeoplePerception interface: " << e.what();
-            releaseField(m_peoplePerceptionInterface);
-        }
-    }
-
-    if (m_basicAwareness) {
-        try {
-            // [21 BasicAwarenessInterface]
-            m_basicAwarenessInterface = makeInterface<BasicAwarenessInterface>(self);
-        } catch (const std::exception &e) {
-            wz::log::LogStream(wz::LogLevel_Warning, k_category, __FUNCTION__)
-                << "Could not initialize BasicAwareness interface: " << e.what();
-            releaseField(m_basicAwarenessInterface);
-        }
-    }
+#define NIMIOB_BUILD_INTERFACE(type, accessor, condition, failure, release) \
+    buildInterface<type>(m_##accessor, interface_condition::condition, InterfaceFailure::failure, \
+                         #type, self);
+    NIMIOB_INTERFACE_TABLE(NIMIOB_BUILD_INTERFACE)
+#undef NIMIOB_BUILD_INTERFACE
 }
 
 // Only connectionTested is forwarded by the manager; the error signals end
@@ -490,30 +450,18 @@ void Connection::unregisterServices()
     }
 }
 
+// In the table's order of release, each object gone before the next is
+// touched. Those with no place stay until the connection itself goes.
 void Connection::destroyInterfaces()
 {
     unregisterServices();
-    releaseField(m_memoryInterface);
-    releaseField(m_sartelModuleInterface);
-    releaseField(m_recorderModule);
-    releaseField(m_robotStateReceiver);
-    releaseField(m_videoDeviceInterface);
-    releaseField(m_resourcesInterface);
-    releaseField(m_behaviorManagerInterface);
-    releaseField(m_configInterface);
-    releaseField(m_audioInterface);
-    releaseField(m_animatedSpeechInterface);
-    releaseField(m_batteryInterface);
-    releaseField(m_launcherInterface);
-    releaseField(m_robotPostureInterface);
-    releaseField(m_dialogInterface);
-    releaseField(m_worldRepresentationInterface);
-    releaseField(m_packageManagerInterface);
-    releaseField(m_autonomousLifeInterface);
-    releaseField(m_engagementZonesInterface);
-    releaseField(m_peoplePerceptionInterface);
-    // The log listener and basic awareness interfaces stay until the
-    // connection itself goes.
+    for (int place = 1; place <= static_cast<int>(k_interfaceCount); ++place) {
+#define NIMIOB_RELEASE_INTERFACE(type, accessor, condition, failure, release) \
+    if (release == place) \
+        releaseField(m_##accessor);
+        NIMIOB_INTERFACE_TABLE(NIMIOB_RELEASE_INTERFACE)
+#undef NIMIOB_RELEASE_INTERFACE
+    }
 }
 
 void Connection::destroyProxiesConnections()
@@ -591,90 +539,5 @@ NIMIOB_GENERIC_ACCESSOR(launcher, Launcher)
 NIMIOB_GENERIC_ACCESSOR(dialog, Dialog)
 NIMIOB_GENERIC_ACCESSOR(packageManager, PackageManager)
 #undef NIMIOB_GENERIC_ACCESSOR
-
-boost::shared_ptr<SartelModuleInterface> Connection::sartelModuleInterface() const
-{
-    return loadField(m_sartelModuleInterface);
-}
-boost::shared_ptr<VXSartelRecorder> Connection::recorderModule() const
-{
-    return loadField(m_recorderModule);
-}
-boost::shared_ptr<RobotStateReceiver> Connection::robotStateReceiver() const
-{
-    return loadField(m_robotStateReceiver);
-}
-boost::shared_ptr<VideoDeviceInterface> Connection::videoDeviceInterface() const
-{
-    return loadField(m_videoDeviceInterface);
-}
-boost::shared_ptr<ResourcesInterface> Connection::resourcesInterface() const
-{
-    return loadField(m_resourcesInterface);
-}
-boost::shared_ptr<BehaviorManagerInterface> Connection::behaviorManagerInterface() const
-{
-    return loadField(m_behaviorManagerInterface);
-}
-boost::shared_ptr<MemoryInterface> Connection::memoryInterface() const
-{
-    return loadField(m_memoryInterface);
-}
-boost::shared_ptr<ConfigInterface> Connection::configInterface() const
-{
-    return loadField(m_configInterface);
-}
-boost::shared_ptr<LogListenerInterface> Connection::logListenerInterface() const
-{
-    return loadField(m_logListenerInterface);
-}
-boost::shared_ptr<AudioInterface> Connection::audioInterface() const
-{
-    return loadField(m_audioInterface);
-}
-boost::shared_ptr<AnimatedSpeechInterface> Connection::animatedSpeechInterface() const
-{
-    return loadField(m_animatedSpeechInterface);
-}
-boost::shared_ptr<BatteryInterface> Connection::batteryInterface() const
-{
-    return loadField(m_batteryInterface);
-}
-boost::shared_ptr<LauncherInterface> Connection::launcherInterface() const
-{
-    return loadField(m_launcherInterface);
-}
-boost::shared_ptr<RobotPostureInterface> Connection::robotPostureInterface() const
-{
-    return loadField(m_robotPostureInterface);
-}
-boost::shared_ptr<DialogInterface> Connection::dialogInterface() const
-{
-    return loadField(m_dialogInterface);
-}
-boost::shared_ptr<WorldRepresentationInterface> Connection::worldRepresentationInterface() const
-{
-    return loadField(m_worldRepresentationInterface);
-}
-boost::shared_ptr<PackageManagerInterface> Connection::packageManagerInterface() const
-{
-    return loadField(m_packageManagerInterface);
-}
-boost::shared_ptr<AutonomousLifeInterface> Connection::autonomousLifeInterface() const
-{
-    return loadField(m_autonomousLifeInterface);
-}
-boost::shared_ptr<EngagementZonesInterface> Connection::engagementZonesInterface() const
-{
-    return loadField(m_engagementZonesInterface);
-}
-boost::shared_ptr<PeoplePerceptionInterface> Connection::peoplePerceptionInterface() const
-{
-    return loadField(m_peoplePerceptionInterface);
-}
-boost::shared_ptr<BasicAwarenessInterface> Connection::basicAwarenessInterface() const
-{
-    return loadField(m_basicAwarenessInterface);
-}
 
 } // namespace RK

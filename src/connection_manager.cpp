@@ -1,5 +1,7 @@
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include "connection_threads_manager_p.h"
-#include <connection/connection.h>
+
 #include <connection/connection_manager.h>
 #include <connection/meta_types.h>
 #include <connection/platform.h>
@@ -32,15 +34,15 @@ void sessionDisconnected(const QPointer<ConnectionManager> &guard, const std::st
 } // namespace
 
 ConnectionManager::ConnectionManager(QObject *parent)
-    : QObject(parent), m_sessionLink(wz::SignalBase::invalidSignalLink), m_threadsManager(nullptr)
+    : QObject(parent), d(new ConnectionManagerPrivate)
 {
     qRegisterMetaType<wz::Future<void>>("wz::Future<void>");
     qRegisterMetaType<std::string>("std::string");
-    m_reconnectionManager = new ReconnectionManager(this);
-    m_threadsManager = new ConnectionThreadsManager(this);
-    connect(m_threadsManager, &ConnectionThreadsManager::allWorkersFinished, this,
+    d->reconnectionManager = new ReconnectionManager(this);
+    d->threadsManager = new ConnectionThreadsManager(this);
+    connect(d->threadsManager, &ConnectionThreadsManager::allWorkersFinished, this,
             &ConnectionManager::teardownFinished);
-    connect(m_threadsManager, &ConnectionThreadsManager::displayErrorRequested, this,
+    connect(d->threadsManager, &ConnectionThreadsManager::displayErrorRequested, this,
             &ConnectionManager::displayErrorRequested);
 }
 
@@ -49,15 +51,15 @@ ConnectionManager::ConnectionManager(QObject *parent)
 // been joined when this returns.
 ConnectionManager::~ConnectionManager()
 {
-    delete m_reconnectionManager;
-    m_reconnectionManager = nullptr;
-    if (m_session && m_sessionLink != wz::SignalBase::invalidSignalLink)
-        m_session->disconnected.disconnect(m_sessionLink);
-    m_sessionLink = wz::SignalBase::invalidSignalLink;
+    delete d->reconnectionManager;
+    d->reconnectionManager = nullptr;
+    if (d->session && d->sessionLink != wz::SignalBase::invalidSignalLink)
+        d->session->disconnected.disconnect(d->sessionLink);
+    d->sessionLink = wz::SignalBase::invalidSignalLink;
     boost::shared_ptr<Connection> current;
-    current.swap(m_connection);
-    m_threadsManager->shutdown(std::move(current));
-    releaseCurrent();
+    current.swap(d->connection);
+    d->threadsManager->shutdown(std::move(current));
+    d->releaseCurrent();
 }
 
 void ConnectionManager::connectRemoteBroker(const std::string &address, int port,
@@ -66,7 +68,7 @@ void ConnectionManager::connectRemoteBroker(const std::string &address, int port
     // A second attempt on the same robot would register the desktop's
     // services a second time, which the robot refuses, and its failure
     // would take the first connection down with it.
-    if (m_threadsManager->hasLiveWorkerFor(address, port)) {
+    if (d->threadsManager->hasLiveWorkerFor(address, port)) {
         wz::log::LogStream(wz::LogLevel_Warning, "con.connection", __FUNCTION__)
             << "Refused a second connection to " << address << ":" << port;
         emit displayErrorRequested(
@@ -82,14 +84,14 @@ void ConnectionManager::connectRemoteBroker(const std::string &address, int port
     // A place holder: the worker replaces it with the connection it builds.
     boost::shared_ptr<Connection> connection = boost::make_shared<Connection>(
         session.get(), QString::fromLatin1(address.c_str()), port, name);
-    connection->setTiming(m_timing);
-    if (!m_threadsManager->initConnection(session, connection, address, port, name))
+    connection->setTiming(d->timing);
+    if (!d->threadsManager->initConnection(session, connection, address, port, name))
         return;
-    setConnecting(true);
-    m_name = name;
-    m_lastAddress = QString::fromLatin1(address.c_str());
-    m_lastPort = port;
-    m_lastName = name;
+    d->setConnecting(this, true);
+    d->name = name;
+    d->lastAddress = QString::fromLatin1(address.c_str());
+    d->lastPort = port;
+    d->lastName = name;
 }
 
 void ConnectionManager::connectRemoteBroker(const std::string &address, int port)
@@ -99,19 +101,19 @@ void ConnectionManager::connectRemoteBroker(const std::string &address, int port
 
 void ConnectionManager::disconnectBroker()
 {
-    m_disconnectionRequested = true;
+    d->disconnectionRequested = true;
     destroyConnection();
 }
 
 void ConnectionManager::destroyConnection()
 {
-    if (m_session) {
-        m_session->disconnected.disconnect(m_sessionLink);
-        m_sessionLink = wz::SignalBase::invalidSignalLink;
+    if (d->session) {
+        d->session->disconnected.disconnect(d->sessionLink);
+        d->sessionLink = wz::SignalBase::invalidSignalLink;
     }
-    m_threadsManager->destroyConnection();
-    releaseCurrent();
-    setConnecting(false);
+    d->threadsManager->destroyConnection();
+    d->releaseCurrent();
+    d->setConnecting(this, false);
     emit disconnected();
 }
 
@@ -121,35 +123,35 @@ void ConnectionManager::onConnectionCreated(boost::shared_ptr<wz::Session> sessi
     // A connection that replaces a working one (another robot's): the old
     // one is torn down by its own worker, and must not report its own end
     // as our loss.
-    if (m_session && m_sessionLink != wz::SignalBase::invalidSignalLink)
-        m_session->disconnected.disconnect(m_sessionLink);
-    m_sessionLink = wz::SignalBase::invalidSignalLink;
-    if (m_connection)
-        m_threadsManager->retire(m_connection);
+    if (d->session && d->sessionLink != wz::SignalBase::invalidSignalLink)
+        d->session->disconnected.disconnect(d->sessionLink);
+    d->sessionLink = wz::SignalBase::invalidSignalLink;
+    if (d->connection)
+        d->threadsManager->retire(d->connection);
     // The connection before its session: it holds a plain pointer to it.
-    m_connection = connection;
-    m_session = session;
+    d->connection = connection;
+    d->session = session;
 
     const QPointer<ConnectionManager> guard(this);
-    m_sessionLink = m_session->disconnected.connect(
+    d->sessionLink = d->session->disconnected.connect(
         [guard](const std::string &reason) { sessionDisconnected(guard, reason); });
 
     // Queued, so that the outcome of the test always follows connectionEstablished(),
     // even when it is known at once.
-    connect(m_connection.get(), &Connection::connectionTested, this,
+    connect(d->connection.get(), &Connection::connectionTested, this,
             &ConnectionManager::connectionTested, Qt::QueuedConnection);
-    m_connection->testConnection();
+    d->connection->testConnection();
     emit connectionEstablished();
-    setConnecting(false);
-    m_disconnectionRequested = false;
+    d->setConnecting(this, false);
+    d->disconnectionRequested = false;
 }
 
 void ConnectionManager::onConnectionFailed()
 {
     // A failed attempt beside a working connection (to another robot) leaves
     // that connection alone.
-    if (m_connection) {
-        setConnecting(false);
+    if (d->connection) {
+        d->setConnecting(this, false);
         return;
     }
     destroyConnection();
@@ -166,17 +168,17 @@ void ConnectionManager::onSessionDisconnected(std::string error)
 void ConnectionManager::onMorvaneRestartNeeded()
 {
     if (isMorvaneRestartPossible())
-        m_restartNeeded = true;
+        d->restartNeeded = true;
 }
 
 void ConnectionManager::checkAvailableModules()
 {
-    if (!m_connection) {
+    if (!d->connection) {
         wz::log::LogStream(wz::LogLevel_Warning, "con.connection", __FUNCTION__)
             << "No connection to check the modules of";
         return;
     }
-    const QString details = m_connection->missingModulesReport();
+    const QString details = d->connection->missingModulesReport();
     if (details.isEmpty())
         return;
     emit displayErrorRequested(tr("Error"),
@@ -186,20 +188,20 @@ void ConnectionManager::checkAvailableModules()
 
 bool ConnectionManager::hasActiveWorkers() const
 {
-    return m_threadsManager && !m_threadsManager->threads().isEmpty();
+    return d->threadsManager && !d->threadsManager->threads().isEmpty();
 }
 
 bool ConnectionManager::isConnected() const
 {
-    return m_connection && m_connection->ready();
+    return d->connection && d->connection->ready();
 }
 
 bool ConnectionManager::getCurrentConnection(QString &ip, int &port) const
 {
-    if (!m_connection)
+    if (!d->connection)
         return false;
-    ip = m_connection->address();
-    port = m_connection->port();
+    ip = d->connection->address();
+    port = d->connection->port();
     return true;
 }
 
@@ -207,24 +209,24 @@ bool ConnectionManager::getCurrentConnection(QString &ip, int &port, QString &na
 {
     if (!getCurrentConnection(ip, port))
         return false;
-    name = m_connection->name();
+    name = d->connection->name();
     return true;
 }
 
 bool ConnectionManager::getCurrentConnectionHttp(std::string &ip, int &port) const
 {
-    if (!m_connection)
+    if (!d->connection)
         return false;
-    ip = m_connection->address().toLatin1().toStdString();
-    port = m_connection->httpTransferPort();
+    ip = d->connection->address().toLatin1().toStdString();
+    port = d->connection->httpTransferPort();
     return true;
 }
 
 void ConnectionManager::getLastConnectionInfo(QString &ip, int &port, QString &name) const
 {
-    ip = m_lastAddress;
-    port = m_lastPort;
-    name = m_lastName;
+    ip = d->lastAddress;
+    port = d->lastPort;
+    name = d->lastName;
 }
 
 bool ConnectionManager::match(const QString &ip, int port) const
@@ -239,70 +241,90 @@ bool ConnectionManager::match(const QString &ip, int port) const
 
 bool ConnectionManager::currentConnectionHasDCM() const
 {
-    return m_connection && m_connection->hasDCM();
+    return d->connection && d->connection->hasDCM();
 }
 
 bool ConnectionManager::currentConnectionHasAudioDevice() const
 {
-    return m_connection && m_connection->audioDevice();
+    return d->connection && d->connection->audioDevice();
 }
 
 bool ConnectionManager::checkMorvaneCompatibility(QString &clientVersion,
                                                   QString &robotVersion) const
 {
-    if (!m_connection)
+    if (!d->connection)
         return false;
-    return m_connection->checkMorvaneCompatibility(clientVersion, robotVersion);
+    return d->connection->checkMorvaneCompatibility(clientVersion, robotVersion);
 }
 
 QString ConnectionManager::morvaneVersion() const
 {
-    return m_connection ? m_connection->morvaneVersion() : QString();
+    return d->connection ? d->connection->morvaneVersion() : QString();
 }
 
-void ConnectionManager::setConnecting(bool on)
+void ConnectionManager::setTiming(const Timing &timing)
 {
-    if (m_connecting == on)
-        return;
-    m_connecting = on;
-    emit connecting(on);
+    d->timing = timing;
 }
 
-void ConnectionManager::releaseCurrent()
+const ConnectionManager::Timing &ConnectionManager::timing() const
+{
+    return d->timing;
+}
+
+bool ConnectionManager::isConnecting() const
+{
+    return d->connecting;
+}
+
+bool ConnectionManager::wasDisconnectionRequested() const
+{
+    return d->disconnectionRequested;
+}
+
+bool ConnectionManager::isMorvaneRestartPossible() const
+{
+    return false;
+}
+
+QStringList ConnectionManager::boundServices() const
+{
+    return d->connection ? d->connection->boundServices() : QStringList();
+}
+
+QStringList ConnectionManager::missingServices() const
+{
+    return d->connection ? d->connection->missingServices() : QStringList();
+}
+
+ReconnectionManager *ConnectionManager::reconnectionManager() const
+{
+    return d->reconnectionManager;
+}
+
+void ConnectionManagerPrivate::setConnecting(ConnectionManager *q, bool on)
+{
+    if (connecting == on)
+        return;
+    connecting = on;
+    emit q->connecting(on);
+}
+
+void ConnectionManagerPrivate::releaseCurrent()
 {
     // The connection before its session: it holds a plain pointer to it.
-    m_connection.reset();
-    m_session.reset();
+    connection.reset();
+    session.reset();
 }
 
-#define RK_CONNECTION_ACCESSOR(Type, accessor) \
-    boost::shared_ptr<Type> ConnectionManager::accessor() const \
+// One for each row of the interface table; the compiler holds the header's
+// declarations to it.
+#define NIMIOB_MANAGER_ACCESSOR(type, accessor, ...) \
+    boost::shared_ptr<type> ConnectionManager::accessor() const \
     { \
-        return m_connection ? m_connection->accessor() : boost::shared_ptr<Type>(); \
+        return d->connection ? d->connection->accessor() : boost::shared_ptr<type>(); \
     }
-
-RK_CONNECTION_ACCESSOR(RobotStateReceiver, robotStateReceiver)
-RK_CONNECTION_ACCESSOR(VideoDeviceInterface, videoDeviceInterface)
-RK_CONNECTION_ACCESSOR(ResourcesInterface, resourcesInterface)
-RK_CONNECTION_ACCESSOR(BehaviorManagerInterface, behaviorManagerInterface)
-RK_CONNECTION_ACCESSOR(MemoryInterface, memoryInterface)
-RK_CONNECTION_ACCESSOR(ConfigInterface, configInterface)
-RK_CONNECTION_ACCESSOR(SartelModuleInterface, sartelModuleInterface)
-RK_CONNECTION_ACCESSOR(VXSartelRecorder, recorderModule)
-RK_CONNECTION_ACCESSOR(AudioInterface, audioInterface)
-RK_CONNECTION_ACCESSOR(AnimatedSpeechInterface, animatedSpeechInterface)
-RK_CONNECTION_ACCESSOR(BatteryInterface, batteryInterface)
-RK_CONNECTION_ACCESSOR(LauncherInterface, launcherInterface)
-RK_CONNECTION_ACCESSOR(DialogInterface, dialogInterface)
-RK_CONNECTION_ACCESSOR(PackageManagerInterface, packageManagerInterface)
-RK_CONNECTION_ACCESSOR(AutonomousLifeInterface, autonomousLifeInterface)
-RK_CONNECTION_ACCESSOR(WorldRepresentationInterface, worldRepresentationInterface)
-RK_CONNECTION_ACCESSOR(LogListenerInterface, logListenerInterface)
-RK_CONNECTION_ACCESSOR(RobotPostureInterface, robotPostureInterface)
-RK_CONNECTION_ACCESSOR(EngagementZonesInterface, engagementZonesInterface)
-RK_CONNECTION_ACCESSOR(PeoplePerceptionInterface, peoplePerceptionInterface)
-RK_CONNECTION_ACCESSOR(BasicAwarenessInterface, basicAwarenessInterface)
-
-#undef RK_CONNECTION_ACCESSOR
+NIMIOB_INTERFACE_TABLE(NIMIOB_MANAGER_ACCESSOR)
+#undef NIMIOB_MANAGER_ACCESSOR
 
 } // namespace RK

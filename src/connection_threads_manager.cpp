@@ -1,6 +1,6 @@
+#include "connection_p.h"
 #include "connection_thread_p.h"
 #include "connection_threads_manager_p.h"
-#include <connection/connection.h>
 #include <connection/connection_manager.h>
 #include <connection/meta_types.h>
 #include <connection/platform.h>

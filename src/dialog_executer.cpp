@@ -1,7 +1,7 @@
 #include "dialog_executer_p.h"
 #include "executer_call_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/platform.h>
 
 #include <string>

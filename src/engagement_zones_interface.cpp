@@ -2,7 +2,7 @@
 #include "people_perception_interface_p.h"
 #include "service_table_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/engagement_zones_interface.h>
 #include <connection/platform.h>
 

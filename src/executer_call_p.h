@@ -6,7 +6,7 @@
 // connection and the proxy are held for the length of the call, so that the
 // connection cannot be destroyed under it.
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/operation_error.h>
 
 #include <QObject>

@@ -1,7 +1,7 @@
 #include "executer_call_p.h"
 #include "log_listener_executer_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 
 #include <wz/log.h>
 #include <wz/log_listener.h>

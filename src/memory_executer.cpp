@@ -1,7 +1,7 @@
+#include "connection_p.h"
 #include "executer_call_p.h"
 #include "memory_executer_p.h"
 #include "sartel_almodule_p.h"
-#include <connection/connection.h>
 #include <connection/platform.h>
 #include <connection/value_conversion.h>
 

@@ -1,7 +1,7 @@
 #include "executer_call_p.h"
 #include "method_recorder_executer_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/recorder_module.h>
 
 #include <vx/vxproxies.h>

@@ -3,7 +3,7 @@
 // The members of MorvaneInterface. Included by the .cpp of each interface,
 // where its executer is a complete type.
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/future_interface.h>
 #include <connection/morvane_interface.h>
 #include <connection/operation_error.h>

@@ -3,7 +3,7 @@
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/http_project_synchronizer.h>
 #include <connection/sartel_module.h>
 

@@ -3,7 +3,7 @@
 #include "people_perception_interface_p.h"
 #include "service_table_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/people_perception_interface.h>
 #include <connection/platform.h>
 

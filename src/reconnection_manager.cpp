@@ -7,21 +7,21 @@
 
 namespace RK {
 
-ReconnectionManager::ReconnectionManager(ConnectionManager *manager,
-                                         const ReconnectionSettings &settings)
-    : QObject(nullptr), m_manager(manager), m_timer(new QTimer(this)), m_settings(settings)
+ReconnectionManager::ReconnectionManager(ConnectionManager *manager)
+    : QObject(nullptr), m_manager(manager), m_timer(new QTimer(this))
 {
-    m_timer->setInterval(std::max(1, m_settings.tickMs));
+    m_timer->setInterval(std::max(1, m_manager->timing().reconnectionTickMs));
     m_timer->setSingleShot(false);
     connect(m_timer, &QTimer::timeout, this, &ReconnectionManager::onUpdateTimeBeforeReconnection);
 }
 
 ReconnectionManager::~ReconnectionManager() = default;
 
-void ReconnectionManager::setSettings(const ReconnectionSettings &settings)
+// The manager's timing may have changed since the last start.
+void ReconnectionManager::restartTimer()
 {
-    m_settings = settings;
-    m_timer->setInterval(std::max(1, settings.tickMs));
+    m_timer->setInterval(std::max(1, m_manager->timing().reconnectionTickMs));
+    m_timer->start();
 }
 
 bool ReconnectionManager::isCounting() const
@@ -35,18 +35,18 @@ void ReconnectionManager::startReconnectionProcess(const std::string &address, i
     m_address = address;
     m_port = port;
     m_name = name;
-    m_timeBeforeReconnection = m_settings.firstDelay;
-    m_delay = m_settings.firstDelay;
+    m_timeBeforeReconnection = m_manager->timing().reconnectionFirstDelay;
+    m_delay = m_timeBeforeReconnection;
     emit refreshTimeBeforeReconnectionRequested(m_timeBeforeReconnection);
-    m_timer->start();
+    restartTimer();
 }
 
 void ReconnectionManager::restartReconnectionProcess()
 {
-    m_delay = std::min(m_delay * 2, m_settings.maxDelay);
+    m_delay = std::min(m_delay * 2, m_manager->timing().reconnectionMaxDelay);
     m_timeBeforeReconnection = m_delay;
     emit refreshTimeBeforeReconnectionRequested(m_timeBeforeReconnection);
-    m_timer->start();
+    restartTimer();
 }
 
 void ReconnectionManager::cancelReconnectionProcess()

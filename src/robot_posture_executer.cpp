@@ -1,7 +1,7 @@
 #include "executer_call_p.h"
 #include "robot_posture_executer_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 
 #include <vx/vxproxy.h>
 #include <wz/log.h>

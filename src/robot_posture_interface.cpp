@@ -1,8 +1,8 @@
 #include "robot_posture_executer_p.h"
 
+#include "connection_p.h"
 #include "executer_thread_p.h"
 #include "morvane_interface_p.h"
-#include <connection/connection.h>
 #include <connection/robot_posture_interface.h>
 #include <connection/sartel_module.h>
 

@@ -2,7 +2,7 @@
 #include "robot_state_executer_p.h"
 #include "service_table_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 
 #include <vx/vxproxies.h>
 #include <vx/vxproxy.h>

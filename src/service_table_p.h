@@ -98,4 +98,84 @@ inline constexpr const char *serviceName(ServiceId id)
     return k_serviceTable[serviceIndex(id)].name;
 }
 
+// The interface objects a connection builds: one row each, in building
+// order. The rows make the connection's fields and accessors, the manager's
+// accessors, building and release; adding a service is a row here beside its
+// row above (and its accessor declared in connection_manager.h, where the
+// compiler checks it against this table).
+//
+// X(type, accessor, condition, failure, release)
+//   condition: the service row whose proxy it needs, or Always;
+//   failure:   what a std::exception while building it does: Fails the
+//              connection, is Logged at warning level and leaves it null, or
+//              leaves it null Silently;
+//   release:   its place when the interfaces are released one by one (0: it
+//              stays until the connection itself goes, as the log listener
+//              and basic awareness do: their last events still arrive).
+// clang-format off
+#define NIMIOB_INTERFACE_TABLE(X) \
+    X(MemoryInterface,              memoryInterface,              Always,              Fails,  1) \
+    X(SartelModuleInterface,        sartelModuleInterface,        Always,              Fails,  2) \
+    X(VXSartelRecorder,             recorderModule,               Always,              Fails,  3) \
+    X(RobotStateReceiver,           robotStateReceiver,           Always,              Fails,  4) \
+    X(VideoDeviceInterface,         videoDeviceInterface,         VideoDevice,         Fails,  5) \
+    X(ResourcesInterface,           resourcesInterface,           Always,              Fails,  6) \
+    X(BehaviorManagerInterface,     behaviorManagerInterface,     Always,              Fails,  7) \
+    X(ConfigInterface,              configInterface,              Always,              Fails,  8) \
+    X(LogListenerInterface,         logListenerInterface,         Always,              Fails,  0) \
+    X(AudioInterface,               audioInterface,               Always,              Fails,  9) \
+    X(AnimatedSpeechInterface,      animatedSpeechInterface,      Always,              Fails, 10) \
+    X(BatteryInterface,             batteryInterface,             Always,              Fails, 11) \
+    X(LauncherInterface,            launcherInterface,            Always,              Fails, 12) \
+    X(RobotPostureInterface,        robotPostureInterface,        RobotPosture,        Fails, 13) \
+    X(DialogInterface,              dialogInterface,              Dialog,              Fails, 14) \
+    X(WorldRepresentationInterface, worldRepresentationInterface, WorldRepresentation, Fails, 15) \
+    X(PackageManagerInterface,      packageManagerInterface,      PackageManager,      Fails, 16) \
+    X(EngagementZonesInterface,     engagementZonesInterface,     EngagementZones,     Logged, 18) \
+    X(AutonomousLifeInterface,      autonomousLifeInterface,      Always,              Silent, 17) \
+    X(PeoplePerceptionInterface,    peoplePerceptionInterface,    PeoplePerception,    Logged, 19) \
+    X(BasicAwarenessInterface,      basicAwarenessInterface,      BasicAwareness,      Logged,  0)
+// clang-format on
+
+// The condition column: a service row's index, or Always.
+namespace interface_condition {
+inline constexpr int Always = -1;
+#define NIMIOB_SERVICE_CONDITION(id, ...) inline constexpr int id = static_cast<int>(ServiceId::id);
+NIMIOB_SERVICE_TABLE(NIMIOB_SERVICE_CONDITION)
+#undef NIMIOB_SERVICE_CONDITION
+} // namespace interface_condition
+
+enum class InterfaceFailure { Fails, Logged, Silent };
+
+// Positions of release, in table order.
+inline constexpr int k_interfaceRelease[] = {
+#define NIMIOB_INTERFACE_RELEASE(type, accessor, condition, failure, release) release,
+    NIMIOB_INTERFACE_TABLE(NIMIOB_INTERFACE_RELEASE)
+#undef NIMIOB_INTERFACE_RELEASE
+};
+
+inline constexpr std::size_t k_interfaceCount = sizeof(k_interfaceRelease) / sizeof(int);
+
+// Every released row has a place of its own, and the places run from 1 with
+// no gap: release walks them in order.
+inline constexpr bool releaseOrderIsComplete()
+{
+    int released = 0;
+    for (std::size_t i = 0; i < k_interfaceCount; ++i) {
+        if (k_interfaceRelease[i] < 0)
+            return false;
+        if (k_interfaceRelease[i] > 0)
+            ++released;
+    }
+    for (int place = 1; place <= released; ++place) {
+        int holders = 0;
+        for (std::size_t i = 0; i < k_interfaceCount; ++i)
+            holders += k_interfaceRelease[i] == place ? 1 : 0;
+        if (holders != 1)
+            return false;
+    }
+    return true;
+}
+static_assert(releaseOrderIsComplete(), "each released interface needs a place of its own");
+
 } // namespace RK

@@ -2,7 +2,7 @@
 #include "video_device_executer_p.h"
 #include "yuv_to_bgra_p.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 
 #include <QUuid>
 

@@ -1,6 +1,6 @@
 #include <connection/world_representation_interface.h>
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/sartel_module.h>
 
 #include "morvane_interface_p.h"

@@ -2,7 +2,8 @@
 
 #include <connection/sartel_module.h>
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 
 #include <QObject>
 
@@ -57,7 +58,7 @@ int callCommand(Console &console, const QStringList &arguments)
         return status;
     // A service of the library's table that the robot lacks is known at
     // once; any other name is for the robot to judge.
-    const boost::shared_ptr<RK::Connection> connection = console.manager().currentConnection();
+    const boost::shared_ptr<RK::Connection> connection = RK::currentConnection(console.manager());
     if (connection && connection->missingServices().contains(moduleName)) {
         console.err() << "error: the robot offers no " << moduleName << Qt::endl;
         return ExitCommandFailed;

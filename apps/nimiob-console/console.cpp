@@ -2,7 +2,8 @@
 
 #include "kit.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/platform.h>
 
 #include <QCoreApplication>
@@ -164,7 +165,7 @@ void Console::printError(const Error &error)
 
 bool Console::checkJoints(const QStringList &names)
 {
-    const boost::shared_ptr<RK::Connection> connection = m_manager->currentConnection();
+    const boost::shared_ptr<RK::Connection> connection = RK::currentConnection(*m_manager);
     const boost::shared_ptr<VX::VXMotionProxy> motion
         = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
     if (!motion)

@@ -1,6 +1,7 @@
 #include "kit.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 
 #include <QCoreApplication>
 #include <QJsonDocument>
@@ -172,7 +173,7 @@ int need(Console &console, std::initializer_list<const char *> services, const c
 {
     if (!console.ensureConnected())
         return InterruptScope::requested() ? ExitInterrupted : ExitNoConnection;
-    const boost::shared_ptr<RK::Connection> connection = console.manager().currentConnection();
+    const boost::shared_ptr<RK::Connection> connection = RK::currentConnection(console.manager());
     if (!connection) {
         console.err() << "error: the connection to the robot was lost" << Qt::endl;
         return ExitNoConnection;

@@ -1,6 +1,7 @@
 #include "kit.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
 
@@ -95,7 +96,7 @@ int poseCommand(Console &console, const QStringList &arguments)
         return status;
     RK::ConnectionManager &manager = console.manager();
     const boost::shared_ptr<RK::SartelModuleInterface> module = manager.sartelModuleInterface();
-    const boost::shared_ptr<RK::Connection> connection = manager.currentConnection();
+    const boost::shared_ptr<RK::Connection> connection = RK::currentConnection(manager);
     const boost::shared_ptr<VX::VXMotionProxy> motion
         = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
     if (!module || !motion)

@@ -1,6 +1,7 @@
 #include "kit.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/platform.h>
 #include <connection/recorder_module.h>
 
@@ -25,7 +26,7 @@ int recordByHand(Console &console, const std::vector<std::string> &joints, int p
         console.err() << "error: --interactive needs someone at the keyboard" << Qt::endl;
         return ExitUsage;
     }
-    const boost::shared_ptr<RK::Connection> connection = console.manager().currentConnection();
+    const boost::shared_ptr<RK::Connection> connection = RK::currentConnection(console.manager());
     const boost::shared_ptr<VX::VXMotionProxy> motion
         = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
     if (!motion)

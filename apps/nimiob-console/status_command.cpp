@@ -1,6 +1,7 @@
 #include "kit.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/reconnection_manager.h>
 
 #include <functional>
@@ -23,7 +24,7 @@ int report(Console &console, Waiter &waiter, const std::function<bool()> &tested
            const std::function<bool()> &passed)
 {
     RK::ConnectionManager &manager = console.manager();
-    const boost::shared_ptr<RK::Connection> connection = manager.currentConnection();
+    const boost::shared_ptr<RK::Connection> connection = RK::currentConnection(manager);
     if (!connection) {
         console.err() << "error: the connection to the robot was lost" << Qt::endl;
         return ExitNoConnection;

@@ -1,6 +1,7 @@
 #include "kit.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/platform.h>
 #include <connection/robot_state_receiver.h>
 
@@ -20,7 +21,7 @@ int changeAwakeState(Console &console, const QStringList &arguments, bool awake)
         return status;
     const boost::shared_ptr<RK::RobotStateReceiver> receiver
         = console.manager().robotStateReceiver();
-    const boost::shared_ptr<RK::Connection> connection = console.manager().currentConnection();
+    const boost::shared_ptr<RK::Connection> connection = RK::currentConnection(console.manager());
     const boost::shared_ptr<VX::VXMotionProxy> motion
         = connection ? connection->motion() : boost::shared_ptr<VX::VXMotionProxy>();
     if (!receiver || !motion)

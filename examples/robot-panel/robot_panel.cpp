@@ -7,7 +7,6 @@
 #include "memory_pane.h"
 #include "project_pane.h"
 
-#include <connection/connection.h>
 #include <connection/reconnection_manager.h>
 
 #include <QCloseEvent>
@@ -146,7 +145,7 @@ RobotPanel::RobotPanel(QWidget *parent)
     connect(reconnection, &R::refreshTimeBeforeReconnectionRequested, this, [this](int ticks) {
         // The countdown counts ticks of the reconnection manager, one
         // second each unless the settings say otherwise.
-        const double seconds = ticks * m_manager->reconnectionManager()->settings().tickMs / 1000.0;
+        const double seconds = ticks * m_manager->timing().reconnectionTickMs / 1000.0;
         if (ticks < 0 || !m_reconnecting)
             return;
         QString line = tr("reconnecting in %1 s").arg(secondsText(seconds));
@@ -287,7 +286,7 @@ void RobotPanel::onConnectionLost()
     reconnection->startReconnectionProcess(ip.toStdString(), port, name);
     m_countdown->setText(tr("reconnecting in %1 s")
                              .arg(secondsText(reconnection->secondsLeft()
-                                              * reconnection->settings().tickMs / 1000.0)));
+                                              * m_manager->timing().reconnectionTickMs / 1000.0)));
 }
 
 void RobotPanel::onManagerError(const QString &title, const QString &contents,
@@ -349,11 +348,10 @@ void RobotPanel::setState(const QString &text)
 
 void RobotPanel::showServices()
 {
-    const boost::shared_ptr<RK::Connection> connection = m_manager->currentConnection();
-    if (!connection)
+    if (!m_manager->isConnected())
         return;
-    const QStringList bound = connection->boundServices();
-    const QStringList missing = connection->missingServices();
+    const QStringList bound = m_manager->boundServices();
+    const QStringList missing = m_manager->missingServices();
     m_services->setText(
         tr("Bound (%1): %2\nMissing: %3")
             .arg(bound.size())

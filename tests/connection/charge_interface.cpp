@@ -1,6 +1,6 @@
 #include "charge_interface.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 
 #include <connection/platform.h>
 

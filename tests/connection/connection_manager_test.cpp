@@ -1,7 +1,8 @@
 #include "robot_fixture.h"
 #include "service_table_p.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 
 #include <QCoreApplication>
 #include <QSignalSpy>
@@ -86,14 +87,14 @@ TEST_F(ConnectionManagerTest, SuccessSequenceAndRequestedDisconnection)
     ASSERT_TRUE(m.getCurrentConnectionHttp(httpIp, httpPort));
     EXPECT_EQ(httpIp, "127.0.0.1");
     EXPECT_EQ(httpPort, robot().httpTransferPort());
-    ASSERT_TRUE(m.currentConnection());
-    EXPECT_TRUE(m.currentConnection()->missingServices().isEmpty())
-        << m.currentConnection()->missingServices().join(", ").toStdString();
-    EXPECT_EQ(m.currentConnection()->boundServices().size(), 23);
+    ASSERT_TRUE(RK::currentConnection(m));
+    EXPECT_TRUE(m.missingServices().isEmpty()) << m.missingServices().join(", ").toStdString();
+    EXPECT_EQ(m.boundServices().size(), 23);
+    EXPECT_EQ(m.boundServices(), RK::currentConnection(m)->boundServices());
     // The worker keeps its thread for as long as the connection lives.
     ASSERT_EQ(r.workerCount(), 1);
     EXPECT_TRUE(r.threadsManager()->threads().first()->workerThread()->isRunning());
-    EXPECT_EQ(m.currentConnection()->thread(),
+    EXPECT_EQ(RK::currentConnection(m)->thread(),
               r.threadsManager()->threads().first()->workerThread());
     EXPECT_EQ(robot().scenario().clients().size(), 1u);
 
@@ -102,7 +103,9 @@ TEST_F(ConnectionManagerTest, SuccessSequenceAndRequestedDisconnection)
     EXPECT_EQ(r.events, (QStringList {"disconnected"}));
     EXPECT_TRUE(m.wasDisconnectionRequested());
     EXPECT_FALSE(m.isConnected());
-    EXPECT_FALSE(m.currentConnection());
+    EXPECT_FALSE(RK::currentConnection(m));
+    EXPECT_TRUE(m.boundServices().isEmpty());
+    EXPECT_TRUE(m.missingServices().isEmpty());
     EXPECT_FALSE(m.getCurrentConnection(ip, port));
     EXPECT_FALSE(m.checkMorvaneCompatibility(ip, name));
     EXPECT_TRUE(m.morvaneVersion().isEmpty());
@@ -128,6 +131,32 @@ TEST_F(ConnectionManagerTest, DisconnectWithoutConnectionStillReports)
     EXPECT_TRUE(r.manager->wasDisconnectionRequested());
     EXPECT_FALSE(r.manager->robotStateReceiver());
     EXPECT_FALSE(r.manager->basicAwarenessInterface());
+}
+
+// Releasing the interfaces one by one leaves the log listener and basic
+// awareness to the connection's own end, so that their last events arrive.
+TEST_F(ConnectionManagerTest, ReleasingTheInterfacesKeepsTheLastListeners)
+{
+    Recorder r;
+    ASSERT_TRUE(r.connectAndWait(robot()));
+    const boost::shared_ptr<RK::Connection> c = RK::currentConnection(*r.manager);
+    ASSERT_TRUE(c);
+    ASSERT_TRUE(c->basicAwarenessInterface());
+    ASSERT_TRUE(c->autonomousLifeInterface());
+    ASSERT_TRUE(c->peoplePerceptionInterface());
+    c->destroyInterfaces();
+    EXPECT_TRUE(c->logListenerInterface());
+    EXPECT_TRUE(c->basicAwarenessInterface());
+    EXPECT_FALSE(c->memoryInterface());
+    EXPECT_FALSE(c->recorderModule());
+    EXPECT_FALSE(c->videoDeviceInterface());
+    EXPECT_FALSE(c->packageManagerInterface());
+    EXPECT_FALSE(c->autonomousLifeInterface());
+    EXPECT_FALSE(c->engagementZonesInterface());
+    EXPECT_FALSE(c->peoplePerceptionInterface());
+    // The manager reads the same fields.
+    EXPECT_FALSE(r.manager->memoryInterface());
+    EXPECT_TRUE(r.manager->logListenerInterface());
 }
 
 TEST_F(ConnectionManagerTest, UnreachableRobot)
@@ -228,7 +257,7 @@ TEST_F(ConnectionManagerTest, TenWorkersAtMostAndTheEleventhIsRefused)
     EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 0);
     EXPECT_EQ(r.count(QStringLiteral("disconnected")), 1);
     EXPECT_EQ(r.errors.size(), 1u);
-    EXPECT_FALSE(r.manager->currentConnection());
+    EXPECT_FALSE(RK::currentConnection(*r.manager));
     ASSERT_TRUE(r.connectAndWait(robot()));
     EXPECT_EQ(r.errors.size(), 1u);
 }
@@ -247,7 +276,7 @@ TEST_F(ConnectionManagerTest, DisconnectDuringAnAttempt)
     EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
     EXPECT_TRUE(test::processUntil([] { return robot().scenario().clients().empty(); }));
     EXPECT_EQ(r.events, (QStringList {"connecting(true)", "connecting(false)", "disconnected"}));
-    EXPECT_FALSE(r.manager->currentConnection());
+    EXPECT_FALSE(RK::currentConnection(*r.manager));
 }
 
 // Two attempts run side by side, to two robots (two attempts to one robot
@@ -299,7 +328,7 @@ TEST_F(ConnectionManagerTest, AFailedSecondAttemptLeavesTheWorkingConnectionAlon
     EXPECT_TRUE(r.manager->isConnected());
     EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 1; }));
     EXPECT_EQ(robot().scenario().clients().size(), 1u);
-    EXPECT_TRUE(r.manager->currentConnection()->memory()->getData("MorvaneReady").toBool());
+    EXPECT_TRUE(RK::currentConnection(*r.manager)->memory()->getData("MorvaneReady").toBool());
 }
 
 TEST_F(ConnectionManagerTest, LossAfterSuccess)
@@ -383,6 +412,19 @@ TEST_F(ConnectionManagerTest, MissingOptionalServicesAloneAreNotReported)
     Recorder r;
     ASSERT_TRUE(r.connectAndWait(robot()));
     EXPECT_FALSE(r.manager->currentConnectionHasAudioDevice());
+    EXPECT_EQ(r.manager->missingServices(),
+              (QStringList {"VXMotionRecorder", "VXVideoDevice", "VXRobotPosture",
+                            "VXMemoryWatcher", "VXAudioDevice", "VXTextToSpeech", "VXBattery",
+                            "VXLauncher", "VXDialog", "VXWorldRepresentation"}));
+    // Interfaces that need their service are not built without it; the others are.
+    EXPECT_FALSE(r.manager->videoDeviceInterface());
+    EXPECT_FALSE(r.manager->robotPostureInterface());
+    EXPECT_FALSE(r.manager->dialogInterface());
+    EXPECT_FALSE(r.manager->worldRepresentationInterface());
+    EXPECT_TRUE(r.manager->audioInterface());
+    EXPECT_TRUE(r.manager->batteryInterface());
+    EXPECT_TRUE(r.manager->launcherInterface());
+    EXPECT_TRUE(r.manager->packageManagerInterface());
     r.errors.clear();
     r.manager->checkAvailableModules();
     EXPECT_TRUE(r.errors.empty());
@@ -420,7 +462,7 @@ TEST_F(ConnectionManagerTest, BatteryIsKeptOnlyIfItAnswers)
         wz::log::LogCapture logs;
         Recorder r;
         ASSERT_TRUE(r.connectAndWait(robot()));
-        EXPECT_FALSE(r.manager->currentConnection()->batteryDevice());
+        EXPECT_FALSE(RK::currentConnection(*r.manager)->batteryDevice());
         EXPECT_TRUE(logs.contains(wz::LogLevel_Info, "con.connection",
                                   "Error while creating proxy to VXBattery:\n"));
         EXPECT_TRUE(logs.contains(wz::LogLevel_Info, "con.connection",
@@ -433,7 +475,7 @@ TEST_F(ConnectionManagerTest, BatteryIsKeptOnlyIfItAnswers)
         wz::log::LogCapture logs;
         Recorder r;
         ASSERT_TRUE(r.connectAndWait(robot()));
-        EXPECT_FALSE(r.manager->currentConnection()->batteryDevice());
+        EXPECT_FALSE(RK::currentConnection(*r.manager)->batteryDevice());
         EXPECT_EQ(robot().scenario().callCount("VXBattery", "getBatteryCharge"), before + 1);
         EXPECT_TRUE(logs.contains(wz::LogLevel_Info, "con.connection", "gauge not calibrated"));
         EXPECT_TRUE(logs.contains(wz::LogLevel_Info, "con.connection",
@@ -443,7 +485,7 @@ TEST_F(ConnectionManagerTest, BatteryIsKeptOnlyIfItAnswers)
         robot().scenario().reset();
         Recorder r;
         ASSERT_TRUE(r.connectAndWait(robot()));
-        EXPECT_TRUE(r.manager->currentConnection()->batteryDevice());
+        EXPECT_TRUE(RK::currentConnection(*r.manager)->batteryDevice());
     }
 }
 
@@ -467,7 +509,7 @@ TEST_F(ConnectionManagerTest, HttpTransferPortFollowsThePackageManager)
         wz::log::LogCapture logs;
         Recorder r;
         ASSERT_TRUE(r.connectAndWait(robot()));
-        EXPECT_TRUE(r.manager->currentConnection()->packageManager());
+        EXPECT_TRUE(RK::currentConnection(*r.manager)->packageManager());
         std::string ip;
         int port = -1;
         ASSERT_TRUE(r.manager->getCurrentConnectionHttp(ip, port));
@@ -498,7 +540,7 @@ TEST_F(ConnectionManagerTest, MissingServicesAreLoggedAtTheirLevel)
     ASSERT_FALSE(lines.empty());
     EXPECT_NE(lines.front().message.find("VXFrameManager\" not found"), std::string::npos)
         << lines.front().message;
-    const boost::shared_ptr<RK::Connection> c = r.manager->currentConnection();
+    const boost::shared_ptr<RK::Connection> c = RK::currentConnection(*r.manager);
     EXPECT_FALSE(c->frameManager());
     EXPECT_FALSE(c->worldRepresentation());
     EXPECT_TRUE(c->missingServices().contains(QStringLiteral("VXResourceManager")));

@@ -2,11 +2,12 @@
 // robot, with its answers, its events and its exact error texts.
 #include "robot_fixture.h"
 
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/animated_speech_interface.h>
 #include <connection/audio_interface.h>
 #include <connection/battery_interface.h>
 #include <connection/config_interface.h>
-#include <connection/connection.h>
 #include <connection/dialog_interface.h>
 #include <connection/launcher_interface.h>
 #include <connection/resources_interface.h>
@@ -167,7 +168,7 @@ TEST_F(DeviceServicesTest, ABatteryFailingItsTrialIsNotKept)
     robot().scenario().failMethod("VXBattery", "getBatteryCharge", "gauge offline");
     RK::ConnectionManager &manager = connect();
     ASSERT_TRUE(manager.batteryInterface());
-    EXPECT_FALSE(manager.currentConnection()->batteryDevice());
+    EXPECT_FALSE(RK::currentConnection(manager)->batteryDevice());
 }
 
 TEST_F(DeviceServicesTest, SpeechTestsNarrationTagsAndTheQueue)

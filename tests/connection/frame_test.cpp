@@ -1,7 +1,8 @@
 #include "charge_interface.h"
 #include "robot_fixture.h"
 
-#include <connection/connection.h>
+#include "connection_manager_p.h"
+#include "connection_p.h"
 
 #include <QSignalSpy>
 
@@ -25,7 +26,7 @@ protected:
                                          [](const sim::Args &) { return wz::AnyValue(42); });
         recorder = std::make_unique<test::Recorder>();
         ASSERT_TRUE(recorder->connectAndWait(robot()));
-        connection = recorder->manager->currentConnection();
+        connection = RK::currentConnection(*recorder->manager);
         ASSERT_TRUE(connection);
         ASSERT_TRUE(connection->batteryDevice());
         probe = std::make_unique<test::ChargeInterface>(connection,

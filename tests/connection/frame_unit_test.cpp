@@ -1,7 +1,7 @@
 #include "gate_interface.h"
 
+#include "connection_p.h"
 #include "future_list_watcher_p.h"
-#include <connection/connection.h>
 #include <connection/future_interface.h>
 
 #include <QCoreApplication>

@@ -1,6 +1,6 @@
 #include "gate_interface.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 
 namespace test {
 

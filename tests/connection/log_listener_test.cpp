@@ -2,7 +2,7 @@
 // under load, the robot-side filters, and teardown while messages flow.
 #include "robot_fixture.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/log_listener_interface.h>
 
 #include "executer_thread_p.h"

@@ -6,8 +6,8 @@
 #include "memory_test_support.h"
 #include "robot_fixture.h"
 
+#include "connection_p.h"
 #include "memory_executer_p.h"
-#include <connection/connection.h>
 #include <connection/memory_interface.h>
 #include <connection/platform.h>
 

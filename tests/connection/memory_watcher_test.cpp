@@ -4,8 +4,9 @@
 #include "memory_test_support.h"
 #include "robot_fixture.h"
 
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include "sartel_almodule_p.h"
-#include <connection/connection.h>
 #include <connection/memory_interface.h>
 
 #include <QDateTime>
@@ -84,7 +85,7 @@ protected:
         ASSERT_TRUE(recorder->connectAndWait(robot()));
         if (!withWatcher)
             robot().scenario().restoreService(k_watcher);
-        connection = recorder->manager->currentConnection();
+        connection = RK::currentConnection(*recorder->manager);
         ASSERT_TRUE(connection);
         ASSERT_EQ(bool(connection->memoryWatcher()), withWatcher);
         memory = recorder->manager->memoryInterface();

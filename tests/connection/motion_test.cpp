@@ -1,6 +1,6 @@
 #include "robot_fixture.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/robot_state_receiver.h>
 
 #pragma push_macro("signals")

@@ -4,13 +4,13 @@
 // outcome of the right kind within a deadline: never none, never two.
 #include "robot_fixture.h"
 
+#include "connection_p.h"
 #include <connection/animated_speech_interface.h>
 #include <connection/audio_interface.h>
 #include <connection/autonomous_life_interface.h>
 #include <connection/battery_interface.h>
 #include <connection/behavior_manager_interface.h>
 #include <connection/config_interface.h>
-#include <connection/connection.h>
 #include <connection/dialog_interface.h>
 #include <connection/launcher_interface.h>
 #include <connection/log_listener_interface.h>

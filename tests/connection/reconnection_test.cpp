@@ -26,6 +26,14 @@ void wireLikeAnApplication(RK::ConnectionManager &manager, const sim::Robot &rob
                      [reconnection] { reconnection->cancelReconnectionProcess(); });
 }
 
+// The countdown's tick, in ms, with the default delays of 30 and 1200 ticks.
+void setTick(RK::ConnectionManager &manager, int tickMs)
+{
+    RK::ConnectionTiming timing = manager.timing();
+    timing.reconnectionTickMs = tickMs;
+    manager.setTiming(timing);
+}
+
 // A port on which nobody listens: taken from a robot that is gone.
 int deadPort()
 {
@@ -43,7 +51,7 @@ protected:
         recorder = std::make_unique<test::Recorder>();
         reconnection = recorder->manager->reconnectionManager();
         ASSERT_TRUE(reconnection);
-        reconnection->setSettings({5, 30, 1200});
+        setTick(*recorder->manager, 5);
     }
     void TearDown() override
     {
@@ -75,6 +83,34 @@ TEST_F(ReconnectionTest, TheDelayDoublesUpToItsLimit)
     EXPECT_FALSE(reconnection->isCounting());
 }
 
+// The delays come from the manager's timing, read again at each start: a
+// change between two countdowns applies to the second.
+TEST_F(ReconnectionTest, TheDelaysFollowTheManagersTimingAtEachStart)
+{
+    RK::ConnectionTiming timing = recorder->manager->timing();
+    timing.reconnectionTickMs = 1000;
+    timing.reconnectionFirstDelay = 3;
+    timing.reconnectionMaxDelay = 10;
+    recorder->manager->setTiming(timing);
+    QSignalSpy refresh(reconnection,
+                       &RK::ReconnectionManager::refreshTimeBeforeReconnectionRequested);
+    reconnection->startReconnectionProcess("127.0.0.1", deadPort(), QStringLiteral("x"));
+    QList<int> delays {reconnection->delay()};
+    for (int i = 0; i < 3; ++i) {
+        reconnection->onReconnectionFailed(QString(), QString(), QString());
+        delays << reconnection->delay();
+    }
+    EXPECT_EQ(delays, (QList<int> {3, 6, 10, 10}));
+    EXPECT_EQ(refresh.at(0).at(0).toInt(), 3);
+
+    reconnection->cancelReconnectionProcess();
+    timing.reconnectionFirstDelay = 7;
+    recorder->manager->setTiming(timing);
+    reconnection->startReconnectionProcess("127.0.0.1", deadPort(), QStringLiteral("x"));
+    EXPECT_EQ(reconnection->delay(), 7);
+    EXPECT_EQ(reconnection->secondsLeft(), 7);
+}
+
 TEST_F(ReconnectionTest, RepeatedAttemptsDeliverOneErrorMoreEachTime)
 {
     QSignalSpy failed(reconnection, &RK::ReconnectionManager::reconnectionFailed);
@@ -96,7 +132,7 @@ TEST_F(ReconnectionTest, RepeatedAttemptsDeliverOneErrorMoreEachTime)
 
 TEST_F(ReconnectionTest, AUsersRequestStartsAtOnceAndFailsBackTo30)
 {
-    reconnection->setSettings({1000, 30, 1200}); // no automatic attempt in this case
+    setTick(*recorder->manager, 1000); // no automatic attempt in this case
     QSignalSpy requested(reconnection, &RK::ReconnectionManager::reconnectionRequested);
     QSignalSpy failed(reconnection, &RK::ReconnectionManager::reconnectionFailed);
     reconnection->startReconnectionProcess("127.0.0.1", deadPort(), QStringLiteral("x"));
@@ -137,7 +173,7 @@ TEST(ReconnectionRestart, TheManagerReconnectsByItselfAfterARestart)
     const std::string url = robot->url().str();
     test::Recorder recorder;
     RK::ReconnectionManager *reconnection = recorder.manager->reconnectionManager();
-    reconnection->setSettings({10, 30, 1200});
+    setTick(*recorder.manager, 10);
     wireLikeAnApplication(*recorder.manager, *robot);
     QSignalSpy failed(reconnection, &RK::ReconnectionManager::reconnectionFailed);
     ASSERT_TRUE(recorder.connectAndWait(*robot));

@@ -1,6 +1,6 @@
 #include "robot_fixture.h"
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/recorder_module.h>
 
 #pragma push_macro("signals")

@@ -6,6 +6,8 @@
 
 #include "robot_fixture.h"
 
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include "executer_thread_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
@@ -101,7 +103,7 @@ protected:
                 || recorder->count(QStringLiteral("disconnected")) > 0;
         }));
         ASSERT_EQ(recorder->count(established), 1) << recorder->events.join(", ").toStdString();
-        connection = recorder->manager->currentConnection();
+        connection = RK::currentConnection(*recorder->manager);
         ASSERT_TRUE(connection);
         module = recorder->manager->sartelModuleInterface();
         ASSERT_TRUE(module);

@@ -4,8 +4,9 @@
 // no attempt, abandoned or doubled, locks the manager or harms a connection.
 #include "robot_fixture.h"
 
+#include "connection_manager_p.h"
+#include "connection_p.h"
 #include <connection/animated_speech_interface.h>
-#include <connection/connection.h>
 #include <connection/launcher_interface.h>
 
 #pragma push_macro("signals")
@@ -205,7 +206,7 @@ TEST_F(TeardownTest, ASecondConnectToTheSameRobotIsRefusedAndHarmsNothing)
     test::settle(50);
     EXPECT_EQ(r.count(QStringLiteral("disconnected")), 0);
     ASSERT_TRUE(r.manager->isConnected());
-    EXPECT_TRUE(r.manager->currentConnection()->memory()->getData("MorvaneReady").toBool());
+    EXPECT_TRUE(RK::currentConnection(*r.manager)->memory()->getData("MorvaneReady").toBool());
     EXPECT_EQ(robot().scenario().clients().size(), 1u);
 
     // Once it is down, the same robot is welcome again.

@@ -3,7 +3,7 @@
 
 #include <wz/log.h>
 
-#include <connection/connection.h>
+#include "connection_p.h"
 #include <connection/video_device_interface.h>
 
 #include <QImage>

@@ -105,8 +105,10 @@ protected:
         RK::ConnectionTiming timing;
         timing.readinessStepMs = 10;
         timing.readinessLimitMs = 2000;
+        timing.reconnectionTickMs = 50;
+        timing.reconnectionFirstDelay = 3;
+        timing.reconnectionMaxDelay = 6;
         panel->manager().setTiming(timing);
-        panel->manager().reconnectionManager()->setSettings({50, 3, 6});
         panel->setRobot(QString::fromStdString(robot().url().host()), robot().url().port(),
                         QStringLiteral("test robot"));
         panel->show();
@@ -252,9 +254,11 @@ TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)
     RK::ConnectionTiming timing;
     timing.readinessStepMs = 10;
     timing.readinessLimitMs = 60;
-    panel->manager().setTiming(timing);
     // Attempts close together: 80 ms before the first, at most 160 ms apart.
-    panel->manager().reconnectionManager()->setSettings({40, 2, 4});
+    timing.reconnectionTickMs = 40;
+    timing.reconnectionFirstDelay = 2;
+    timing.reconnectionMaxDelay = 4;
+    panel->manager().setTiming(timing);
     connectPanel();
     int attempts = 0;
     QObject::connect(panel->manager().reconnectionManager(),

@@ -19,6 +19,18 @@ foreach(f include/connection/connection_manager.h lib/cmake/nimiob/nimiobConfig.
   endif()
 endforeach()
 
+# Nothing internal is installed: the connection object, the wire's inside,
+# private headers.
+foreach(f include/connection/connection.h include/wz/detail)
+  if(EXISTS ${prefix}/${f})
+    message(FATAL_ERROR "internal, yet installed: ${f}")
+  endif()
+endforeach()
+file(GLOB_RECURSE private_headers ${prefix}/include/*_p.h)
+if(private_headers)
+  message(FATAL_ERROR "private headers installed: ${private_headers}")
+endif()
+
 # Each exported target names its include directory once. The lists are read
 # with "|" for ";", which CMake would otherwise take for list separators.
 file(READ ${prefix}/lib/cmake/nimiob/nimiobTargets.cmake targets)

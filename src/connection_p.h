@@ -3,7 +3,8 @@
 // First, so that the types it declares are declared before any signal uses them.
 #include <connection/connection_timing.h>
 #include <connection/meta_types.h>
-#include <connection/nimiob_export.h>
+
+#include "service_table_p.h"
 
 #include <QObject>
 #include <QString>
@@ -34,36 +35,17 @@ class VXBasicAwarenessProxy;
 
 namespace RK {
 
-// Interface objects and offered modules. Each one lands with its own service;
-// until then its field stays null, which every reader already tolerates.
-class MemoryInterface;
-class SartelModuleInterface;
+// Interface objects and offered modules, one for each row of the interface table.
+#define NIMIOB_INTERFACE_DECLARE(type, ...) class type;
+NIMIOB_INTERFACE_TABLE(NIMIOB_INTERFACE_DECLARE)
+#undef NIMIOB_INTERFACE_DECLARE
 class VXSartel;
-class VXSartelRecorder;
-class RobotStateReceiver;
-class VideoDeviceInterface;
-class ResourcesInterface;
-class BehaviorManagerInterface;
-class ConfigInterface;
-class LogListenerInterface;
-class AudioInterface;
-class AnimatedSpeechInterface;
-class BatteryInterface;
-class LauncherInterface;
-class RobotPostureInterface;
-class DialogInterface;
-class WorldRepresentationInterface;
-class PackageManagerInterface;
-class EngagementZonesInterface;
-class AutonomousLifeInterface;
-class PeoplePerceptionInterface;
-class BasicAwarenessInterface;
 
 // Destroys a QObject on the thread it lives on: at once when called there,
 // else by deleteLater(), which that thread runs before it ends. When that
 // thread has ended already: at once on the application's main thread, else
 // on a thread of its own.
-NIMIOB_EXPORT void destroyOnOwnThread(QObject *object);
+void destroyOnOwnThread(QObject *object);
 
 // Interface objects are made with this rather than boost::make_shared. An
 // executer may hold the last copy of one for the length of a call, and the
@@ -79,13 +61,15 @@ boost::shared_ptr<T> makeInterface(Args &&...args)
 // One connected robot: a proxy for each remote service it offers and an
 // interface object for each service the application can use. Built on a
 // connection worker by create(); any proxy and any interface may be null.
-class NIMIOB_EXPORT Connection : public QObject, public boost::enable_shared_from_this<Connection>
+// Internal: applications reach the robot through ConnectionManager, and the
+// interface objects hold this only to give it to their executers.
+class Connection : public QObject, public boost::enable_shared_from_this<Connection>
 {
     Q_OBJECT
 
 public:
     // The session ended while we were waiting for the robot to become ready.
-    class NIMIOB_EXPORT Interrupted : public std::exception
+    class Interrupted : public std::exception
     {
     public:
         const char *what() const noexcept override;
@@ -182,29 +166,20 @@ public:
     // The module the robot calls back into; null without its interface.
     boost::shared_ptr<VXSartel> sartelModule() const;
 
-    // Interface objects. Readers on other threads may race with teardown,
-    // so these are read and cleared atomically.
-    boost::shared_ptr<SartelModuleInterface> sartelModuleInterface() const;
-    boost::shared_ptr<VXSartelRecorder> recorderModule() const;
-    boost::shared_ptr<RobotStateReceiver> robotStateReceiver() const;
-    boost::shared_ptr<VideoDeviceInterface> videoDeviceInterface() const;
-    boost::shared_ptr<ResourcesInterface> resourcesInterface() const;
-    boost::shared_ptr<BehaviorManagerInterface> behaviorManagerInterface() const;
-    boost::shared_ptr<MemoryInterface> memoryInterface() const;
-    boost::shared_ptr<ConfigInterface> configInterface() const;
-    boost::shared_ptr<LogListenerInterface> logListenerInterface() const;
-    boost::shared_ptr<AudioInterface> audioInterface() const;
-    boost::shared_ptr<AnimatedSpeechInterface> animatedSpeechInterface() const;
-    boost::shared_ptr<BatteryInterface> batteryInterface() const;
-    boost::shared_ptr<LauncherInterface> launcherInterface() const;
-    boost::shared_ptr<RobotPostureInterface> robotPostureInterface() const;
-    boost::shared_ptr<DialogInterface> dialogInterface() const;
-    boost::shared_ptr<WorldRepresentationInterface> worldRepresentationInterface() const;
-    boost::shared_ptr<PackageManagerInterface> packageManagerInterface() const;
-    boost::shared_ptr<AutonomousLifeInterface> autonomousLifeInterface() const;
-    boost::shared_ptr<EngagementZonesInterface> engagementZonesInterface() const;
-    boost::shared_ptr<PeoplePerceptionInterface> peoplePerceptionInterface() const;
-    boost::shared_ptr<BasicAwarenessInterface> basicAwarenessInterface() const;
+    // The proxy of any row of the service table: a service with a generic
+    // proxy needs no accessor of its own.
+    boost::shared_ptr<VX::VXProxy> proxy(ServiceId id) const { return proxyAt(serviceIndex(id)); }
+
+    // Interface objects, one for each row of the interface table. Readers on
+    // other threads may race with teardown, so these are read and cleared
+    // atomically.
+#define NIMIOB_INTERFACE_ACCESSOR(type, accessor, ...) \
+    boost::shared_ptr<type> accessor() const \
+    { \
+        return boost::atomic_load(&m_##accessor); \
+    }
+    NIMIOB_INTERFACE_TABLE(NIMIOB_INTERFACE_ACCESSOR)
+#undef NIMIOB_INTERFACE_ACCESSOR
 
 signals:
     void connectionTested(bool success);
@@ -222,6 +197,11 @@ private:
     bool isBound(std::size_t row) const;
     boost::shared_ptr<VX::VXProxy> proxyAt(std::size_t row) const;
     void buildInterfaces();
+    template<typename T>
+    boost::shared_ptr<T> makeInterfaceObject(const boost::shared_ptr<Connection> &self);
+    template<typename T>
+    void buildInterface(boost::shared_ptr<T> &field, int condition, InterfaceFailure failure,
+                        const char *typeName, const boost::shared_ptr<Connection> &self);
     void connectInterfaceSignals();
     void readVersion();
 
@@ -244,30 +224,12 @@ private:
     boost::shared_ptr<VX::VXBasicAwarenessProxy> m_basicAwareness;
 
     bool m_hasDCM = false;
-    boost::shared_ptr<VXSartelRecorder> m_recorderModule;
     unsigned int m_recorderServiceId = 0;
 
-    // Interface objects.
-    boost::shared_ptr<SartelModuleInterface> m_sartelModuleInterface;
-    boost::shared_ptr<RobotStateReceiver> m_robotStateReceiver;
-    boost::shared_ptr<VideoDeviceInterface> m_videoDeviceInterface;
-    boost::shared_ptr<ResourcesInterface> m_resourcesInterface;
-    boost::shared_ptr<BehaviorManagerInterface> m_behaviorManagerInterface;
-    boost::shared_ptr<MemoryInterface> m_memoryInterface;
-    boost::shared_ptr<ConfigInterface> m_configInterface;
-    boost::shared_ptr<LogListenerInterface> m_logListenerInterface;
-    boost::shared_ptr<AudioInterface> m_audioInterface;
-    boost::shared_ptr<AnimatedSpeechInterface> m_animatedSpeechInterface;
-    boost::shared_ptr<BatteryInterface> m_batteryInterface;
-    boost::shared_ptr<LauncherInterface> m_launcherInterface;
-    boost::shared_ptr<RobotPostureInterface> m_robotPostureInterface;
-    boost::shared_ptr<DialogInterface> m_dialogInterface;
-    boost::shared_ptr<WorldRepresentationInterface> m_worldRepresentationInterface;
-    boost::shared_ptr<PackageManagerInterface> m_packageManagerInterface;
-    boost::shared_ptr<AutonomousLifeInterface> m_autonomousLifeInterface;
-    boost::shared_ptr<EngagementZonesInterface> m_engagementZonesInterface;
-    boost::shared_ptr<PeoplePerceptionInterface> m_peoplePerceptionInterface;
-    boost::shared_ptr<BasicAwarenessInterface> m_basicAwarenessInterface;
+    // Interface objects: m_memoryInterface, m_recorderModule and so on.
+#define NIMIOB_INTERFACE_MEMBER(type, accessor, ...) boost::shared_ptr<type> m_##accessor;
+    NIMIOB_INTERFACE_TABLE(NIMIOB_INTERFACE_MEMBER)
+#undef NIMIOB_INTERFACE_MEMBER
 
     wz::Session *m_session;
     QString m_address;
