@@ -9,10 +9,7 @@
 #include <connection/behavior_instance_manager.h>
 #include <connection/behavior_manager_interface.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/behavior_manager_service.h>
-#pragma pop_macro("signals")
 
 #include <QFuture>
 #include <QFutureWatcher>
@@ -21,9 +18,9 @@ namespace test {
 
 // Runs until the future has finished, without blocking the loop it needs.
 template<typename T>
-bool waitForFuture(const QFuture<T> &future, int ms = 10000)
+bool waitForFuture(const QFuture<T> &future, std::chrono::milliseconds deadline = test::patience())
 {
-    return processUntil([&future] { return future.isFinished(); }, ms);
+    return test::waitUntil([&future] { return future.isFinished(); }, deadline);
 }
 
 class BehaviorTest : public RobotTest
@@ -76,10 +73,12 @@ struct StateLog
         QObject::connect(instance, &RK::BehaviorInstanceManager::stateChanged,
                          [this](RK::BehaviorInstanceManager::State s) { states.push_back(s); });
     }
-    bool waitFor(RK::BehaviorInstanceManager::State s, int ms = 10000)
+    bool waitFor(RK::BehaviorInstanceManager::State s,
+                 std::chrono::milliseconds deadline = test::patience())
     {
-        return processUntil(
-            [this, s] { return std::find(states.begin(), states.end(), s) != states.end(); }, ms);
+        return test::waitUntil(
+            [this, s] { return std::find(states.begin(), states.end(), s) != states.end(); },
+            deadline);
     }
     std::vector<RK::BehaviorInstanceManager::State> states;
 };
