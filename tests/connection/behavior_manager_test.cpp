@@ -272,8 +272,14 @@ TEST_F(BehaviorManagerTest, ARefusedStartEndsInStoppedWithTheRobotsText)
     EXPECT_EQ(error.details, startError.at(0).at(2).toString());
 
     // Already running on the robot: the new instance shows it, a second
-    // start is refused, and the robot's list brings Running back.
+    // start is refused, and the robot's list brings Running back. The list
+    // the robot raises for this start comes first: late, it would tell the
+    // new instance Running before its own questions are answered.
+    QSignalSpy lists(manager()->behaviorManagerInterface().get(),
+                     &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
     behaviors().startBehavior("plain");
+    ASSERT_TRUE(test::waitUntil(
+        [&] { return !lists.isEmpty() && lists.last().at(0).toStringList().contains("plain"); }));
     BehaviorInstanceManager plain(manager(), "plain", QString(), false);
     StateLog plainLog(&plain);
     QSignalSpy plainError(&plain, &BehaviorInstanceManager::errorStartingBehavior);
