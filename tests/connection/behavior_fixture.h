@@ -10,6 +10,7 @@
 #include <connection/behavior_manager_interface.h>
 
 #include <sim/behavior_manager_service.h>
+#include <sim/memory_service.h>
 
 #include <QFuture>
 #include <QFutureWatcher>
@@ -51,6 +52,20 @@ protected:
     {
         app = std::make_unique<Recorder>();
         ASSERT_TRUE(app->connectAndWait(robot()));
+        // The interfaces subscribe to the robot's events on their own
+        // threads, after the connection is told: an event raised before
+        // the subscription arrives is lost, so the cases start after it.
+        ASSERT_TRUE(test::waitUntil([] {
+            const bool life = !robot().scenario().isOmitted("VXAutonomousLife");
+            for (const char *key : {"BehaviorsRun", "VXBehaviorManager/BehaviorAdded",
+                                    "VXBehaviorManager/BehaviorRemoved",
+                                    "VXBehaviorManager/BehaviorFailed", "AutonomousLife/State"}) {
+                const bool lifeKey = std::string(key) == "AutonomousLife/State";
+                if ((life || !lifeKey) && robot().memory().subscribers(key).empty())
+                    return false;
+            }
+            return true;
+        }));
     }
     static sim::BehaviorManagerService &behaviors()
     {
