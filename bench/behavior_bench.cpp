@@ -26,12 +26,9 @@
 
 #include "bench_support.h"
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/behavior_manager_service.h>
 #include <sim/memory_service.h>
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <vx/vxproxy.h>
 #include <wz/log.h>

@@ -16,11 +16,8 @@
 
 #include <benchmark/benchmark.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/memory_service.h>
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 

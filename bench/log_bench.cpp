@@ -24,11 +24,8 @@
 
 #include "bench_support.h"
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/device_services.h>
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 #include <wz/log_listener.h>

@@ -28,12 +28,9 @@
 
 #include "bench_support.h"
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/people_perception_service.h>
 #include <sim/robot.h>
 #include <sim/world_representation_service.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 

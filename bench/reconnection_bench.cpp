@@ -18,10 +18,7 @@
 
 #include "bench_support.h"
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 

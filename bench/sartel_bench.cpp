@@ -28,11 +28,8 @@
 
 #include "bench_support.h"
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/memory_service.h>
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 

@@ -15,11 +15,8 @@
 
 #include <benchmark/benchmark.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/device_services.h>
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 

@@ -25,11 +25,8 @@
 #include "bench_support.h"
 #include "yuv_to_bgra_p.h"
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/robot.h>
 #include <sim/video_device_service.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 

@@ -335,8 +335,15 @@ void BehaviorInstanceManager::onBehaviorStarted()
     }
     // Running comes with the robot's list; a stop asked for while the start
     // was on its way goes now, after it.
-    if (stopWanted && m_state == Stopping)
+    if (stopWanted && m_state == Stopping) {
         requestStop(true);
+        return;
+    }
+    // The list the start raised may have come before this connection's
+    // subscription to it reached the robot: ask for it as well.
+    if (const boost::shared_ptr<BehaviorManagerInterface> behaviors
+        = m_manager->behaviorManagerInterface())
+        behaviors->requestRunningBehaviors();
 }
 
 void BehaviorInstanceManager::reportStartFailure(const QString &where, const QString &text)

@@ -12,11 +12,7 @@
 #include <QEventLoop>
 #include <QTimer>
 
-// The robot's headers name members "signals", a Qt keyword macro.
-#pragma push_macro("signals")
-#undef signals
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <exception>
 

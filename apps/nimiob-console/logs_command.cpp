@@ -2,11 +2,8 @@
 
 #include <connection/log_listener_interface.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/device_services.h>
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 

@@ -6,10 +6,7 @@
 
 #include <QSignalSpy>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/memory_service.h>
-#pragma pop_macro("signals")
 
 using namespace test;
 
@@ -60,21 +57,21 @@ TEST_F(BehaviorDebuggerTest, LoadsRunsAndShowsBoxesAndFrames)
         debugger->setLevel({"Say__said", "Say__onStart"}, "Main");
     });
     debugger->initialize("plain");
-    ASSERT_TRUE(processUntil([&] { return loaded.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return loaded.count() == 1; }));
     const QString id = debugger->frameManagerId();
     EXPECT_EQ(id.toStdString(), behaviors().frameManagerId("plain"));
     EXPECT_EQ(debugger->subscribedEvents(), (QStringList {id + "Say__said", id + "Say__onStart"}));
     EXPECT_EQ(debugger->frameKey(), id + "Main");
-    ASSERT_TRUE(processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return robot().memory().subscribers((id + "Say__said").toStdString()).size() == 1;
     }));
 
     debugger->startBehavior();
-    ASSERT_TRUE(processUntil([&] { return started.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return started.count() == 1; }));
     EXPECT_TRUE(debugger->isRunning());
     // The scripted output, and the frame moving forward.
-    ASSERT_TRUE(processUntil([&] { return activated(io).contains("Say__said=\"hi\""); }));
-    ASSERT_TRUE(processUntil([&] { return frames.count() >= 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return activated(io).contains("Say__said=\"hi\""); }));
+    ASSERT_TRUE(test::waitUntil([&] { return frames.count() >= 2; }));
     EXPECT_LT(frames.at(0).at(0).toInt(), frames.last().at(0).toInt());
     EXPECT_EQ(debugger->getCurrentFrame(), frames.last().at(0).toInt());
 
@@ -82,24 +79,24 @@ TEST_F(BehaviorDebuggerTest, LoadsRunsAndShowsBoxesAndFrames)
     io.clear();
     debugger->callBox("Say", "onInput_onStart", VX::VXValue(5), true, true);
     EXPECT_EQ(activated(io).value(0), "Say__onStart=");
-    ASSERT_TRUE(processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return activated(io).contains("Say__onStart=5") && activated(io).contains("Say__said=5");
     }));
     // An output fired from here, and parameters.
     debugger->callBoxOutput("Say", "said", VX::VXValue(std::string("out")));
-    ASSERT_TRUE(processUntil([&] { return activated(io).contains("Say__said=\"out\""); }));
+    ASSERT_TRUE(test::waitUntil([&] { return activated(io).contains("Say__said=\"out\""); }));
     QMap<QString, VX::VXValue> params;
     params["volume"] = VX::VXValue(0.25f);
     params["voice"] = VX::VXValue(std::string("low"));
     debugger->sendParameterValues("Say", params);
     // One call a parameter, in the map's order: the last one ends the wait.
-    ASSERT_TRUE(processUntil(
+    ASSERT_TRUE(test::waitUntil(
         [&] { return behaviors().parameter("plain", "Say", "volume") == wz::AnyValue(0.25f); }));
     EXPECT_EQ(behaviors().parameter("plain", "Say", "voice"), wz::AnyValue("low"));
 
     // Stop: what was subscribed and polled is released.
     debugger->stopBehavior();
-    ASSERT_TRUE(processUntil([&] { return stopped.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return stopped.count() == 1; }));
     EXPECT_TRUE(debugger->subscribedEvents().isEmpty());
     EXPECT_TRUE(debugger->frameKey().isEmpty());
     EXPECT_TRUE(debugger->isStopped());
@@ -107,12 +104,12 @@ TEST_F(BehaviorDebuggerTest, LoadsRunsAndShowsBoxesAndFrames)
     // Load and run again: the same subscriptions once, not twice.
     debugger->setLevel({"Say__said"}, "Main");
     debugger->loadBehavior();
-    ASSERT_TRUE(processUntil([&] { return loaded.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return loaded.count() == 2; }));
     EXPECT_EQ(debugger->subscribedEvents(), QStringList {id + "Say__said"});
     io.clear();
     debugger->startBehavior();
-    ASSERT_TRUE(processUntil([&] { return started.count() == 2; }));
-    ASSERT_TRUE(processUntil([&] { return activated(io).contains("Say__said=\"hi\""); }));
+    ASSERT_TRUE(test::waitUntil([&] { return started.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return activated(io).contains("Say__said=\"hi\""); }));
     EXPECT_EQ(activated(io).count("Say__said=\"hi\""), 1);
     EXPECT_EQ(robot().memory().subscribers((id + "Say__said").toStdString()).size(), 1u);
 }
@@ -135,16 +132,16 @@ TEST_F(BehaviorDebuggerTest, NothingIsSentBeforeTheIdAndEndsAreReported)
     behaviors().install("failing", "length forever\nbox Arm in go\nfail 0.1 Arm motor too hot\n");
     QSignalSpy loaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);
     debugger->initialize("failing");
-    ASSERT_TRUE(processUntil([&] { return loaded.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return loaded.count() == 1; }));
     debugger->startBehavior();
-    ASSERT_TRUE(processUntil([&] { return boxErrors.count() == 1; }));
-    ASSERT_TRUE(processUntil([&] { return debugger->isStopped(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return boxErrors.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return debugger->isStopped(); }));
     EXPECT_GE(stopped.count(), 1);
     EXPECT_EQ(boxErrors.at(0).at(1).toString(), "motor too hot");
 
     // Removed on the robot: the instance goes, and with it the debugger's state.
     behaviors().removeBehavior("failing");
-    ASSERT_TRUE(processUntil([&] { return !debugger->isStarted(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !debugger->isStarted(); }));
     EXPECT_TRUE(debugger->subscribedEvents().isEmpty());
 }
 
@@ -152,18 +149,18 @@ TEST_F(BehaviorDebuggerTest, AnUnchangedLevelSendsNothingAndAMissingIdLeavesItPr
 {
     QSignalSpy loaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);
     debugger->initialize("plain");
-    ASSERT_TRUE(processUntil([&] { return loaded.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return loaded.count() == 1; }));
     auto subscriptions
         = [] { return robot().scenario().callCount("VXMemory", "subscribeToMicroEvent"); };
     debugger->setLevel({"Say__said"}, QString());
     const std::string said = (debugger->frameManagerId() + "Say__said").toStdString();
-    ASSERT_TRUE(processUntil([&] { return robot().memory().subscribers(said).size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return robot().memory().subscribers(said).size() == 1; }));
     const uint64_t before = subscriptions();
     // The same level again, then a new one: only the new one reaches the robot.
     debugger->setLevel({"Say__said"}, QString());
     debugger->setLevel({"Say__said", "Say__onStart"}, QString());
-    ASSERT_TRUE(processUntil([&] { return subscriptions() >= before + 2; }));
-    processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] { return subscriptions() >= before + 2; }));
+    test::waitUntil([&] {
         return robot()
                    .memory()
                    .subscribers((debugger->frameManagerId() + "Say__onStart").toStdString())
@@ -176,14 +173,14 @@ TEST_F(BehaviorDebuggerTest, AnUnchangedLevelSendsNothingAndAMissingIdLeavesItPr
     robot().scenario().failMethod("VXBehaviorManager", "_getBehaviorFrameManagerId", "busy");
     QSignalSpy loading(debugger.get(), &RK::BehaviorDebugger::behaviorLoading);
     debugger->initialize("lively");
-    ASSERT_TRUE(processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return robot().scenario().callCount("VXBehaviorManager", "_getBehaviorFrameManagerId") >= 2;
     }));
     // A later answer of the same executer thread marks the end of that request.
     auto b = manager()->behaviorManagerInterface();
     QSignalSpy running(b.get(), &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
     b->requestRunningBehaviors();
-    ASSERT_TRUE(processUntil([&] { return running.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return running.count() == 1; }));
     EXPECT_EQ(loading.count(), 1);
     EXPECT_EQ(loaded.count(), 1);
     EXPECT_EQ(debugger->instance()->state(), RK::BehaviorInstanceManager::Preloaded);
@@ -199,16 +196,16 @@ TEST_F(BehaviorDebuggerTest, AStopBeforeTheStartAndARefusedStartCanBeLeft)
     QSignalSpy startError(debugger.get(), &RK::BehaviorDebugger::errorStartingBehavior);
     QSignalSpy typed(debugger.get(), &RK::BehaviorDebugger::errorOccurred);
     debugger->initialize("plain");
-    ASSERT_TRUE(processUntil([&] { return loaded.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return loaded.count() == 1; }));
     debugger->stopBehavior();
-    ASSERT_TRUE(processUntil([&] { return stopped.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return stopped.count() == 1; }));
     EXPECT_TRUE(debugger->isStopped());
     debugger->loadBehavior();
-    ASSERT_TRUE(processUntil([&] { return loaded.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return loaded.count() == 2; }));
 
     robot().scenario().failMethod("VXBehaviorManager", "startBehavior", "the robot is busy");
     debugger->startBehavior();
-    ASSERT_TRUE(processUntil([&] { return stopped.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return stopped.count() == 2; }));
     ASSERT_EQ(startError.count(), 1);
     EXPECT_TRUE(startError.at(0).at(2).toString().endsWith("the robot is busy"))
         << startError.at(0).at(2).toString().toStdString();
@@ -223,10 +220,10 @@ TEST_F(BehaviorDebuggerTest, DisconnectionWhileRunning)
     QSignalSpy loaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);
     QSignalSpy stopped(debugger.get(), &RK::BehaviorDebugger::behaviorStopped);
     debugger->initialize("plain");
-    ASSERT_TRUE(processUntil([&] { return loaded.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return loaded.count() == 1; }));
     debugger->setLevel({"Say__said"}, "Main");
     debugger->startBehavior();
-    ASSERT_TRUE(processUntil([&] { return debugger->isPaused(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return debugger->isPaused(); }));
     ASSERT_TRUE(app->disconnectAndWait());
     EXPECT_EQ(stopped.count(), 1);
     EXPECT_FALSE(debugger->isStarted());

@@ -9,10 +9,8 @@
 #include <connection/behavior_instance_manager.h>
 #include <connection/behavior_manager_interface.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/behavior_manager_service.h>
-#pragma pop_macro("signals")
+#include <sim/memory_service.h>
 
 #include <QFuture>
 #include <QFutureWatcher>
@@ -21,9 +19,9 @@ namespace test {
 
 // Runs until the future has finished, without blocking the loop it needs.
 template<typename T>
-bool waitForFuture(const QFuture<T> &future, int ms = 10000)
+bool waitForFuture(const QFuture<T> &future, std::chrono::milliseconds deadline = test::patience())
 {
-    return processUntil([&future] { return future.isFinished(); }, ms);
+    return test::waitUntil([&future] { return future.isFinished(); }, deadline);
 }
 
 class BehaviorTest : public RobotTest
@@ -54,6 +52,20 @@ protected:
     {
         app = std::make_unique<Recorder>();
         ASSERT_TRUE(app->connectAndWait(robot()));
+        // The interfaces subscribe to the robot's events on their own
+        // threads, after the connection is told: an event raised before
+        // the subscription arrives is lost, so the cases start after it.
+        ASSERT_TRUE(test::waitUntil([] {
+            const bool life = !robot().scenario().isOmitted("VXAutonomousLife");
+            for (const char *key : {"BehaviorsRun", "VXBehaviorManager/BehaviorAdded",
+                                    "VXBehaviorManager/BehaviorRemoved",
+                                    "VXBehaviorManager/BehaviorFailed", "AutonomousLife/State"}) {
+                const bool lifeKey = std::string(key) == "AutonomousLife/State";
+                if ((life || !lifeKey) && robot().memory().subscribers(key).empty())
+                    return false;
+            }
+            return true;
+        }));
     }
     static sim::BehaviorManagerService &behaviors()
     {
@@ -76,10 +88,12 @@ struct StateLog
         QObject::connect(instance, &RK::BehaviorInstanceManager::stateChanged,
                          [this](RK::BehaviorInstanceManager::State s) { states.push_back(s); });
     }
-    bool waitFor(RK::BehaviorInstanceManager::State s, int ms = 10000)
+    bool waitFor(RK::BehaviorInstanceManager::State s,
+                 std::chrono::milliseconds deadline = test::patience())
     {
-        return processUntil(
-            [this, s] { return std::find(states.begin(), states.end(), s) != states.end(); }, ms);
+        return test::waitUntil(
+            [this, s] { return std::find(states.begin(), states.end(), s) != states.end(); },
+            deadline);
     }
     std::vector<RK::BehaviorInstanceManager::State> states;
 };

@@ -48,7 +48,7 @@ TEST_F(BehaviorManagerTest, ListsNamesAndEventsReachTheApplication)
     QSignalSpy removed(b.get(), &RK::BehaviorManagerInterface::behaviorRemoved);
 
     b->requestBehaviors();
-    ASSERT_TRUE(processUntil([&] { return received.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return received.count() == 1; }));
     const QStringList all = received.at(0).at(0).toStringList();
     EXPECT_TRUE(all.contains("User/wave") && all.contains("User/plain"));
     EXPECT_EQ(present.count(), all.size());
@@ -58,21 +58,21 @@ TEST_F(BehaviorManagerTest, ListsNamesAndEventsReachTheApplication)
     behaviors().addDefault("wave");
     behaviors().addDefault("Other/User/odd");
     b->requestDefaultBehaviors();
-    ASSERT_TRUE(processUntil([&] { return defaults.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return defaults.count() == 1; }));
     EXPECT_EQ(defaults.at(0).at(0).toStringList(), (QStringList {"Other/User/odd", "wave"}));
     behaviors().startBehavior("plain");
-    ASSERT_TRUE(processUntil([&] { return !running.isEmpty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !running.isEmpty(); }));
     EXPECT_EQ(running.last().at(0).toStringList(), QStringList {"plain"});
 
     // Removal of an unknown library fails, and the list comes all the same.
     b->deleteBoxLibrary("NoSuchLibrary");
-    ASSERT_TRUE(processUntil([&] { return libraries.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return libraries.count() == 1; }));
     EXPECT_EQ(libraries.at(0).at(0).toStringList(), (QStringList {"Common", "Dialog"}));
 
     // Names in events come as the robot wrote them, unquoted.
     behaviors().install("fresh", "length 1\n");
     behaviors().removeBehavior("fresh");
-    ASSERT_TRUE(processUntil([&] { return removed.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return removed.count() == 1; }));
     EXPECT_EQ(added.last().at(0).toString(), "User/fresh");
     EXPECT_EQ(removed.at(0).at(0).toString(), "User/fresh");
 
@@ -109,10 +109,10 @@ TEST_F(BehaviorManagerTest, MalformedEventsAreIgnored)
         "VXBehaviorManager/BehaviorFailed",
         wz::toAny(std::vector<std::string> {"User/plain", "Say", "late"}));
     robot().scenario().raiseMicroEvent("BehaviorsRun", wz::toAny(std::vector<std::string> {}));
-    ASSERT_TRUE(processUntil([&] { return running.count() == 1 && failed.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return running.count() == 1 && failed.count() == 1; }));
     EXPECT_EQ(failed.at(0).at(2).toString(), "late");
     // An unknown state text is a state all the same: unknown.
-    ASSERT_TRUE(processUntil([&] { return life.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return life.count() == 1; }));
     EXPECT_EQ(life.at(0).at(0).value<RK::LifeState>(), RK::LifeStateUnknown);
 }
 
@@ -129,7 +129,7 @@ TEST_F(BehaviorManagerTest, InstanceRunsThroughItsStatesForEachNatureAndLifeStat
                 = robot().scenario().callCount("VXAutonomousLife", "switchFocus");
             BehaviorInstanceManager instance(manager(), name, QString(), false);
             StateLog log(&instance);
-            ASSERT_TRUE(processUntil([&] {
+            ASSERT_TRUE(test::waitUntil([&] {
                 return instance.state() == State::Stopped
                     && instance.lifeState()
                     == RK::AutonomousLifeInterface::stateFromString(lifeState);
@@ -172,7 +172,7 @@ TEST_F(BehaviorManagerTest, StaleRunningListDoesNotUndoAStop)
     const int listsBefore = lists.count();
     robot().scenario().raiseMicroEvent("BehaviorsRun",
                                        wz::toAny(std::vector<std::string> {"User/plain"}));
-    ASSERT_TRUE(processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         for (int i = listsBefore; i < lists.count(); ++i)
             if (lists.at(i).at(0).toStringList().contains("plain"))
                 return true;
@@ -189,7 +189,7 @@ TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
     // A missing behaviour.
     BehaviorInstanceManager missing(manager(), "User/none", QString(), false);
     QSignalSpy missingError(&missing, &BehaviorInstanceManager::errorStartingBehavior);
-    ASSERT_TRUE(processUntil([&] { return missingError.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return missingError.count() == 1; }));
     EXPECT_EQ(missingError.at(0).at(0).toString(), "Behavior start failed");
     EXPECT_EQ(missing.state(), State::Missing);
     missing.playBehavior();
@@ -202,12 +202,12 @@ TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
     behaviors().install("broken", "box Say in x\npreload-error Say: the sound file is missing\n");
     // The robot's news of the install first: it would bring a Missing
     // instance back to Stopped.
-    ASSERT_TRUE(processUntil([&] { return added.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return added.count() == 1; }));
     BehaviorInstanceManager broken(manager(), "broken", QString(), true);
     QSignalSpy boxError(&broken, &BehaviorInstanceManager::errorInBox);
     ASSERT_EQ(broken.state(), State::Stopped);
     broken.preloadBehavior();
-    ASSERT_TRUE(processUntil([&] { return boxError.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return boxError.count() == 1; }));
     EXPECT_EQ(boxError.at(0).at(0).toString(), "Say");
     EXPECT_EQ(boxError.at(0).at(1).toString(), " the sound file is missing");
     EXPECT_EQ(broken.state(), State::Missing);
@@ -217,9 +217,9 @@ TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
     robot().scenario().failMethod("VXAutonomousLife", "switchFocus", "focus held by another app");
     BehaviorInstanceManager focused(manager(), "lively", QString(), true);
     QSignalSpy startError(&focused, &BehaviorInstanceManager::errorStartingBehavior);
-    ASSERT_TRUE(processUntil([&] { return focused.lifeState() == RK::LifeStateSolitary; }));
+    ASSERT_TRUE(test::waitUntil([&] { return focused.lifeState() == RK::LifeStateSolitary; }));
     focused.playBehavior();
-    ASSERT_TRUE(processUntil([&] { return startError.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return startError.count() == 1; }));
     EXPECT_EQ(startError.at(0).at(0).toString(), "Starting behavior failed");
     EXPECT_EQ(startError.at(0).at(1).toString(),
               "VXAutonomousLife::switchFocus failed.\nYour behavior lively will not run.");
@@ -237,7 +237,7 @@ TEST_F(BehaviorManagerTest, InstanceFollowsTheRobotsListAndReportsItsErrors)
     robot().scenario().raiseMicroEvent(
         "VXBehaviorManager/BehaviorFailed",
         wz::toAny(std::vector<std::string> {"User/plain", "Say", "too loud"}));
-    ASSERT_TRUE(processUntil([&] { return plainBoxError.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return plainBoxError.count() == 1; }));
     EXPECT_EQ(plainBoxError.at(0).at(1).toString(), "too loud");
     behaviors().finishBehavior("plain");
     ASSERT_TRUE(log.waitFor(State::Stopped));
@@ -252,7 +252,7 @@ TEST_F(BehaviorManagerTest, ARefusedStartEndsInStoppedWithTheRobotsText)
     QSignalSpy added(manager()->behaviorManagerInterface().get(),
                      &RK::BehaviorManagerInterface::behaviorAdded);
     behaviors().install("broken", "box Say in x\npreload-error Say: the sound file is missing\n");
-    ASSERT_TRUE(processUntil([&] { return added.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return added.count() == 1; }));
     BehaviorInstanceManager broken(manager(), "broken", QString(), true);
     StateLog log(&broken);
     QSignalSpy startError(&broken, &BehaviorInstanceManager::errorStartingBehavior);
@@ -272,8 +272,14 @@ TEST_F(BehaviorManagerTest, ARefusedStartEndsInStoppedWithTheRobotsText)
     EXPECT_EQ(error.details, startError.at(0).at(2).toString());
 
     // Already running on the robot: the new instance shows it, a second
-    // start is refused, and the robot's list brings Running back.
+    // start is refused, and the robot's list brings Running back. The list
+    // the robot raises for this start comes first: late, it would tell the
+    // new instance Running before its own questions are answered.
+    QSignalSpy lists(manager()->behaviorManagerInterface().get(),
+                     &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
     behaviors().startBehavior("plain");
+    ASSERT_TRUE(test::waitUntil(
+        [&] { return !lists.isEmpty() && lists.last().at(0).toStringList().contains("plain"); }));
     BehaviorInstanceManager plain(manager(), "plain", QString(), false);
     StateLog plainLog(&plain);
     QSignalSpy plainError(&plain, &BehaviorInstanceManager::errorStartingBehavior);
@@ -281,7 +287,7 @@ TEST_F(BehaviorManagerTest, ARefusedStartEndsInStoppedWithTheRobotsText)
     EXPECT_EQ(plainLog.states, (std::vector<State> {State::Stopped, State::Running}));
     plainLog.states.clear();
     plain.playBehavior();
-    ASSERT_TRUE(processUntil([&] { return plainError.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return plainError.count() == 1; }));
     EXPECT_TRUE(plainError.at(0).at(2).toString().contains("already running"));
     ASSERT_TRUE(plainLog.waitFor(State::Running));
     EXPECT_EQ(plainLog.states,
@@ -298,7 +304,7 @@ TEST_F(BehaviorManagerTest, AStopBeforeRunningEndsInStopped)
     QSignalSpy lists(manager()->behaviorManagerInterface().get(),
                      &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
     // The list the new instance asks for, before anything else happens.
-    ASSERT_TRUE(processUntil([&] { return lists.count() >= 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return lists.count() >= 1; }));
     instance.preloadBehavior();
     ASSERT_TRUE(log.waitFor(State::Preloaded));
     log.states.clear();
@@ -318,7 +324,7 @@ TEST_F(BehaviorManagerTest, AStopBeforeRunningEndsInStopped)
     instance.stopBehavior();
     ASSERT_EQ(instance.state(), State::Stopping);
     // The robot's last list, raised by the stop, names nothing.
-    ASSERT_TRUE(processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return instance.state() == State::Stopped && !behaviors().isRunning("plain")
             && lists.count() > 0 && !lists.last().at(0).toStringList().contains("plain")
             && robot().scenario().callCount("VXBehaviorManager", "stopBehavior") >= 2;
@@ -337,11 +343,11 @@ TEST_F(BehaviorManagerTest, LifeInterfaceReadsAndChangesTheState)
     QSignalSpy changed(lifeInterface.get(), &RK::AutonomousLifeInterface::stateChanged);
     // The interface subscribes to the change event on the module's thread,
     // after the connection is reported: a change made before that is not told.
-    ASSERT_TRUE(
-        processUntil([] { return !robot().memory().subscribers("AutonomousLife/State").empty(); }));
+    ASSERT_TRUE(test::waitUntil(
+        [] { return !robot().memory().subscribers("AutonomousLife/State").empty(); }));
     auto set = lifeInterface->setState(RK::LifeStateInteractive);
     ASSERT_TRUE(waitForFuture(set));
-    ASSERT_TRUE(processUntil([&] { return changed.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return changed.count() == 1; }));
     EXPECT_EQ(changed.at(0).at(0).value<RK::LifeState>(), RK::LifeStateInteractive);
     auto state = lifeInterface->state();
     ASSERT_TRUE(waitForFuture(state));
@@ -375,7 +381,7 @@ TEST_F(BehaviorManagerTest, OlderManagerListsByNamesAndHasNoNatures)
     QSignalSpy received(b.get(), &RK::BehaviorManagerInterface::behaviorsReceived);
     QSignalSpy present(b.get(), &RK::BehaviorManagerInterface::behaviorPresent);
     b->requestBehaviors();
-    ASSERT_TRUE(processUntil([&] { return received.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return received.count() == 1; }));
     EXPECT_TRUE(received.at(0).at(0).toStringList().contains("User/lively"));
     auto nature = b->behaviorNature("lively");
     ASSERT_TRUE(waitForFuture(nature));
@@ -386,7 +392,7 @@ TEST_F(BehaviorManagerTest, OlderManagerListsByNamesAndHasNoNatures)
     life().setState("solitary");
     BehaviorInstanceManager instance(manager(), "lively", QString(), true);
     StateLog log(&instance);
-    ASSERT_TRUE(processUntil([&] { return instance.lifeState() == RK::LifeStateSolitary; }));
+    ASSERT_TRUE(test::waitUntil([&] { return instance.lifeState() == RK::LifeStateSolitary; }));
     instance.playBehavior();
     ASSERT_TRUE(log.waitFor(State::Running));
     EXPECT_EQ(robot().scenario().callCount("VXAutonomousLife", "switchFocus"), 0u);
@@ -410,7 +416,7 @@ TEST_F(BehaviorManagerTest, DisconnectionDuringCallsIsSafe)
         auto instance = std::make_unique<BehaviorInstanceManager>(
             manager(), phase == 2 ? "lively" : "plain", QString(), true);
         StateLog log(instance.get());
-        ASSERT_TRUE(processUntil(
+        ASSERT_TRUE(test::waitUntil(
             [&] { return phase != 2 || instance->lifeState() == RK::LifeStateSolitary; }));
         const char *method = phase == 1 ? "preloadBehavior"
             : phase == 2                ? "switchFocus"
@@ -423,11 +429,12 @@ TEST_F(BehaviorManagerTest, DisconnectionDuringCallsIsSafe)
         if (phase == 0)
             ASSERT_TRUE(log.waitFor(State::Running));
         else
-            ASSERT_TRUE(
-                processUntil([&] { return robot().scenario().callCount(service, method) == 1; }));
+            ASSERT_TRUE(test::waitUntil(
+                [&] { return robot().scenario().callCount(service, method) == 1; }));
         ASSERT_TRUE(app->disconnectAndWait());
         EXPECT_EQ(instance->state(), State::Missing);
-        settle(50);
+        // What the ended connection queued to the instance arrives before it goes.
+        ASSERT_TRUE(test::barrier(instance.get()));
         instance.reset();
         app.reset();
         behaviors().stopAll();

@@ -11,11 +11,8 @@
 #include <vx/vxproxies.h>
 #include <wz/log.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/memory_service.h>
 #include <sim/service.h>
-#pragma pop_macro("signals")
 
 #include <chrono>
 #include <memory>
@@ -56,7 +53,7 @@ TEST_F(ConnectionManagerTest, SuccessSequenceAndRequestedDisconnection)
 
     r.connectTo(robot(), QStringLiteral("pelvon"));
     EXPECT_TRUE(m.isConnecting());
-    ASSERT_TRUE(test::processUntil([&] { return r.tested() == 1; }, 20000));
+    ASSERT_TRUE(test::waitUntil([&] { return r.tested() == 1; }));
     // The outcome of the two-way test is told after the connection itself;
     // without the desktop module the test fails at once.
     ASSERT_EQ(r.events.size(), 4);
@@ -111,8 +108,8 @@ TEST_F(ConnectionManagerTest, SuccessSequenceAndRequestedDisconnection)
     EXPECT_TRUE(m.morvaneVersion().isEmpty());
 
     // The closing itself happens afterwards, on the worker.
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
-    EXPECT_TRUE(test::processUntil([] { return robot().scenario().clients().empty(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
 
     QString lastIp;
     int lastPort = 0;
@@ -173,7 +170,7 @@ TEST_F(ConnectionManagerTest, UnreachableRobot)
     EXPECT_FALSE(r.errors[0].details.isEmpty());
     EXPECT_FALSE(r.errors[0].checkWarningEnable);
     EXPECT_TRUE(r.manager->wasDisconnectionRequested());
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
 }
 
 TEST_F(ConnectionManagerTest, BadPortFailsTheAttempt)
@@ -191,7 +188,7 @@ TEST_F(ConnectionManagerTest, SessionLostWhileWaitingForReadiness)
     Recorder r;
     r.connectTo(robot());
     // The worker is asking for the key: the robot is there but not ready.
-    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", 1, 10s));
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", 1, test::patience()));
     robot().scenario().dropClients();
 
     ASSERT_TRUE(r.waitFor(QStringLiteral("disconnected")));
@@ -199,7 +196,7 @@ TEST_F(ConnectionManagerTest, SessionLostWhileWaitingForReadiness)
     EXPECT_EQ(r.errors[0].contents, k_cannotConnect);
     EXPECT_EQ(r.errors[0].details, k_interrupted);
     EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 0);
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
 }
 
 TEST_F(ConnectionManagerTest, ExceptionWhileBuildingFailsTheAttempt)
@@ -218,8 +215,8 @@ TEST_F(ConnectionManagerTest, ExceptionWhileBuildingFailsTheAttempt)
                               "No proxy on VXMemory cannot check version compatibility"));
     EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 0);
     // The half-built connection and its session are gone with the attempt.
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
-    EXPECT_TRUE(test::processUntil([] { return robot().scenario().clients().empty(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
 }
 
 // Ten attempts to ten robots that take the link and never answer: each
@@ -253,7 +250,7 @@ TEST_F(ConnectionManagerTest, TenWorkersAtMostAndTheEleventhIsRefused)
     // far sooner than the heartbeat would have given up on those robots.
     r.manager->disconnectBroker();
     EXPECT_FALSE(r.manager->isConnecting());
-    ASSERT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }, 5000));
+    ASSERT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
     EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 0);
     EXPECT_EQ(r.count(QStringLiteral("disconnected")), 1);
     EXPECT_EQ(r.errors.size(), 1u);
@@ -267,14 +264,14 @@ TEST_F(ConnectionManagerTest, DisconnectDuringAnAttempt)
     robot().scenario().holdReadiness();
     Recorder r;
     r.connectTo(robot());
-    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", 1, 10s));
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", 1, test::patience()));
     r.manager->disconnectBroker();
     EXPECT_EQ(r.events, (QStringList {"connecting(true)", "connecting(false)", "disconnected"}));
     EXPECT_TRUE(r.manager->wasDisconnectionRequested());
 
     robot().scenario().releaseReadiness();
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
-    EXPECT_TRUE(test::processUntil([] { return robot().scenario().clients().empty(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
     EXPECT_EQ(r.events, (QStringList {"connecting(true)", "connecting(false)", "disconnected"}));
     EXPECT_FALSE(RK::currentConnection(*r.manager));
 }
@@ -291,7 +288,7 @@ TEST_F(ConnectionManagerTest, TwoAttemptsSideBySideTheLaterSuccessWins)
                                    QStringLiteral("second"));
     EXPECT_EQ(r.workerCount(), 2);
     ASSERT_TRUE(
-        test::processUntil([&] { return r.count(QStringLiteral("connectionEstablished")) == 2; }));
+        test::waitUntil([&] { return r.count(QStringLiteral("connectionEstablished")) == 2; }));
     EXPECT_TRUE(r.manager->isConnected());
     EXPECT_FALSE(r.manager->isConnecting());
 
@@ -303,9 +300,11 @@ TEST_F(ConnectionManagerTest, TwoAttemptsSideBySideTheLaterSuccessWins)
     ASSERT_TRUE(r.manager->getCurrentConnection(ip, port));
     sim::Robot &kept = port == robotPort() ? robot() : other;
     sim::Robot &released = port == robotPort() ? other : robot();
-    EXPECT_TRUE(test::processUntil([&] { return released.scenario().clients().empty(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return released.scenario().clients().empty(); }));
     EXPECT_EQ(kept.scenario().clients().size(), 1u);
-    test::settle(100);
+    // The released worker is gone, and what it told this thread has come.
+    ASSERT_TRUE(test::waitUntil([&] { return r.workerCount() == 1; }));
+    ASSERT_TRUE(test::barrier(r.manager.get()));
     EXPECT_EQ(r.count(QStringLiteral("connectionLost")), 0);
     EXPECT_EQ(r.count(QStringLiteral("disconnected")), 0);
     EXPECT_TRUE(r.manager->isConnected());
@@ -313,7 +312,7 @@ TEST_F(ConnectionManagerTest, TwoAttemptsSideBySideTheLaterSuccessWins)
     // The remaining worker closes what it built.
     ASSERT_TRUE(r.disconnectAndWait());
     EXPECT_EQ(r.count(QStringLiteral("disconnected")), 1);
-    EXPECT_TRUE(test::processUntil([&] { return kept.scenario().clients().empty(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return kept.scenario().clients().empty(); }));
 }
 
 TEST_F(ConnectionManagerTest, AFailedSecondAttemptLeavesTheWorkingConnectionAlone)
@@ -326,7 +325,7 @@ TEST_F(ConnectionManagerTest, AFailedSecondAttemptLeavesTheWorkingConnectionAlon
     EXPECT_EQ(r.events,
               (QStringList {"connecting(true)", "displayErrorRequested", "connecting(false)"}));
     EXPECT_TRUE(r.manager->isConnected());
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 1; }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 1; }));
     EXPECT_EQ(robot().scenario().clients().size(), 1u);
     EXPECT_TRUE(RK::currentConnection(*r.manager)->memory()->getData("MorvaneReady").toBool());
 }
@@ -346,7 +345,7 @@ TEST_F(ConnectionManagerTest, LossAfterSuccess)
     EXPECT_TRUE(r.errors.empty());
     EXPECT_TRUE(
         logs.contains(wz::LogLevel_Info, "con.connection", "Connection was lost with the robot: "));
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
 }
 
 // The robot's connection dies at several points of the binding: every time
@@ -366,15 +365,15 @@ TEST_F(ConnectionManagerTest, ConnectionKilledDuringBinding)
         const uint64_t before = robot().scenario().callCount(point.first, point.second);
         Recorder r;
         r.connectTo(robot());
-        ASSERT_TRUE(robot().scenario().waitForCalls(point.first, point.second, before + 1, 10s));
+        ASSERT_TRUE(robot().scenario().waitForCalls(point.first, point.second, before + 1,
+                                                    test::patience()));
         robot().scenario().dropClients();
 
-        ASSERT_TRUE(r.waitFor(QStringLiteral("disconnected"), 20000))
-            << r.events.join(", ").toStdString();
+        ASSERT_TRUE(r.waitFor(QStringLiteral("disconnected"))) << r.events.join(", ").toStdString();
         EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 0);
         ASSERT_EQ(r.errors.size(), 1u);
         EXPECT_EQ(r.errors[0].contents, k_cannotConnect);
-        EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
+        EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
     }
 }
 

@@ -64,7 +64,7 @@ struct Errors
     // before a wait() begins, so wait for the count instead.
     bool waitFor(int count)
     {
-        return test::processUntil([&] { return spy.count() >= count; });
+        return test::waitUntil([&] { return spy.count() >= count; });
     }
     QSignalSpy spy;
 };
@@ -78,13 +78,13 @@ TEST_F(DeviceServicesTest, AudioVolumeMuteLanguagesAndChangeEvents)
     QSignalSpy changed(audio.get(), &RK::AudioInterface::audioChanged);
 
     audio->getOutputVolume();
-    ASSERT_TRUE(test::processUntil([&] { return volume.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return volume.count() == 1; }));
     EXPECT_EQ(volume.at(0).at(0).toInt(), 70);
     EXPECT_FALSE(volume.at(0).at(1).toBool());
 
     audio->setOutputVolume(35, true);
     audio->getOutputVolume();
-    ASSERT_TRUE(test::processUntil([&] { return volume.count() == 2 && changed.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return volume.count() == 2 && changed.count() == 2; }));
     EXPECT_EQ(volume.at(1).at(0).toInt(), 35);
     EXPECT_TRUE(volume.at(1).at(1).toBool());
     // The event's value passes unchanged: [volume, muted] as the robot sent it.
@@ -98,7 +98,7 @@ TEST_F(DeviceServicesTest, AudioVolumeMuteLanguagesAndChangeEvents)
     QSignalSpy languages(audio.get(), &RK::AudioInterface::getAvailableLanguagesResult);
     audio->getCurrentLanguage();
     audio->getAvailableLanguages();
-    ASSERT_TRUE(test::processUntil([&] { return languages.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return languages.count() == 1; }));
     EXPECT_EQ(language.at(0).at(0).toString(), QStringLiteral("English"));
     EXPECT_EQ(languages.at(0).at(0).toStringList(),
               (QStringList {"English", "French", "Japanese", QString::fromUtf8("Espa\xc3\xb1ol"),
@@ -110,7 +110,7 @@ TEST_F(DeviceServicesTest, AudioVolumeMuteLanguagesAndChangeEvents)
     robot().scenario().failMethod("VXTextToSpeech", "getLanguage", "no voice");
     audio->setOutputVolume(10, false);
     audio->getCurrentLanguage();
-    ASSERT_TRUE(test::processUntil([&] { return errors.spy.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return errors.spy.count() == 2; }));
     EXPECT_EQ(errors.title(0), QStringLiteral("VXAudioDevice"));
     EXPECT_EQ(errors.contents(0), QStringLiteral("Failed to call"));
     EXPECT_TRUE(errors.details(0).contains(QStringLiteral("amplifier off")))
@@ -127,7 +127,7 @@ TEST_F(DeviceServicesTest, ARobotWithoutMuteSetsTheVolumeOnly)
     QSignalSpy volume(audio.get(), &RK::AudioInterface::updateOutputVolumeRequested);
     audio->setOutputVolume(50, true);
     audio->getOutputVolume();
-    ASSERT_TRUE(test::processUntil([&] { return volume.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return volume.count() == 1; }));
     EXPECT_EQ(volume.at(0).at(0).toInt(), 50);
     EXPECT_FALSE(volume.at(0).at(1).toBool());
     EXPECT_FALSE(robot().serviceAs<sim::AudioDeviceService>("VXAudioDevice")->muted());
@@ -142,14 +142,14 @@ TEST_F(DeviceServicesTest, BatteryChargeThenLevelFallbackThenError)
     Errors errors(battery->executerObject());
 
     battery->getBatteryLevel();
-    ASSERT_TRUE(test::processUntil([&] { return level.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return level.count() == 1; }));
     EXPECT_EQ(level.at(0).at(0).toInt(), 87);
 
     robot().scenario().failMethod("VXBattery", "getBatteryCharge", "gauge offline");
     robot().scenario().replaceMethod("VXBattery", "getBatteryLevel",
                                      [](const sim::Args &) { return wz::AnyValue(3); });
     battery->getBatteryLevel();
-    ASSERT_TRUE(test::processUntil([&] { return level.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return level.count() == 2; }));
     EXPECT_EQ(level.at(1).at(0).toInt(), 60);
 
     robot().scenario().failMethod("VXBattery", "getBatteryLevel", "board silent");
@@ -182,22 +182,24 @@ TEST_F(DeviceServicesTest, SpeechTestsNarrationTagsAndTheQueue)
     EXPECT_EQ(speech->getTagList().result(),
               (QStringList {"bow", "enumeration", "greeting", "no", "question", "yes"}));
     speech->interpretText(QString::fromUtf8("^greeting Bonjour ^bow(deep) \xc3\xa0 tous"));
-    ASSERT_TRUE(test::processUntil([&] { return tts->spoken().size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return tts->spoken().size() == 1; }));
     EXPECT_EQ(tts->spoken()[0].text, "Bonjour \xc3\xa0 tous");
 
     // A stop asked for during a sentence waits behind it on the executer's
     // thread: the sentence ends whole.
     tts->setWordDuration(std::chrono::milliseconds(60));
     speech->startTest(QStringLiteral("one two three four five"));
-    ASSERT_TRUE(test::processUntil([&] { return tts->speaking() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return tts->speaking() == 1; }));
     speech->stopTest();
-    ASSERT_TRUE(test::processUntil(
+    ASSERT_TRUE(test::waitUntil(
         [&] { return robot().scenario().callCount("VXTextToSpeech", "stopAll") == 1; }));
     ASSERT_EQ(tts->spoken().size(), 2u);
     EXPECT_TRUE(tts->spoken()[1].completed);
 
     robot().scenario().failMethod("VXTextToSpeech", "_getTagList", "tags unreadable");
     EXPECT_TRUE(speech->getTagList().result().isEmpty());
+    // The result is set before the executer reports the failure.
+    ASSERT_TRUE(errors.waitFor(1));
     ASSERT_EQ(errors.spy.count(), 1);
     // Asked of text to speech, reported under the animated speech's name.
     EXPECT_EQ(errors.title(0), QStringLiteral("VXAnimatedSpeech"));
@@ -222,7 +224,7 @@ TEST_F(DeviceServicesTest, DialogAnswersFailuresAndAMissingService)
         ASSERT_TRUE(dialog);
         QSignalSpy told(dialog.get(), &RK::DialogInterface::tellFinished);
         dialog->tell(QStringLiteral("What is your name?"));
-        ASSERT_TRUE(test::processUntil([&] { return told.count() == 1; }));
+        ASSERT_TRUE(test::waitUntil([&] { return told.count() == 1; }));
         EXPECT_EQ(told.at(0).at(0).toString(), QStringLiteral("My name is Pelvon."));
         // A failure is an error, not an answer.
         std::vector<RK::OperationError> failures;
@@ -231,7 +233,7 @@ TEST_F(DeviceServicesTest, DialogAnswersFailuresAndAMissingService)
                          [&](const RK::OperationError &e) { failures.push_back(e); });
         dialog->tell(QString());
         dialog->tell(QStringLiteral("What is your name?"));
-        ASSERT_TRUE(test::processUntil([&] { return told.count() == 2 && !failures.empty(); }));
+        ASSERT_TRUE(test::waitUntil([&] { return told.count() == 2 && !failures.empty(); }));
         ASSERT_EQ(failures.size(), 1u);
         EXPECT_EQ(failures[0].operation, QStringLiteral("tell"));
         EXPECT_EQ(failures[0].code, RK::ErrorCode::RobotFailed);
@@ -252,7 +254,7 @@ TEST_F(DeviceServicesTest, ConfigAnswersAndItsTwoFailureShapes)
     QSignalSpy file(config.get(), &RK::ConfigInterface::configFileReceived);
     config->getConfig();
     config->getConfigFile();
-    ASSERT_TRUE(test::processUntil([&] { return file.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return file.count() == 1; }));
     ASSERT_EQ(text.count(), 1);
     EXPECT_TRUE(text.at(0).at(0).toString().endsWith(QString::fromUtf8("simul\xc3\xa9"
                                                                        "e")));
@@ -268,10 +270,10 @@ TEST_F(DeviceServicesTest, ConfigAnswersAndItsTwoFailureShapes)
     robot().scenario().failMethod("VXRobotModel", "getConfigFile", "file unreadable");
     emit config->getConfigRequested();
     emit config->configFileRequested();
-    ASSERT_TRUE(test::processUntil([&] { return failures.size() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return failures.size() == 2; }));
     robot().scenario().restoreMethod("VXRobotModel", "getConfigFile");
     emit config->configFileRequested();
-    ASSERT_TRUE(test::processUntil([&] { return file.count() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return file.count() == 2; }));
     EXPECT_EQ(text.count(), 1);
     EXPECT_TRUE(file.at(1).at(0).toString().startsWith(QStringLiteral("<?xml")));
     ASSERT_EQ(failures.size(), 2u);
@@ -287,7 +289,7 @@ TEST_F(DeviceServicesTest, ResourcesAndOwners)
     ASSERT_TRUE(resources);
     QSignalSpy received(resources.get(), &RK::ResourcesInterface::resourcesReceived);
     resources->getResources();
-    ASSERT_TRUE(test::processUntil([&] { return received.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return received.count() == 1; }));
     const VX::VXValue prefs = received.at(0).at(0).value<VX::VXValue>();
     ASSERT_TRUE(prefs.isArray());
     ASSERT_EQ(prefs.getSize(), 4);
@@ -304,7 +306,7 @@ TEST_F(DeviceServicesTest, ResourcesAndOwners)
     robot().scenario().failMethod("VXResourceManager", "ownersGet", "no owners");
     resources->getResources();
     EXPECT_FALSE(resources->getOwners().result().isValid());
-    ASSERT_TRUE(test::processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return log.contains(wz::LogLevel_Error, "con.resourcesE",
                             "VXPreferences::readPrefFile(\"vxresourcemanager\") call failed : ");
     }));
@@ -327,7 +329,7 @@ TEST_F(DeviceServicesTest, LauncherExitCodesErrorsAndUnknownCommands)
                      [&](const RK::OperationError &e) { failures.push_back(e); });
     launch->launchWait(QStringLiteral("rm"), {"-rf", "/"});
     launch->launchWait(QStringLiteral("true"), {});
-    ASSERT_TRUE(test::processUntil([&] { return finished.count() == 4 && !failures.empty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return finished.count() == 4 && !failures.empty(); }));
     EXPECT_EQ(finished.at(0).at(0).toString(), QString());
     EXPECT_EQ(finished.at(1).at(0).toString(),
               QStringLiteral("Command `self-check` returned an error code (3)."));

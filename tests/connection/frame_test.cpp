@@ -4,6 +4,8 @@
 #include "connection_manager_p.h"
 #include "connection_p.h"
 
+#include <vx/vxproxies.h>
+
 #include <QSignalSpy>
 
 #include <chrono>
@@ -59,7 +61,7 @@ TEST_F(FrameTest, RequestBySignalAndByFuture)
     QFuture<int> future = probe->charge();
     EXPECT_EQ(future.result(), 42);
     // The finished wrapper leaves no trace.
-    EXPECT_TRUE(test::processUntil([&] { return probe->pendingFutures() == 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return probe->pendingFutures() == 0; }));
 }
 
 TEST_F(FrameTest, RemoteFailureBecomesTheErrorSignal)
@@ -80,7 +82,8 @@ TEST_F(FrameTest, TeardownWaitsForAPoolCallStillRunning)
     robot().scenario().delayMethod("VXBattery", "getBatteryCharge", 300ms);
     const uint64_t before = calls();
     QFuture<int> future = probe->charge();
-    ASSERT_TRUE(robot().scenario().waitForCalls("VXBattery", "getBatteryCharge", before + 1, 5s));
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXBattery", "getBatteryCharge", before + 1,
+                                                test::patience()));
     probe.reset();
     ASSERT_TRUE(future.isFinished());
     EXPECT_EQ(future.result(), 42);
@@ -93,10 +96,12 @@ TEST_F(FrameTest, RequestAfterTeardownIsNeverRun)
     probe->getCharge();
     probe->getCharge();
     probe->getCharge();
-    ASSERT_TRUE(robot().scenario().waitForCalls("VXBattery", "getBatteryCharge", before + 1, 5s));
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXBattery", "getBatteryCharge", before + 1,
+                                                test::patience()));
     probe.reset(); // waits for the running slot only
     robot().scenario().restoreMethod("VXBattery", "getBatteryCharge");
-    test::settle(300);
+    // A call over the same connection reaches the robot after any made before it.
+    EXPECT_TRUE(connection->memory()->getData("MorvaneReady").toBool());
     EXPECT_EQ(calls(), before + 1);
 }
 
@@ -111,9 +116,7 @@ TEST_F(FrameTest, AfterDisconnectionRequestsEndQuietly)
     QSignalSpy errors(probe.get(), &test::ChargeInterface::error);
     probe->getCharge();
     EXPECT_EQ(probe->charge().result(), -1);
-    QMetaObject::invokeMethod(
-        probe->executer(), [] {}, Qt::BlockingQueuedConnection);
-    test::settle(50);
+    ASSERT_TRUE(test::barrier(probe->executer()));
     EXPECT_EQ(updated.count(), 0);
     EXPECT_EQ(errors.count(), 0);
     EXPECT_EQ(calls(), before);

@@ -1,4 +1,5 @@
 #include "gate_interface.h"
+#include "wait_until.h"
 
 #include "connection_p.h"
 #include "future_list_watcher_p.h"
@@ -40,22 +41,6 @@ namespace {
 boost::shared_ptr<RK::Connection> placeHolder()
 {
     return boost::make_shared<RK::Connection>(nullptr, QString(), 0, QStringLiteral("frame"));
-}
-
-// Runs an event loop (not bare processEvents(): objects deleted later from
-// another thread are deleted only by a running loop) until `pred` holds.
-template<typename Pred>
-bool processUntil(Pred pred, int ms = 5000)
-{
-    QDeadlineTimer deadline(ms);
-    while (!pred()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(2, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
 }
 
 // Opens the gate `count` times once the executer has entered it `count` times,
@@ -223,7 +208,7 @@ TEST(Frame, AnInterfaceReleasedLastByItsExecuterGoesOnItsOwnThread)
     iface.reset(); // the executer's copy is now the last one
     endCall->release();
 
-    ASSERT_TRUE(processUntil([&] { return alive.isNull(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return alive.isNull(); }));
     (void)executerThread;
 }
 
@@ -235,7 +220,7 @@ void expectWrapperReports(const QFuture<T> &future)
     QSignalSpy finished(&wrapper, &RK::FutureBase::finished);
     wrapper.waitForFinished();
     EXPECT_FALSE(wrapper.isRunning());
-    EXPECT_TRUE(processUntil([&] { return finished.count() == 1; }));
+    EXPECT_TRUE(test::waitUntil([&] { return finished.count() == 1; }));
     EXPECT_TRUE(wrapper.isFinished());
 }
 
@@ -285,9 +270,9 @@ TEST(FutureListWatcher, FinishedWrappersAreDeletedFromAnyThread)
         all.addFuture(f);
     }
     all.waitForFinished();
-    EXPECT_TRUE(processUntil([&] { return watcher->count() == 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return watcher->count() == 0; }));
     for (const auto &w : wrappers)
-        EXPECT_TRUE(processUntil([&] { return w.isNull(); }));
+        EXPECT_TRUE(test::waitUntil([&] { return w.isNull(); }));
 
     QMetaObject::invokeMethod(watcher, &QObject::deleteLater);
     owner.quit();

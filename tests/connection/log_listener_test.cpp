@@ -72,7 +72,7 @@ protected:
     bool roundTrip(const std::string &text, wz::LogLevel level = wz::LogLevel_Warning)
     {
         wz::log::log(level, "test.marker", "roundTrip", text);
-        return test::processUntil([&] {
+        return test::waitUntil([&] {
             const std::vector<std::string> markers = texts("test.marker");
             return std::find(markers.begin(), markers.end(), text) != markers.end();
         });
@@ -89,7 +89,7 @@ TEST_F(LogListenerTest, MessagesArriveInOrderWithNoneLost)
     EXPECT_EQ(logs->executerThread()->objectName(), QStringLiteral("LogListenerInterface thread"));
     const uint64_t first = robot().serviceAs<sim::LogManagerService>("LogManager")->sent();
     chatter({4000, "test.chatter", wz::LogLevel_Warning});
-    ASSERT_TRUE(test::processUntil([&] { return texts("test.chatter").size() >= 2000; }));
+    ASSERT_TRUE(test::waitUntil([&] { return texts("test.chatter").size() >= 2000; }));
     chatter({0, "test.chatter", wz::LogLevel_Warning});
     const std::vector<std::string> got = texts("test.chatter");
     for (size_t i = 0; i < got.size(); ++i)
@@ -184,7 +184,7 @@ TEST_F(LogListenerTest, AStalledReaderKeepsABoundedQueueAndLearnsWhatWasDropped)
     EXPECT_LE(stalled.pending, 500);
     EXPECT_GE(stalled.dropped, 2500u);
 
-    ASSERT_TRUE(test::processUntil([&] { return expected >= end; }));
+    ASSERT_TRUE(test::waitUntil([&] { return expected >= end; }));
     EXPECT_EQ(expected, end);
     EXPECT_EQ(outOfOrder, 0);
     EXPECT_EQ(droppedTold, executer->stats().dropped);
@@ -201,7 +201,7 @@ TEST_F(LogListenerTest, TeardownWhileMessagesFlow)
         const auto logs = connect();
         ASSERT_TRUE(logs);
         chatter({20000, "test.chatter", wz::LogLevel_Warning});
-        ASSERT_TRUE(test::processUntil([&] { return texts("test.chatter").size() >= 100; }));
+        ASSERT_TRUE(test::waitUntil([&] { return texts("test.chatter").size() >= 100; }));
         ASSERT_TRUE(recorder->disconnectAndWait());
         recorder.reset();
         chatter({0, "test.chatter", wz::LogLevel_Warning});

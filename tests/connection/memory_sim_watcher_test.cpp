@@ -5,12 +5,9 @@
 
 #include <QElapsedTimer>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/memory_watcher_service.h>
 #include <wz/object.h>
 #include <wz/session.h>
-#pragma pop_macro("signals")
 
 #include <boost/make_shared.hpp>
 
@@ -77,7 +74,15 @@ TEST_F(MemorySimWatcherTest, SamplesAtTheSetPeriodForEachClientApart)
     elapsed.start();
     one.watcher.call<void>("startWatching");
     two.watcher.call<void>("startWatching");
-    std::this_thread::sleep_for(200ms);
+    // Two samples of every key, for each client watching.
+    ASSERT_TRUE(test::waitUntil([] {
+        for (const std::string &peer : service().clients()) {
+            const sim::MemoryWatcherService::ClientState state = service().clientState(peer);
+            if (state.watching && state.pendingSamples < 2 * state.listeners.size())
+                return false;
+        }
+        return true;
+    }));
     auto first = one.take();
     auto second = two.take();
     const double ms = elapsed.elapsed();
@@ -99,10 +104,10 @@ TEST_F(MemorySimWatcherTest, SamplesAtTheSetPeriodForEachClientApart)
     EXPECT_EQ(second.at("Sim/b").front().second, wz::AnyValue("two"));
 
     // Taken means gone; stopped means no more samples; listeners stay.
+    // Sampling and stopping exclude each other on the robot: what the first
+    // read leaves is what came after the stop.
     one.watcher.call<void>("stopWatching");
-    std::this_thread::sleep_for(30ms);
     one.take();
-    std::this_thread::sleep_for(60ms);
     const auto after = one.take();
     EXPECT_TRUE(after.at("Sim/a").empty());
 
@@ -116,8 +121,7 @@ TEST_F(MemorySimWatcherTest, SamplesAtTheSetPeriodForEachClientApart)
     // A client that leaves takes its state along.
     const std::vector<std::string> before = service().clients();
     two.session->close().wait();
-    EXPECT_TRUE(
-        test::processUntil([&] { return service().clients().size() == before.size() - 1; }));
+    EXPECT_TRUE(test::waitUntil([&] { return service().clients().size() == before.size() - 1; }));
 }
 
 } // namespace

@@ -13,10 +13,7 @@
 
 #include <QMetaObject>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/memory_watcher_service.h>
-#pragma pop_macro("signals")
 
 #include <boost/make_shared.hpp>
 
@@ -55,7 +52,7 @@ TEST_F(MemorySourceTest, ModulesAppearingBetweenCallsSwitchTheSourceAndKeysStayB
     sync();
     EXPECT_TRUE(memory->executer()->localWatchedKeys().isEmpty());
     EXPECT_FALSE(memory->executer()->isGathering());
-    ASSERT_TRUE(test::processUntil([&] { return receiver.answers.size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return receiver.answers.size() == 1; }));
     EXPECT_FALSE(receiver.answers.back());
 
     // "VXMemory" appears: polling, with the keys on the desktop.
@@ -63,7 +60,7 @@ TEST_F(MemorySourceTest, ModulesAppearingBetweenCallsSwitchTheSourceAndKeysStayB
     ASSERT_TRUE(connection->memory());
     memory->watchKey(QStringLiteral("Switch/a"), 10);
     memory->startWatcher(20, 10);
-    ASSERT_TRUE(test::processUntil([&] { return !collector.samplesOf("Switch/a").isEmpty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !collector.samplesOf("Switch/a").isEmpty(); }));
     memory->stopWatcher();
     sync();
     EXPECT_EQ(robot().scenario().callCount("VXMemoryWatcher", "addListener"), 0u);
@@ -76,7 +73,7 @@ TEST_F(MemorySourceTest, ModulesAppearingBetweenCallsSwitchTheSourceAndKeysStayB
     memory->watchKey(QStringLiteral("Switch/b"), 10);
     memory->startWatcher(20, 20);
     memory->isRealTimeSupported(&receiver, "onRealTimeSupported");
-    ASSERT_TRUE(test::processUntil([&] { return collector.samplesOf("Switch/b").size() >= 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return collector.samplesOf("Switch/b").size() >= 2; }));
     ASSERT_EQ(receiver.answers.size(), 2u);
     EXPECT_TRUE(receiver.answers.back());
     EXPECT_TRUE(collector.samplesOf("Switch/a").isEmpty());

@@ -14,12 +14,9 @@
 #include <QMetaObject>
 #include <QtGlobal>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/memory_service.h>
 #include <sim/memory_watcher_service.h>
 #include <wz/log.h>
-#pragma pop_macro("signals")
 
 #include <chrono>
 #include <functional>
@@ -113,9 +110,10 @@ protected:
         return robot().scenario().callCount(k_watcher, method);
     }
 
-    bool waitFor(const std::function<bool()> &done, int ms = 5000)
+    bool waitFor(const std::function<bool()> &done,
+                 std::chrono::milliseconds deadline = test::patience())
     {
-        return test::processUntil(done, ms);
+        return test::waitUntil(done, deadline);
     }
 
     std::unique_ptr<test::Recorder> recorder;
@@ -162,7 +160,7 @@ TEST_F(MemoryWatcherTest, RealTimeSourceDeliversWhatTheRobotSampled)
     sync();
     EXPECT_FALSE(robotState().watching);
     const uint64_t gathers = watcherCalls("getData");
-    test::settle(300);
+    ASSERT_TRUE(test::barrierAfter(memory->executer(), 300ms));
     EXPECT_EQ(watcherCalls("getData"), gathers);
 }
 
@@ -301,8 +299,8 @@ TEST_F(MemoryWatcherTest, AFailingGetDataSkipsTicksUntilItAnswersAgain)
     connectRobot(true);
     robot().scenario().failMethod(k_watcher, "getData", "watcher rebooting");
     memory->startWatcher(20);
-    ASSERT_TRUE(robot().scenario().waitForCalls(k_watcher, "getData", 3, 5s));
-    test::settle(50);
+    ASSERT_TRUE(robot().scenario().waitForCalls(k_watcher, "getData", 3, test::patience()));
+    ASSERT_TRUE(test::barrier(memory->executer()));
     EXPECT_TRUE(collector->batches.empty());
     robot().scenario().restoreMethod(k_watcher, "getData");
     EXPECT_TRUE(waitFor([&] { return !collector->batches.empty(); }));
@@ -359,7 +357,7 @@ TEST_F(MemoryWatcherTest, AWatcherThatFailedToStartLeavesNoGatherTicks)
     EXPECT_TRUE(log.contains(wz::LogLevel_Warning, "desktop.memory", "Failure: "));
     EXPECT_TRUE(log.contains("desktop.memory", "no sampler left"));
     EXPECT_FALSE(memory->executer()->isGathering());
-    test::settle(100);
+    ASSERT_TRUE(test::barrierAfter(memory->executer(), 100ms));
     EXPECT_EQ(watcherCalls("getData"), 0u);
     EXPECT_TRUE(collector->batches.empty());
 }

@@ -3,10 +3,7 @@
 #include "connection_p.h"
 #include <connection/robot_state_receiver.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/motion_service.h>
-#pragma pop_macro("signals")
 
 #include <chrono>
 #include <memory>
@@ -87,9 +84,9 @@ TEST_F(MotionTest, PostedMovesDoNotWaitForEachOther)
     // A slow move of the head (about 7 s), then at once a quick one of the arm.
     receiver->sendMotorAngles(RobotPose {{QStringLiteral("NeckYaw"), 2.0}}, 0.1f);
     receiver->sendMotorAngles(RobotPose {{QStringLiteral("LArmGrip"), 1.0}}, 1.0f);
-    ASSERT_TRUE(
-        robot().scenario().waitForCalls("VXMotion", "angleInterpolationWithSpeed", 2, 3000ms));
-    ASSERT_TRUE(test::processUntil([] { return angle("LArmGrip") > 0.99f; }, 3000));
+    ASSERT_TRUE(robot().scenario().waitForCalls("VXMotion", "angleInterpolationWithSpeed", 2,
+                                                test::patience()));
+    ASSERT_TRUE(test::waitUntil([] { return angle("LArmGrip") > 0.99f; }));
     EXPECT_LT(angle("NeckYaw"), 1.9f) << "the head is still on its way";
     const sim::Args first = robot().scenario().calls("VXMotion", "angleInterpolationWithSpeed")[0];
     EXPECT_EQ(first[0].toList()[0].toStr(), "NeckYaw");
@@ -115,14 +112,14 @@ TEST_F(MotionTest, BlockingMoveEndsAtItsTarget)
 
     // Relative moves.
     receiver->changeMotorAngles(RobotPose {{QStringLiteral("NeckYaw"), 0.2}}, 1.0f);
-    EXPECT_TRUE(test::processUntil([] { return std::fabs(angle("NeckYaw") - 0.5f) < 1e-3; }));
+    EXPECT_TRUE(test::waitUntil([] { return std::fabs(angle("NeckYaw") - 0.5f) < 1e-3; }));
 }
 
 TEST_F(MotionTest, FailuresOfMovesAndTheirReports)
 {
     robot().scenario().failMethod("VXMotion", "angleInterpolationWithSpeed", "joint too hot");
     receiver->sendMotorAnglesBlocking(RobotPose {{QStringLiteral("NeckYaw"), 0.3}}, 1.0f);
-    ASSERT_TRUE(test::processUntil([&] { return errors.titles.size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return errors.titles.size() == 1; }));
     EXPECT_EQ(errors.titles[0], QStringLiteral("VXMotion"));
     EXPECT_EQ(errors.contents[0], QStringLiteral("Failed to call angleInterpolationWithSpeed"));
     EXPECT_TRUE(errors.details[0].contains(QStringLiteral("joint too hot")));
@@ -133,17 +130,17 @@ TEST_F(MotionTest, FailuresOfMovesAndTheirReports)
     receiver->changeMotorAngles(RobotPose {{QStringLiteral("NeckYaw"), 0.2}}, 1.0f);
     receiver->sendMotorAnglesBlocking(RobotPose {{QStringLiteral("NeckYaw"), 0.3}}, 1.0f);
     EXPECT_EQ(calls("changeAngles"), 1u);
-    ASSERT_TRUE(test::processUntil([&] { return errors.titles.size() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return errors.titles.size() == 2; }));
     EXPECT_EQ(errors.contents[1], QStringLiteral("Failed to call angleInterpolationWithSpeed"));
 }
 
 TEST_F(MotionTest, StiffnessWakeUpAndRest)
 {
     receiver->setStiffness(QStringLiteral("LArm"), true).waitForFinished();
-    ASSERT_TRUE(test::processUntil([] { return stiffness("LArmGrip") == 1.0f; }, 3000));
+    ASSERT_TRUE(test::waitUntil([] { return stiffness("LArmGrip") == 1.0f; }));
     EXPECT_EQ(stiffness("RArmGrip"), 0.0f);
     receiver->setStiffness(QStringLiteral("LArmGrip"), false).waitForFinished();
-    ASSERT_TRUE(test::processUntil([] { return stiffness("LArmGrip") == 0.0f; }, 3000));
+    ASSERT_TRUE(test::waitUntil([] { return stiffness("LArmGrip") == 0.0f; }));
     EXPECT_EQ(stiffness("LArmElbowYaw"), 1.0f);
     // Switched off over 0.2 s, never cut at once.
     const sim::Args off = robot().scenario().calls("VXMotion", "stiffnessInterpolation").back();
@@ -152,11 +149,11 @@ TEST_F(MotionTest, StiffnessWakeUpAndRest)
     EXPECT_NEAR(off[2].toDouble(), 0.2, 1e-6);
 
     receiver->wakeUp();
-    ASSERT_TRUE(test::processUntil([] { return motion().robotIsWakeUp(); }, 3000));
-    ASSERT_TRUE(test::processUntil([] { return stiffness("RLegKneePitch") == 1.0f; }, 3000));
+    ASSERT_TRUE(test::waitUntil([] { return motion().robotIsWakeUp(); }));
+    ASSERT_TRUE(test::waitUntil([] { return stiffness("RLegKneePitch") == 1.0f; }));
     receiver->rest();
-    ASSERT_TRUE(test::processUntil(
-        [] { return !motion().robotIsWakeUp() && stiffness("RLegKneePitch") == 0.0f; }, 5000));
+    ASSERT_TRUE(test::waitUntil(
+        [] { return !motion().robotIsWakeUp() && stiffness("RLegKneePitch") == 0.0f; }));
 }
 
 TEST_F(MotionTest, NothingHappensAfterTheConnectionIsGone)

@@ -33,11 +33,6 @@ using test::k_nginxXsltModule;
 using test::Nginx;
 using test::nginxBinary;
 
-inline bool processUntil(const std::function<bool()> &done, int ms)
-{
-    return test::processEventsUntil(done, ms);
-}
-
 inline void writeFile(wz::project::ProjectModel &model, const QString &path,
                       const QByteArray &bytes)
 {
@@ -103,7 +98,7 @@ protected:
         const int before = ended;
         const int failures = reasons.size();
         start();
-        if (!processUntil([&] { return ended > before; }, 8000))
+        if (!test::waitUntil([&] { return ended > before; }))
             return QStringLiteral("<no end>");
         return reasons.size() > failures ? reasons.last() : QString();
     }

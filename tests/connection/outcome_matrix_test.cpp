@@ -543,20 +543,9 @@ Expect expected(const Row &row, Fault fault)
 // call queued to this thread before now, has been delivered: after this, an
 // outcome that has not arrived was never sent. False when the executer's
 // thread did not get there within the deadline.
-bool barrier(const Probe &probe, int ms = 5000)
+bool barrier(const Probe &probe)
 {
-    if (probe.executer) {
-        const auto reached = std::make_shared<std::atomic<bool>>(false);
-        QMetaObject::invokeMethod(
-            probe.executer, [reached] { *reached = true; }, Qt::QueuedConnection);
-        if (!test::processUntil([&reached] { return reached->load(); }, ms))
-            return false;
-    }
-    bool passed = false;
-    QObject context;
-    QMetaObject::invokeMethod(
-        &context, [&passed] { passed = true; }, Qt::QueuedConnection);
-    return test::processUntil([&passed] { return passed; }, ms);
+    return test::barrier(probe.executer ? probe.executer : QCoreApplication::instance());
 }
 
 // Every executer has run what was queued to it, and its answers are in.
@@ -591,20 +580,18 @@ struct Tally
 class OutcomeMatrixTest : public test::RobotTest
 {
 protected:
-    static constexpr int k_deadlineMs = 5000;
-
     // Checks one cell whose operation has been started; the outcome must
     // already be on its way or come within the deadline.
     void check(const Row &row, Fault fault, Probe &probe, Tally &tally)
     {
         const Expect expect = expected(row, fault);
         ++tally.cells;
-        const bool came = test::processUntil([&probe] { return probe.settled(); }, k_deadlineMs);
+        const bool came = test::waitUntil([&probe] { return probe.settled(); }, test::patience());
         barrier(probe);
         const std::string cell = std::string(row.name) + " / " + faultName(fault);
         if (!came) {
             ++tally.silent;
-            ADD_FAILURE() << cell << ": no outcome within " << k_deadlineMs << " ms";
+            ADD_FAILURE() << cell << ": no outcome within " << test::patience().count() << " ms";
             return;
         }
         if (probe.outcomes() != 1) {
@@ -730,7 +717,7 @@ TEST_F(OutcomeMatrixTest, EveryOperationEndsInExactlyOneOutcomeUnderEveryFault)
                 leads.push_back(chosen[i]);
         }
         for (const Row *lead : leads) {
-            ASSERT_TRUE(test::processUntil(
+            ASSERT_TRUE(test::waitUntil(
                 [&] {
                     for (const char *method : lead->methods) {
                         if (robot().scenario().callCount(lead->service, method) > 0)
@@ -738,7 +725,7 @@ TEST_F(OutcomeMatrixTest, EveryOperationEndsInExactlyOneOutcomeUnderEveryFault)
                     }
                     return false;
                 },
-                k_deadlineMs))
+                test::patience()))
                 << lead->name << " never reached the robot";
         }
         for (const Row *row : chosen) {
@@ -790,7 +777,7 @@ TEST_F(OutcomeMatrixTest, AnInterfaceKeptPastItsConnectionSaysSoOnceAndFailsEver
                          [&] { ++ended["life"]; });
         ASSERT_TRUE(recorder.disconnectAndWait());
     }
-    ASSERT_TRUE(test::processUntil([&] { return ended.size() == 3; }));
+    ASSERT_TRUE(test::waitUntil([&] { return ended.size() == 3; }));
 
     const uint64_t charges = robot().scenario().callCount("VXBattery", "getBatteryCharge");
     const uint64_t tags = robot().scenario().callCount("VXTextToSpeech", "_getTagList");
@@ -805,7 +792,7 @@ TEST_F(OutcomeMatrixTest, AnInterfaceKeptPastItsConnectionSaysSoOnceAndFailsEver
     ASSERT_TRUE(state.attach(life, "state"));
     state.future(life->state());
     for (Probe *probe : {&level, &tagList, &state}) {
-        ASSERT_TRUE(test::processUntil([probe] { return probe->settled(); }));
+        ASSERT_TRUE(test::waitUntil([probe] { return probe->settled(); }));
         ASSERT_TRUE(barrier(*probe));
         ASSERT_EQ(probe->outcomes(), 1);
         ASSERT_EQ(probe->errors.size(), 1u);

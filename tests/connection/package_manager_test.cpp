@@ -5,11 +5,8 @@
 #include <connection/http_project_synchronizer.h>
 #include <connection/package_manager_interface.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/device_services.h>
 #include <sim/memory_service.h>
-#pragma pop_macro("signals")
 
 #include <QFile>
 #include <QFuture>
@@ -26,7 +23,7 @@ namespace fs = std::filesystem;
 template<typename T>
 T result(const QFuture<T> &future)
 {
-    EXPECT_TRUE(test::processUntil([&] { return future.isFinished(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return future.isFinished(); }));
     return future.result();
 }
 
@@ -53,7 +50,7 @@ protected:
         // through; one raised before them is lost, so the probe is raised again
         // every few turns until one arrives.
         int turns = 0;
-        ASSERT_TRUE(test::processUntil([this, &turns] {
+        ASSERT_TRUE(test::waitUntil([this, &turns] {
             if (removed.contains("probe"))
                 return true;
             if (turns++ % 25 == 0)
@@ -95,7 +92,7 @@ TEST_P(PackageManagerTest, InstallListIconAndRemove)
 {
     EXPECT_EQ(installFromRemote(manifest("dance-42")), QString());
     EXPECT_EQ(installFromRemote(manifest("wave-7")), QString());
-    ASSERT_TRUE(test::processUntil([this] { return installed.size() == 2; }));
+    ASSERT_TRUE(test::waitUntil([this] { return installed.size() == 2; }));
     EXPECT_EQ(installed, (QStringList {"dance-42", "wave-7"}));
     EXPECT_TRUE(service->openSessions().empty());
 
@@ -116,7 +113,7 @@ TEST_P(PackageManagerTest, InstallListIconAndRemove)
     EXPECT_TRUE(service->openSessions().empty());
 
     EXPECT_EQ(result(packages->remove("dance-42")), QString());
-    ASSERT_TRUE(test::processUntil([this] { return removed == QStringList {"dance-42"}; }));
+    ASSERT_TRUE(test::waitUntil([this] { return removed == QStringList {"dance-42"}; }));
     EXPECT_EQ(result(packages->remove("dance-42")),
               "An error occurred during application's uninstallation: Cannot remove dance-42");
     EXPECT_EQ(result(packages->removeSeveral({"wave-7"})), QStringList());
@@ -172,7 +169,7 @@ TEST_P(PackageManagerTest, InstallFailuresCloseTheSession)
     RK::HttpProjectSynchronizer other;
     const QFuture<QString> first = packages->installFromRemote(&sync, manifest("first"), QString());
     // Held by the robot: its server has taken the stalled request.
-    ASSERT_TRUE(test::processUntil([this] { return service->httpFaultsTaken() == 1; }));
+    ASSERT_TRUE(test::waitUntil([this] { return service->httpFaultsTaken() == 1; }));
     EXPECT_EQ(result(packages->installFromRemote(&other, manifest("second"), QString())),
               "An error occurred during application's installation: Another transfer task is "
               "already running");

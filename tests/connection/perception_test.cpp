@@ -17,14 +17,11 @@
 
 #include <wz/log.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/basic_awareness_service.h>
 #include <sim/engagement_zones_service.h>
 #include <sim/memory_service.h>
 #include <sim/people_perception_service.h>
 #include <sim/world_representation_service.h>
-#pragma pop_macro("signals")
 
 #include <atomic>
 #include <chrono>
@@ -38,7 +35,7 @@ namespace {
 template<typename T>
 T result(const QFuture<T> &future)
 {
-    EXPECT_TRUE(test::processUntil([&] { return future.isFinished(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return future.isFinished(); }));
     return future.result();
 }
 
@@ -111,17 +108,17 @@ TEST_F(PerceptionTest, PollingFollowsObjectsAndOneStopEndsEveryStart)
                      [&](const QStringList &names) { updates << names; });
 
     worldRep->startObjectPolling(20);
-    ASSERT_TRUE(test::processUntil([&] { return !updates.isEmpty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !updates.isEmpty(); }));
     EXPECT_EQ(updates.last(), QStringList({"Table", "Cup", "Ball"}));
 
     world().addObject("Chair", "furniture", "World", at(0, 1, 0));
-    ASSERT_TRUE(test::processUntil([&] { return updates.last().contains("Chair"); }));
+    ASSERT_TRUE(test::waitUntil([&] { return updates.last().contains("Chair"); }));
     world().removeObject("Table"); // with the cup and the ball on it
-    ASSERT_TRUE(test::processUntil([&] { return updates.last() == QStringList({"Chair"}); }));
+    ASSERT_TRUE(test::waitUntil([&] { return updates.last() == QStringList({"Chair"}); }));
 
     // A failing poll reports an empty world.
     robot().scenario().failMethod("VXWorldRepresentation", "getObjectNames", "model busy");
-    ASSERT_TRUE(test::processUntil([&] { return updates.last().isEmpty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return updates.last().isEmpty(); }));
     robot().scenario().restoreMethod("VXWorldRepresentation", "getObjectNames");
     worldRep->stopObjectPolling();
 
@@ -143,14 +140,14 @@ TEST_F(PerceptionTest, PollingFollowsObjectsAndOneStopEndsEveryStart)
     onExecuter([&] { ticks = polls = 0; });
     worldRep->startObjectPolling(10);
     worldRep->startObjectPolling(10);
-    ASSERT_TRUE(test::processUntil([&] { return ticks >= 5; }));
+    ASSERT_TRUE(test::waitUntil([&] { return ticks >= 5; }));
     worldRep->stopObjectPolling();
     onExecuter([] {});
     EXPECT_EQ(polls.load(), 2 * ticks.load());
 
     onExecuter([&] { ticks = polls = 0; });
     worldRep->startObjectPolling(10);
-    ASSERT_TRUE(test::processUntil([&] { return ticks >= 5; }));
+    ASSERT_TRUE(test::waitUntil([&] { return ticks >= 5; }));
     worldRep->stopObjectPolling();
     onExecuter([] {});
     EXPECT_EQ(polls.load(), ticks.load());
@@ -264,7 +261,7 @@ TEST_F(PerceptionTest, RobotEventsBecomeSignalsAndMalformedOnesAreDropped)
                      [&](const QStringList &names) { events << "displayed " + names.join(","); });
     // The subscriptions are queued on the desktop module's thread: wait until
     // the robot has them before raising anything.
-    ASSERT_TRUE(test::processUntil([] {
+    ASSERT_TRUE(test::waitUntil([] {
         return !robot()
                     .memory()
                     .subscribers(sim::WorldRepresentationService::kPositionChanged)
@@ -283,7 +280,7 @@ TEST_F(PerceptionTest, RobotEventsBecomeSignalsAndMalformedOnesAreDropped)
     world().pushAttributeValues("Ball", "Display", {"blue ball", "blue"});
     world().setPose("Ball", at(0.5f, 0, 0.8f));
     world().setDisplayed({"Ball", "Cup"});
-    ASSERT_TRUE(test::processUntil([&] { return events.size() >= 3; }));
+    ASSERT_TRUE(test::waitUntil([&] { return events.size() >= 3; }));
     EXPECT_EQ(events,
               QStringList({"attribute Ball Display [\"blue ball\", \"blue\"]", "position Ball 0.5",
                            "displayed Ball,Cup"}));
@@ -300,7 +297,7 @@ TEST_F(PerceptionTest, PeopleArriveMoveAndLeaveInOrder)
     connect();
     auto perception = recorder.manager->peoplePerceptionInterface();
     ASSERT_TRUE(perception);
-    ASSERT_TRUE(test::processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return perception->peopleList() == QList<int>({early})
             && perception->maximumDetectionRange() == 4.5f;
     }));
@@ -321,15 +318,15 @@ TEST_F(PerceptionTest, PeopleArriveMoveAndLeaveInOrder)
     const int second = people().arrive({2.0f, 0.5f, 0.0f});
     const int third = people().arrive({3.0f, 0.0f, 0.0f});
     people().leave(early);
-    ASSERT_TRUE(test::processUntil([&] { return events.size() >= 3; }));
+    ASSERT_TRUE(test::waitUntil([&] { return events.size() >= 3; }));
     EXPECT_EQ(perception->peopleList(), QList<int>({second, third}));
 
     people().move(second, {2.5f, -1.0f, 0.0f});
     perception->requestPeoplePosition(early); // gone: the read fails, and is pruned too
     perception->requestPeoplePosition(second);
-    ASSERT_TRUE(test::processUntil([&] { return events.size() >= 4; }));
+    ASSERT_TRUE(test::waitUntil([&] { return events.size() >= 4; }));
     people().setRange(3.0f);
-    ASSERT_TRUE(test::processUntil([&] { return events.size() >= 5; }));
+    ASSERT_TRUE(test::waitUntil([&] { return events.size() >= 5; }));
     EXPECT_EQ(
         events,
         QStringList({QStringLiteral("arrived %1").arg(second),
@@ -337,7 +334,7 @@ TEST_F(PerceptionTest, PeopleArriveMoveAndLeaveInOrder)
                      QStringLiteral("at %1 2.5 -1").arg(second), "range 3"}));
     EXPECT_EQ(perception->maximumDetectionRange(), 3.0f);
     perception->requestPeoplePosition(third);
-    ASSERT_TRUE(test::processUntil([&] { return events.size() >= 6; }));
+    ASSERT_TRUE(test::waitUntil([&] { return events.size() >= 6; }));
     EXPECT_LE(perception->pendingPositionRequests(), 1);
 }
 
@@ -363,7 +360,7 @@ TEST_F(PerceptionTest, PeopleListValuesAndSubscription)
                               wz::AnyValue::List {1.0f, 2.0f});
     wz::log::LogCapture log;
     perception->requestPeoplePosition(77);
-    ASSERT_TRUE(test::processUntil([&] { return !positions.isEmpty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !positions.isEmpty(); }));
     EXPECT_EQ(positions.first(), VX::Math::Position3D());
     EXPECT_TRUE(log.find("desktop.peoplepercept", "").empty());
 
@@ -382,6 +379,29 @@ TEST_F(PerceptionTest, InterfacesDestroyedWhileFirstReadingsArePendingDropTheAns
 {
     robot().scenario().delayMethod("VXPeoplePerception", "getMaximumDetectionRange", 300ms);
     robot().scenario().delayMethod("VXEngagementZones", "getFirstLimitDistance", 300ms);
+    // The robot's own answers, counted as they leave (after the delay).
+    auto answered = std::make_shared<std::atomic<uint64_t>>(0);
+    robot().scenario().replaceMethod(
+        "VXPeoplePerception", "getMaximumDetectionRange", [answered](const sim::Args &) {
+            ++*answered;
+            return wz::AnyValue(
+                robot().serviceAs<sim::PeoplePerceptionService>("VXPeoplePerception")->range());
+        });
+    robot().scenario().replaceMethod(
+        "VXEngagementZones", "getFirstLimitDistance", [answered](const sim::Args &) {
+            ++*answered;
+            return wz::AnyValue(
+                robot().serviceAs<sim::EngagementZonesService>("VXEngagementZones")->firstLimit());
+        });
+    robot().scenario().replaceMethod("VXMemory", "getData", [answered](const sim::Args &args) {
+        ++*answered;
+        return robot().memory().getData(args.at(0).toStr());
+    });
+    const auto asked = [] {
+        return robot().scenario().callCount("VXPeoplePerception", "getMaximumDetectionRange")
+            + robot().scenario().callCount("VXEngagementZones", "getFirstLimitDistance")
+            + robot().scenario().callCount("VXMemory", "getData");
+    };
     robot().scenario().delayMethod("VXMemory", "getData", 300ms);
     wz::log::LogCapture log;
     connect();
@@ -392,9 +412,10 @@ TEST_F(PerceptionTest, InterfacesDestroyedWhileFirstReadingsArePendingDropTheAns
     perception.reset();
     ASSERT_TRUE(recorder.disconnectAndWait());
     // The robot answers late, to nobody.
-    ASSERT_TRUE(robot().scenario().waitForCalls("VXPeoplePerception", "getMaximumDetectionRange", 1,
-                                                2000ms));
-    test::settle(400);
+    ASSERT_TRUE(test::waitUntil([&] {
+        return robot().scenario().callCount("VXPeoplePerception", "getMaximumDetectionRange") > 0
+            && *answered == asked();
+    }));
     EXPECT_TRUE(log.find("desktop.peoplepercept", "").empty());
     for (const auto &r : log.records())
         EXPECT_GT(r.level, wz::LogLevel_Warning) << r.category << ": " << r.message;
@@ -411,7 +432,7 @@ TEST_F(PerceptionTest, ZonesAndAwarenessMirrorTheRobot)
     auto zonesIf = recorder.manager->engagementZonesInterface();
     auto awarenessIf = recorder.manager->basicAwarenessInterface();
     ASSERT_TRUE(zonesIf && awarenessIf);
-    ASSERT_TRUE(test::processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return zonesIf->firstLimit() == 1.2f && zonesIf->secondLimit() == 2.8f
             && awarenessIf->humanTracked() == 5;
     }));
@@ -431,7 +452,7 @@ TEST_F(PerceptionTest, ZonesAndAwarenessMirrorTheRobot)
     zones().setLimitAngle(30.0f);
     awareness().track(5); // the same id is not
     awareness().track(-1);
-    ASSERT_TRUE(test::processUntil([&] { return zoneEvents.size() >= 2 && !tracked.isEmpty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return zoneEvents.size() >= 2 && !tracked.isEmpty(); }));
     EXPECT_EQ(zoneEvents, QStringList({"first 1.2", "angle 30"}));
     EXPECT_EQ(tracked, QList<int>({-1}));
     EXPECT_EQ(zonesIf->limitAngle(), 30.0f);

@@ -3,11 +3,8 @@
 #include "connection_p.h"
 #include <connection/robot_posture_interface.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/motion_service.h>
 #include <sim/robot_posture_service.h>
-#pragma pop_macro("signals")
 
 #include <memory>
 #include <vector>
@@ -48,7 +45,7 @@ protected:
     }
     bool answers(size_t n)
     {
-        return test::processUntil([&] { return reached.size() + errors.size() >= n; });
+        return test::waitUntil([&] { return reached.size() + errors.size() >= n; });
     }
 
     QObject context;
@@ -71,18 +68,18 @@ TEST_F(PostureTest, PosturesAndTheirFamily)
     ASSERT_TRUE(answers(2));
     EXPECT_TRUE(reached[1]);
     EXPECT_EQ(motion().getStiffnesses(wz::AnyValue("Body")).front(), 1.0f);
-    ASSERT_TRUE(test::processUntil([&] { return families.contains(QStringLiteral("Standing")); }));
+    ASSERT_TRUE(test::waitUntil([&] { return families.contains(QStringLiteral("Standing")); }));
     EXPECT_EQ(posture->postureFamily().result(), QStringLiteral("Standing"));
 
     // Stiff now: applying works, and each change of family is told once.
     posture->setPose(QStringLiteral("Sit"), 1.0f);
     ASSERT_TRUE(answers(3));
     EXPECT_TRUE(reached[2]);
-    ASSERT_TRUE(test::processUntil([&] { return families.contains(QStringLiteral("Sitting")); }));
+    ASSERT_TRUE(test::waitUntil([&] { return families.contains(QStringLiteral("Sitting")); }));
     EXPECT_EQ(families.count(QStringLiteral("Standing")), 1);
     // Joints moved by hand away from every posture.
     motion().setAngleNow("NeckYaw", 1.5f);
-    ASSERT_TRUE(test::processUntil([&] { return families.contains(QStringLiteral("Unknown")); }));
+    ASSERT_TRUE(test::waitUntil([&] { return families.contains(QStringLiteral("Unknown")); }));
     EXPECT_TRUE(errors.isEmpty());
 }
 

@@ -30,7 +30,7 @@ TEST_F(ReadinessTimeoutTest, RobotNeverReadyFailsAfterEightyWaits)
     test::Recorder r;
     r.manager->setTiming(shortReadiness(10));
     r.connectTo(robot());
-    ASSERT_TRUE(r.waitFor(QStringLiteral("disconnected"), 10000));
+    ASSERT_TRUE(r.waitFor(QStringLiteral("disconnected")));
     ASSERT_EQ(r.errors.size(), 1u);
     EXPECT_EQ(r.errors[0].title, QStringLiteral("ConnectionError"));
     EXPECT_EQ(r.errors[0].contents, QStringLiteral("Cannot connect to Morvane"));
@@ -41,7 +41,7 @@ TEST_F(ReadinessTimeoutTest, RobotNeverReadyFailsAfterEightyWaits)
         EXPECT_EQ(args[0].toStr(), "MorvaneReady");
     }
     EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 0);
-    EXPECT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
 }
 
 // Readiness that comes late but within the limit is simply waited for.

@@ -118,14 +118,14 @@ TEST_F(ReconnectionTest, RepeatedAttemptsDeliverOneErrorMoreEachTime)
                        &RK::ReconnectionManager::refreshTimeBeforeReconnectionRequested);
     reconnection->startReconnectionProcess("127.0.0.1", deadPort(), QStringLiteral("x"));
     // First attempt after 30 ticks: one link, one failure, the delay doubles once.
-    ASSERT_TRUE(test::processUntil([&] { return failed.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return failed.count() == 1; }));
     EXPECT_EQ(reconnection->delay(), 60);
     // The countdown ran 29 down to 0, then -1 with the attempt.
     EXPECT_EQ(refresh.at(30).at(0).toInt(), 0);
     EXPECT_EQ(refresh.at(31).at(0).toInt(), -1);
     EXPECT_EQ(refresh.at(32).at(0).toInt(), 60);
     // Second attempt: two links now, so one error doubles twice.
-    ASSERT_TRUE(test::processUntil([&] { return failed.count() == 3; }));
+    ASSERT_TRUE(test::waitUntil([&] { return failed.count() == 3; }));
     EXPECT_EQ(reconnection->delay(), 240);
     EXPECT_FALSE(failed.at(2).at(0).toBool());
 }
@@ -141,7 +141,7 @@ TEST_F(ReconnectionTest, AUsersRequestStartsAtOnceAndFailsBackTo30)
     reconnection->onReconnectionRequestedByUser();
     EXPECT_EQ(requested.count(), 1);
     EXPECT_FALSE(reconnection->isCounting());
-    ASSERT_TRUE(test::processUntil([&] { return failed.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return failed.count() == 1; }));
     EXPECT_TRUE(failed.at(0).at(0).toBool());
     EXPECT_EQ(reconnection->delay(), 30);
     EXPECT_TRUE(reconnection->isCounting());
@@ -182,12 +182,12 @@ TEST(ReconnectionRestart, TheManagerReconnectsByItselfAfterARestart)
     ASSERT_TRUE(recorder.waitFor(QStringLiteral("connectionLost")));
     EXPECT_TRUE(reconnection->isCounting());
     // One attempt finds nobody, then the robot comes back on its port.
-    ASSERT_TRUE(test::processUntil([&] { return failed.count() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return failed.count() == 1; }));
     sim::RobotOptions options;
     options.listenUrl = url;
     robot = std::make_unique<sim::Robot>(options);
     robot->start();
-    ASSERT_TRUE(test::processUntil(
+    ASSERT_TRUE(test::waitUntil(
         [&] { return recorder.count(QStringLiteral("connectionEstablished")) == 2; }));
     EXPECT_FALSE(reconnection->isCounting());
     EXPECT_TRUE(recorder.manager->isConnected());

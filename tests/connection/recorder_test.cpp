@@ -3,11 +3,8 @@
 #include "connection_p.h"
 #include <connection/recorder_module.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/motion_recorder_service.h>
 #include <sim/motion_service.h>
-#pragma pop_macro("signals")
 
 #include <memory>
 #include <vector>
@@ -60,7 +57,7 @@ protected:
     }
     bool seen(const QString &event)
     {
-        return test::processUntil([&] { return events.contains(event); });
+        return test::waitUntil([&] { return events.contains(event); });
     }
 
     QObject context;
@@ -77,12 +74,12 @@ TEST_F(RecorderTest, InteractiveRecording)
     EXPECT_TRUE(module->isRecording());
     EXPECT_EQ(module->jointsToRecord(),
               (QSet<QString> {QStringLiteral("NeckYaw"), QStringLiteral("LArmGrip")}));
-    ASSERT_TRUE(test::processUntil([] { return motionRecorder().isRecording(); }));
+    ASSERT_TRUE(test::waitUntil([] { return motionRecorder().isRecording(); }));
 
     motion().setAngleNow("NeckYaw", 0.5f);
     motion().setAngleNow("LArmGrip", 0.25f);
     // Sensors lag: let the reading catch up with the joints.
-    ASSERT_TRUE(test::processUntil(
+    ASSERT_TRUE(test::waitUntil(
         [] { return motion().getAngles(wz::AnyValue("NeckYaw"), true).front() == 0.5f; }));
     motionRecorder().requestStorePosition();
     ASSERT_TRUE(seen(QStringLiteral("step 0")));
@@ -90,13 +87,13 @@ TEST_F(RecorderTest, InteractiveRecording)
         << "subscribed before the module was registered";
 
     motion().setAngleNow("NeckYaw", -0.5f);
-    ASSERT_TRUE(test::processUntil(
+    ASSERT_TRUE(test::waitUntil(
         [] { return motion().getAngles(wz::AnyValue("NeckYaw"), true).front() == -0.5f; }));
     motionRecorder().requestStorePosition();
     // The last pose ends the recording: the robot says so by the event and
     // by calling the module.
     ASSERT_TRUE(seen(QStringLiteral("step 1")));
-    ASSERT_TRUE(test::processUntil([&] { return events.count(QStringLiteral("stopped")) == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return events.count(QStringLiteral("stopped")) == 2; }));
     EXPECT_TRUE(module->jointsToRecord().isEmpty());
     EXPECT_TRUE(module->isRecording()) << "until the application stops it";
 
@@ -149,7 +146,7 @@ TEST_F(RecorderTest, DisconnectionDuringARecording)
         VX::VXValue(std::vector<VX::VXValue> {VX::VXValue(std::vector<float> {0.3f})}), 1000));
     ASSERT_TRUE(seen(QStringLiteral("replayed 2")));
     ASSERT_TRUE(recorder->disconnectAndWait());
-    EXPECT_TRUE(test::processUntil([] { return !robot().isRegistered("VXSartelRecorder"); }));
+    EXPECT_TRUE(test::waitUntil([] { return !robot().isRegistered("VXSartelRecorder"); }));
     // The application's copy outlives the connection and fetches nothing.
     module->stopRecording();
     EXPECT_TRUE(motionRecorder().isRecording());

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "shared_robot.h"
+#include "wait_until.h"
 
 #include <chrono>
 #include <functional>
@@ -30,28 +31,6 @@ inline void PrintTo(const QString &text, std::ostream *os)
 }
 
 namespace test {
-
-// Runs this thread's event loop until `done` holds; false after `ms`. A real
-// loop, as in an application: objects that other threads delete later on
-// this one are deleted only by a running loop.
-inline bool processUntil(const std::function<bool()> &done, int ms = 10000)
-{
-    QDeadlineTimer deadline(ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(2, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
-
-inline void settle(int ms)
-{
-    QDeadlineTimer deadline(ms);
-    processUntil([&deadline] { return deadline.hasExpired(); }, ms + 1000);
-}
 
 struct Error
 {
@@ -93,7 +72,7 @@ public:
             return;
         // Leave no worker behind for the next case.
         manager->disconnectBroker();
-        processUntil([this] { return workerCount() == 0; }, 30000);
+        test::waitUntil([this] { return workerCount() == 0; });
     }
 
     RK::ConnectionThreadsManager *threadsManager() const
@@ -107,9 +86,9 @@ public:
         manager->connectRemoteBroker(robot.url().host(), robot.url().port(), name);
     }
 
-    bool waitFor(const QString &event, int ms = 10000)
+    bool waitFor(const QString &event, std::chrono::milliseconds deadline = test::patience())
     {
-        return processUntil([this, &event] { return events.contains(event); }, ms);
+        return test::waitUntil([this, &event] { return events.contains(event); }, deadline);
     }
     int count(const QString &event) const { return events.count(event); }
 
@@ -123,12 +102,12 @@ public:
         const int downBefore = count(down);
         const int testedBefore = tested();
         connectTo(robot);
-        if (!processUntil(
+        if (!test::waitUntil(
                 [&] { return count(established) > establishedBefore || count(down) > downBefore; }))
             return false;
         if (count(established) == establishedBefore)
             return false;
-        return processUntil([&] { return tested() > testedBefore; });
+        return test::waitUntil([&] { return tested() > testedBefore; });
     }
 
     int tested() const
@@ -141,7 +120,7 @@ public:
     bool disconnectAndWait()
     {
         manager->disconnectBroker();
-        return processUntil([this] { return workerCount() == 0; }, 30000);
+        return test::waitUntil([this] { return workerCount() == 0; });
     }
 
     std::unique_ptr<RK::ConnectionManager> manager;
@@ -164,7 +143,7 @@ protected:
         robot().scenario().reset();
         robot().scenario().releaseReadiness();
         // No client of this case may linger into the next one.
-        processUntil([] { return robot().scenario().clients().empty(); }, 10000);
+        test::waitUntil([] { return robot().scenario().clients().empty(); });
     }
 
     static int robotPort() { return robot().url().port(); }

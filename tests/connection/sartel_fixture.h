@@ -16,15 +16,13 @@
 #include <QMetaObject>
 #include <QObject>
 
+#include <vx/vxproxies.h>
 #include <wz/log.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/desktop_hooks.h>
 #include <sim/frame_manager_service.h>
 #include <sim/memory_service.h>
 #include <sim/motion_service.h>
-#pragma pop_macro("signals")
 
 #include <atomic>
 #include <memory>
@@ -98,7 +96,7 @@ protected:
         recorder->manager->setTiming(timing);
         recorder->connectTo(robot());
         const QString established = QStringLiteral("connectionEstablished");
-        ASSERT_TRUE(processUntil([this, &established] {
+        ASSERT_TRUE(test::waitUntil([this, &established] {
             return recorder->count(established) > 0
                 || recorder->count(QStringLiteral("disconnected")) > 0;
         }));
@@ -111,6 +109,10 @@ protected:
 
     // Returns once every request emitted so far has run on the executer and
     // what it sent back has reached this thread's queue, then delivers it.
+    // A synchronous call over this connection: what the module sent the
+    // robot before has reached it when this returns.
+    void robotRoundTrip() { ASSERT_TRUE(connection->memory()->getData("MorvaneReady").toBool()); }
+
     void drain()
     {
         QMetaObject::invokeMethod(

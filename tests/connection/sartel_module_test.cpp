@@ -121,14 +121,14 @@ TEST_F(SartelModuleTest, TwoWayTestPassesAndTheModuleIsRegistered)
     const auto sentences = robot().memory().subscribers("VXTextToSpeech/CurrentSentence");
     EXPECT_NE(std::find(sentences.begin(), sentences.end(), "VXSartel"), sentences.end());
     // The test cleaned up after itself on the robot.
-    EXPECT_TRUE(test::processUntil(
+    EXPECT_TRUE(test::waitUntil(
         [] { return robot().memory().subscribers("SartelConnectionTest").empty(); }));
 
     // The module goes with the connection, and the name with it.
     recorder->disconnectAndWait();
     module.reset();
     connection.reset();
-    EXPECT_TRUE(test::processUntil([] { return !listed("VXSartel"); }));
+    EXPECT_TRUE(test::waitUntil([] { return !listed("VXSartel"); }));
 }
 
 TEST_F(SartelModuleTest, ClientDisconnectedForThisClientAndForAnother)
@@ -139,8 +139,7 @@ TEST_F(SartelModuleTest, ClientDisconnectedForThisClientAndForAnother)
     sim::raiseClientDisconnected(robot(), wz::AnyValue("Workbench"));
     sim::raiseClientDisconnected(robot(), wz::AnyValue(7));
     sim::raiseClientDisconnected(robot(), wz::AnyValue("Sartel"));
-    ASSERT_TRUE(
-        test::processUntil([&] { return listener->eventCount("ClientDisconnected") == 3; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->eventCount("ClientDisconnected") == 3; }));
     drain();
     EXPECT_EQ(listener->disconnectRequests, 1);
     // Every one of them is an ordinary event as well, in order.
@@ -158,7 +157,7 @@ TEST_F(SartelModuleTest, MicroEventsReachTheDispatcherByBothRoutes)
     // still be on its way when the connection is established.
     drain();
     sim::raiseSentenceSaid(robot(), "Bonjour, ça va ?");
-    ASSERT_TRUE(test::processUntil([&] { return listener->said.size() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->said.size() == 2; }));
     drain();
     EXPECT_EQ(listener->said, QStringList(2, QStringLiteral("Bonjour, ça va ?")));
     // Seen once as an ordinary event.
@@ -168,7 +167,7 @@ TEST_F(SartelModuleTest, MicroEventsReachTheDispatcherByBothRoutes)
     sim::raiseSentenceSaid(robot(), "");
     robot().scenario().raiseMicroEvent("VXTextToSpeech/CurrentSentence", wz::AnyValue(3));
     sim::raiseSentenceSaid(robot(), "fin");
-    ASSERT_TRUE(test::processUntil([&] { return listener->said.count("fin") == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->said.count("fin") == 2; }));
     EXPECT_EQ(listener->said.size(), 6);
     EXPECT_EQ(listener->said.count(QString()), 2);
 }
@@ -185,7 +184,7 @@ TEST_F(SartelModuleTest, ABurstArrivesWholeAndInOrderByBothRoutes)
         if (i % 100 == 0)
             sim::raiseSentenceSaid(robot(), "s" + std::to_string(i / 100));
     }
-    ASSERT_TRUE(test::processUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         return listener->eventCount("Test/Burst") == count && listener->said.size() == 60;
     }));
     const std::vector<VX::VXValue> values = listener->valuesOf("Test/Burst");
@@ -215,8 +214,7 @@ TEST_F(SartelModuleTest, TheConnectionCanEndWhileEventsStream)
                 std::this_thread::sleep_for(1ms);
         }
     });
-    const bool flowing
-        = test::processUntil([&] { return listener->eventCount("Test/Stream") > 200; });
+    const bool flowing = test::waitUntil([&] { return listener->eventCount("Test/Stream") > 200; });
     // The interface, its executer and their queued batches go while the
     // module may still be receiving.
     EXPECT_TRUE(recorder->disconnectAndWait());
@@ -245,7 +243,7 @@ TEST_F(SartelModuleTest, WordRecognizedNeedsAConfidenceAboveThreshold)
         "WordRecognized",
         wz::AnyValue(wz::AnyValue::List {wz::AnyValue(0.9), wz::AnyValue("reversed")}));
     sim::raiseWordRecognized(robot(), "high", 0.5f);
-    ASSERT_TRUE(test::processUntil([&] { return listener->heard.count("high") == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->heard.count("high") == 2; }));
     drain();
     // The two routes may interleave two events.
     EXPECT_EQ(listener->heard.size(), 4) << listener->heard.join(",").toStdString();
@@ -263,7 +261,7 @@ TEST_F(SartelModuleTest, SubscriptionsAndRaisedEvents)
 
     // An event raised from the desktop comes back through the module.
     module->raiseEvent(QStringLiteral("Test/A"), VX::VXValue(std::vector<float> {1.5f, 2.0f}));
-    ASSERT_TRUE(test::processUntil([&] { return listener->eventCount("Test/A") == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->eventCount("Test/A") == 1; }));
     const VX::VXValue raised = listener->valuesOf("Test/A").front();
     EXPECT_EQ(raised, VX::VXValue(std::vector<float> {1.5f, 2.0f})) << raised.toString(2);
     EXPECT_EQ(calls("VXMemory", "raiseEvent").back().at(0), wz::AnyValue("Test/A"));
@@ -343,12 +341,13 @@ TEST_F(SartelModuleTest, CallByNameFollowsTheTableForBothForms)
                     const bool posted = situation == Situation::Normal
                         || (situation == Situation::Disabled && !checkEnable);
                     if (posted) {
-                        ASSERT_TRUE(robot().scenario().waitForCalls(
-                            test::BoxService::kName, "onInput_go", postsBefore + 1, 5s));
+                        ASSERT_TRUE(robot().scenario().waitForCalls(test::BoxService::kName,
+                                                                    "onInput_go", postsBefore + 1,
+                                                                    test::patience()));
                         EXPECT_EQ(calls(test::BoxService::kName, "onInput_go").back(),
                                   (sim::Args {wz::AnyValue(42)}));
                     } else {
-                        test::settle(50);
+                        robotRoundTrip();
                         EXPECT_EQ(callCount(test::BoxService::kName, "onInput_go"), postsBefore);
                     }
                     const uint64_t checks = callCount(test::BoxService::kName, "_isEnabled")
@@ -388,21 +387,23 @@ TEST_F(SartelModuleTest, SixValueFormPostsTheLeadingValidValues)
     emit module->callProxyRequested(k_box, false, true, k_input, VX::VXValue(1), VX::VXValue("two"),
                                     VX::VXValue(), VX::VXValue(4.0f), VX::VXValue("five"),
                                     VX::VXValue(6));
-    ASSERT_TRUE(robot().scenario().waitForCalls(test::BoxService::kName, "onInput_go", 1, 5s));
+    ASSERT_TRUE(robot().scenario().waitForCalls(test::BoxService::kName, "onInput_go", 1,
+                                                test::patience()));
     EXPECT_EQ(calls(test::BoxService::kName, "onInput_go").back(),
               (sim::Args {wz::AnyValue(1), wz::AnyValue("two")}));
 
     emit module->callProxyRequested(k_box, false, true, k_input, VX::VXValue(1), VX::VXValue(2),
                                     VX::VXValue(3), VX::VXValue(4), VX::VXValue(5),
                                     VX::VXValue(std::vector<int> {6, 6}));
-    ASSERT_TRUE(robot().scenario().waitForCalls(test::BoxService::kName, "onInput_go", 2, 5s));
+    ASSERT_TRUE(robot().scenario().waitForCalls(test::BoxService::kName, "onInput_go", 2,
+                                                test::patience()));
     EXPECT_EQ(calls(test::BoxService::kName, "onInput_go").back().size(), 6u);
 
     // No value at all: nothing reaches the robot, and nothing is shown.
     emit module->callProxyRequested(k_box, true, true, k_input, VX::VXValue(), VX::VXValue(3),
                                     VX::VXValue(), VX::VXValue(), VX::VXValue(), VX::VXValue());
     drain();
-    test::settle(50);
+    robotRoundTrip();
     EXPECT_EQ(callCount(test::BoxService::kName, "onInput_go"), 2u);
     EXPECT_TRUE(listener->dialogs.empty());
 }

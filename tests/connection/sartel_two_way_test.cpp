@@ -33,27 +33,6 @@ class TwoWayTest : public test::SartelTest
 {
 protected:
     void setLimit(int ms) { timing.connectionTestLimitMs = ms; }
-
-    // Returns once `ms` have passed on the thread of the module's tests,
-    // counted from after every test asked for so far, and what those tests
-    // reported has reached this thread: a timer started there after theirs
-    // and running longer reports back the way they do, so it comes last.
-    bool waitOnModuleThread(int ms)
-    {
-        auto passed = std::make_shared<bool>(false);
-        QObject *home = connection->sartelModule().get();
-        QObject *here = recorder->manager.get();
-        QMetaObject::invokeMethod(
-            home,
-            [home, here, ms, passed] {
-                QTimer::singleShot(ms, home, [here, passed] {
-                    QMetaObject::invokeMethod(
-                        here, [passed] { *passed = true; }, Qt::QueuedConnection);
-                });
-            },
-            Qt::QueuedConnection);
-        return test::processUntil([passed] { return *passed; }, ms + 10000);
-    }
 };
 
 const QString k_details = QStringLiteral(
@@ -68,9 +47,9 @@ TEST_F(TwoWayTest, ARobotThatCannotCallBackFailsTheTestWithTheDialog)
     wz::log::LogCapture logs;
     connect();
     TestOutcomes outcomes(*module);
-    ASSERT_TRUE(test::processUntil([&] { return !outcomes.results.empty(); }, 5000));
+    ASSERT_TRUE(test::waitUntil([&] { return !outcomes.results.empty(); }));
     EXPECT_EQ(outcomes.results, std::vector<bool> {false});
-    ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(false)"), 2000));
+    ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(false)")));
     EXPECT_EQ(recorder->count(QStringLiteral("connectionTested(true)")), 0);
 
     ASSERT_EQ(outcomes.dialogs.size(), 1u);
@@ -96,11 +75,11 @@ TEST_F(TwoWayTest, ACallbackAfterTheTimeOutFailsThenSucceeds)
     wz::log::LogCapture logs;
     connect();
     TestOutcomes outcomes(*module);
-    ASSERT_TRUE(test::processUntil([&] { return outcomes.results.size() == 2; }, 5000));
+    ASSERT_TRUE(test::waitUntil([&] { return outcomes.results.size() == 2; }));
     EXPECT_EQ(outcomes.results, (std::vector<bool> {false, true}));
     // The user has seen the dialog by then.
     EXPECT_EQ(outcomes.dialogs.size(), 1u);
-    EXPECT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(true)"), 2000));
+    EXPECT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(true)")));
     EXPECT_LT(recorder->events.indexOf(QStringLiteral("connectionTested(false)")),
               recorder->events.indexOf(QStringLiteral("connectionTested(true)")));
     // The time-out removed the event already: the late callback cannot, and
@@ -118,8 +97,8 @@ TEST_F(TwoWayTest, AnAnsweredModuleNeverReportsAFailureAgain)
     TestOutcomes outcomes(*module);
     ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(true)")));
     // The module's own report of that first test may have come before this
-    // case listened to it: drain it, whichever way, before the real checks.
-    (void)test::processUntil([&] { return !outcomes.results.empty(); }, 500);
+    // case listened to it: let it through, whichever way, before the real checks.
+    ASSERT_TRUE(test::barrier(connection->sartelModule().get()));
     outcomes.results.clear();
 
     // The robot can no longer call back; a second test and a third, the
@@ -137,14 +116,18 @@ TEST_F(TwoWayTest, AnAnsweredModuleNeverReportsAFailureAgain)
     };
     const size_t subscriptions = testSubscriptions();
     module->testConnection();
-    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "raiseMicroEvent", 2, 5s));
+    ASSERT_TRUE(
+        robot().scenario().waitForCalls("VXMemory", "raiseMicroEvent", 2, test::patience()));
     // The second test's timer has run a while when the third replaces it.
-    test::settle(limit / 3);
+    ASSERT_TRUE(
+        test::barrierAfter(connection->sartelModule().get(), std::chrono::milliseconds(limit / 3)));
     module->testConnection();
-    ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "raiseMicroEvent", 3, 5s));
+    ASSERT_TRUE(
+        robot().scenario().waitForCalls("VXMemory", "raiseMicroEvent", 3, test::patience()));
     EXPECT_EQ(testSubscriptions(), subscriptions + 2);
     // Past the third test's time-out (a coarse timer may be 5% late).
-    ASSERT_TRUE(waitOnModuleThread(limit + limit / 2));
+    ASSERT_TRUE(test::barrierAfter(connection->sartelModule().get(),
+                                   std::chrono::milliseconds(limit + limit / 2)));
     EXPECT_TRUE(outcomes.results.empty());
     EXPECT_TRUE(outcomes.dialogs.empty());
     EXPECT_EQ(recorder->count(QStringLiteral("connectionTested(false)")), 0);

@@ -9,11 +9,8 @@
 #include <connection/animated_speech_interface.h>
 #include <connection/launcher_interface.h>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/launcher_service.h>
 #include <sim/text_to_speech_service.h>
-#pragma pop_macro("signals")
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -33,7 +30,6 @@
 
 namespace {
 
-using test::processUntil;
 using test::Recorder;
 
 // Generous: the product's bound is one second, this must hold on a loaded
@@ -48,9 +44,9 @@ public:
     ExecuterOutcome(QObject *executer, const char *signal, int textArgument)
         : m_spy(executer, signal), m_argument(textArgument)
     { }
-    bool waitForOne(int ms = 10000)
+    bool waitForOne(std::chrono::milliseconds deadline = test::patience())
     {
-        return processUntil([this] { return m_spy.count() > 0; }, ms);
+        return test::waitUntil([this] { return m_spy.count() > 0; }, deadline);
     }
     int count() const { return m_spy.count(); }
     QString text() const
@@ -70,9 +66,9 @@ public:
     template<typename Interface>
     explicit TypedOutcome(Interface *object) : m_spy(object, &Interface::errorOccurred)
     { }
-    bool waitForOne(int ms = 10000)
+    bool waitForOne(std::chrono::milliseconds deadline = test::patience())
     {
-        return processUntil([this] { return m_spy.count() > 0; }, ms);
+        return test::waitUntil([this] { return m_spy.count() > 0; }, deadline);
     }
     int count() const { return m_spy.count(); }
     RK::OperationError last() const { return m_spy.last().at(0).value<RK::OperationError>(); }
@@ -137,7 +133,7 @@ protected:
         QElapsedTimer clock;
         clock.start();
         recorder->manager->disconnectBroker();
-        if (!processUntil([&] { return finished.count() == 1; }, 30000))
+        if (!test::waitUntil([&] { return finished.count() == 1; }))
             return -1;
         return clock.elapsed();
     }
@@ -162,11 +158,11 @@ TEST_F(TeardownTest, ElevenAbandonedAttemptsThenAGoodConnect)
         r.connectTo(robot());
         ASSERT_TRUE(r.manager->isConnecting());
         // Inside the readiness wait: the robot is asked for the key.
-        ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", asked + 1,
-                                                    std::chrono::seconds(10)));
+        ASSERT_TRUE(
+            robot().scenario().waitForCalls("VXMemory", "getData", asked + 1, test::patience()));
         r.manager->disconnectBroker();
         EXPECT_FALSE(r.manager->isConnecting());
-        ASSERT_TRUE(test::processUntil([&] { return r.workerCount() == 0; }, 5000));
+        ASSERT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
     }
     EXPECT_TRUE(r.errors.empty());
     EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 0);
@@ -193,7 +189,7 @@ TEST_F(TeardownTest, ASecondConnectToTheSameRobotIsRefusedAndHarmsNothing)
     EXPECT_EQ(r.errors[0].contents, QStringLiteral("Cannot connect to Morvane"));
     EXPECT_EQ(r.errors[0].details, refused);
     EXPECT_TRUE(r.manager->isConnecting());
-    ASSERT_TRUE(test::processUntil([&] { return r.tested() == 1; }, 20000));
+    ASSERT_TRUE(test::waitUntil([&] { return r.tested() == 1; }));
 
     r.connectTo(robot());
     ASSERT_EQ(r.errors.size(), 2u);
@@ -203,10 +199,10 @@ TEST_F(TeardownTest, ASecondConnectToTheSameRobotIsRefusedAndHarmsNothing)
     EXPECT_EQ(r.count(QStringLiteral("connectionEstablished")), 1);
     EXPECT_EQ(r.count(QStringLiteral("connecting(true)")), 1);
     // Still working: a call goes through, and the robot sees one desktop.
-    test::settle(50);
-    EXPECT_EQ(r.count(QStringLiteral("disconnected")), 0);
     ASSERT_TRUE(r.manager->isConnected());
     EXPECT_TRUE(RK::currentConnection(*r.manager)->memory()->getData("MorvaneReady").toBool());
+    ASSERT_TRUE(test::barrier(r.manager.get()));
+    EXPECT_EQ(r.count(QStringLiteral("disconnected")), 0);
     EXPECT_EQ(robot().scenario().clients().size(), 1u);
 
     // Once it is down, the same robot is welcome again.
@@ -228,7 +224,7 @@ TEST_F(TeardownTest, DisconnectDuringALongSayEndsItAsConnectionLost)
         ExecuterOutcome outcome(speech->executerObject(), SIGNAL(error(QString, QString, QString)),
                                 2);
         speech->startTest(words.join(QLatin1Char(' ')));
-        ASSERT_TRUE(processUntil([] { return tts().speaking() == 1; }));
+        ASSERT_TRUE(test::waitUntil([] { return tts().speaking() == 1; }));
 
         const qint64 ms = timedDisconnect();
         std::printf("teardown during a 140 s say: %lld ms\n", static_cast<long long>(ms));
@@ -254,8 +250,8 @@ TEST_F(TeardownTest, DisconnectDuringALongLaunchWaitEndsItAsConnectionLost)
         // connection's end cut short is a typed failure.
         TypedOutcome outcome(launch.get());
         launch->launchWait(QStringLiteral("long-job"), {});
-        ASSERT_TRUE(robot().scenario().waitForCalls("VXLauncher", "_launchWait", 1,
-                                                    std::chrono::milliseconds(10000)));
+        ASSERT_TRUE(
+            robot().scenario().waitForCalls("VXLauncher", "_launchWait", 1, test::patience()));
 
         const qint64 ms = timedDisconnect();
         std::printf("teardown during a 60 s _launchWait: %lld ms\n", static_cast<long long>(ms));
@@ -290,7 +286,7 @@ TEST_F(TeardownTest, ManagerDestroyedOnAFrozenRobotReturnsAndLeavesNoThread)
 
         // A call in flight that the frozen robot will never answer.
         m.animatedSpeechInterface()->startTest(QStringLiteral("frozen before the end"));
-        ASSERT_TRUE(processUntil([] { return tts().speaking() == 1; }));
+        ASSERT_TRUE(test::waitUntil([] { return tts().speaking() == 1; }));
         robot().scenario().stallClient(peers.front());
         if (disconnectFirst)
             m.disconnectBroker();
@@ -321,7 +317,7 @@ TEST_F(TeardownTest, ManagerDestroyedOnAFrozenRobotReturnsAndLeavesNoThread)
         recorder.reset();
         tts().stopAll();
         robot().scenario().stallClient(peers.front(), false);
-        ASSERT_TRUE(processUntil([] { return robot().scenario().clients().empty(); }));
+        ASSERT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
     }
 }
 

@@ -6,6 +6,9 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// Long enough for several of the fast ticks that poll watched keys.
+const std::chrono::milliseconds k_polls(5 * RK::ConnectionTiming().fastPollMs);
+
 class TimelineListener : public QObject
 {
 public:
@@ -72,12 +75,12 @@ TEST_F(TimelineTest, PlayPauseGotoAndStop)
     const std::string id = create(QStringLiteral("# a short wave\nfps 50\nframes 400\n"));
     ASSERT_FALSE(id.empty());
     // Creating clears the former timeline first, even when there is none.
-    ASSERT_TRUE(test::processUntil([&] { return listener->last() == 0; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() == 0; }));
     EXPECT_EQ(listener->frames, (std::vector<int> {-1, 0}));
     EXPECT_FALSE(frames().isPlaying(id));
 
     emit module->playCurrentTimelineRequested();
-    ASSERT_TRUE(test::processUntil([&] { return listener->last() >= 10; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() >= 10; }));
     EXPECT_TRUE(frames().isPlaying(id));
     // Frames are told once each, rising, whatever the two routes deliver.
     for (size_t i = 2; i < listener->frames.size(); ++i)
@@ -87,22 +90,23 @@ TEST_F(TimelineTest, PlayPauseGotoAndStop)
     drain();
     EXPECT_FALSE(frames().isPlaying(id));
     EXPECT_EQ(calls("VXFrameManager", "stopTimeline").back(), (sim::Args {wz::AnyValue(id)}));
-    test::settle(150);
+    // The frame it stopped at is told, then nothing: several polls see no change.
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() == frames().currentFrame(id); }));
     const size_t told = listener->frames.size();
-    test::settle(200);
+    ASSERT_TRUE(test::barrierAfter(module->executer(), k_polls));
     EXPECT_EQ(listener->frames.size(), told);
 
     emit module->gotoFrameCurrentTimelineRequested(7);
-    ASSERT_TRUE(test::processUntil([&] { return listener->last() == 7; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() == 7; }));
     EXPECT_EQ(frames().currentFrame(id), 7);
     // Going to the frame already shown tells nothing new.
     emit module->gotoFrameCurrentTimelineRequested(7);
     drain();
-    test::settle(150);
+    ASSERT_TRUE(test::barrierAfter(module->executer(), k_polls));
     EXPECT_EQ(std::count(listener->frames.begin(), listener->frames.end(), 7), 1);
 
     emit module->stopCurrentTimelineRequested();
-    ASSERT_TRUE(test::processUntil([&] { return listener->last() == -1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() == -1; }));
     drain();
     EXPECT_EQ(calls("VXFrameManager", "deleteBehavior"),
               (std::vector<sim::Args> {{wz::AnyValue(id)}}));
@@ -110,7 +114,7 @@ TEST_F(TimelineTest, PlayPauseGotoAndStop)
     EXPECT_FALSE(robot().memory().hasKey(id));
     // The key has left the watch.
     const uint64_t readsAfter = reads(id);
-    test::settle(300);
+    ASSERT_TRUE(test::barrierAfter(module->executer(), k_polls));
     EXPECT_EQ(reads(id), readsAfter);
     EXPECT_TRUE(listener->errors.empty());
     // Deleting is not the end of a played timeline.
@@ -123,9 +127,9 @@ TEST_F(TimelineTest, TheEndOfATimelineIsTold)
         = create(QStringLiteral("fps 100\nframes 30\nkey 0 NeckYaw 0\nkey 29 NeckYaw 1.0\n"));
     ASSERT_FALSE(id.empty());
     emit module->playCurrentTimelineRequested();
-    ASSERT_TRUE(test::processUntil([&] { return listener->stops > 0; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->stops > 0; }));
     // By both routes of the removal event.
-    ASSERT_TRUE(test::processUntil([&] { return listener->stops == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->stops == 2; }));
     EXPECT_FALSE(robot().memory().hasKey(id));
     EXPECT_GT(listener->last(), 0);
     // The timeline moved the joint it has keys for.
@@ -133,7 +137,7 @@ TEST_F(TimelineTest, TheEndOfATimelineIsTold)
 
     // The end does not unload it: playing again starts over.
     emit module->playCurrentTimelineRequested();
-    ASSERT_TRUE(test::processUntil([&] { return listener->stops == 4; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->stops == 4; }));
     EXPECT_EQ(frames().timelines(), std::vector<std::string> {id});
 }
 
@@ -172,7 +176,7 @@ TEST_F(TimelineTest, CommandsWithoutATimeline)
     EXPECT_EQ(callCount("VXFrameManager", "stopTimeline"), 0u);
     EXPECT_EQ(callCount("VXFrameManager", "deleteBehavior"), 0u);
     // Stopping still says there is no frame.
-    ASSERT_TRUE(test::processUntil([&] { return listener->last() == -1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() == -1; }));
     EXPECT_TRUE(listener->errors.empty());
 
     // Going to a frame is asked all the same, and the robot refuses it.
@@ -199,9 +203,9 @@ TEST_F(TimelineTest, FailuresAreShownAndLeaveNoTimeline)
         << listener->errors[0].at(2).toStdString();
     EXPECT_TRUE(frames().timelines().empty());
     // The empty name joined the watch and left it at its first poll.
-    EXPECT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", 1, 5s));
+    EXPECT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", 1, test::patience()));
     const uint64_t emptyReads = reads("");
-    test::settle(300);
+    ASSERT_TRUE(test::barrierAfter(module->executer(), k_polls));
     EXPECT_LE(reads(""), std::max<uint64_t>(emptyReads, 1));
     EXPECT_EQ(listener->last(), -1);
 

@@ -61,7 +61,7 @@ protected:
     {
         const int before = stops;
         video->stopVideo();
-        return test::processUntil([&] { return stops > before; });
+        return test::waitUntil([&] { return stops > before; });
     }
 
     QObject context;
@@ -82,7 +82,7 @@ TEST_F(VideoBufferSizeRobotTest, ExactSizeHoldsTheRobotsImageAtEveryResolution)
         ASSERT_EQ(one->size, RK::videoBufferSize(r));
         const size_t mark = frames.size();
         video->startVideo(20, r, one, two);
-        ASSERT_TRUE(test::processUntil([&] { return frames.size() > mark; })) << r;
+        ASSERT_TRUE(test::waitUntil([&] { return frames.size() > mark; })) << r;
         EXPECT_EQ(frames.back().width, RK::videoImageWidth(r));
         EXPECT_EQ(frames.back().height, RK::videoImageHeight(r));
         EXPECT_TRUE(frames.back().buffer == one.get() || frames.back().buffer == two.get());
@@ -97,10 +97,10 @@ TEST_F(VideoBufferSizeRobotTest, OneByteShortIsRefused)
     const auto one = RK::makeProtectedBuffer(RK::videoBufferSize(1) - 1);
     const auto two = RK::makeProtectedBuffer(RK::videoBufferSize(1) - 1);
     video->startVideo(20, 1, one, two);
-    ASSERT_TRUE(test::processUntil([&] { return !errors.empty(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !errors.empty(); }));
     EXPECT_EQ(errors.front(), RK::VideoErrorImageRetrieval);
     EXPECT_TRUE(frames.empty());
-    ASSERT_TRUE(test::processUntil([&] { return stops > 0; }));
+    ASSERT_TRUE(test::waitUntil([&] { return stops > 0; }));
 }
 
 } // namespace

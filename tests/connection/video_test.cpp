@@ -9,10 +9,7 @@
 #include <QImage>
 #include <QTemporaryDir>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/video_device_service.h>
-#pragma pop_macro("signals")
 
 #include <array>
 #include <memory>
@@ -79,15 +76,15 @@ protected:
     }
     bool imagesAtLeast(size_t n)
     {
-        return test::processUntil([&] { return images.size() >= n; });
+        return test::waitUntil([&] { return images.size() >= n; });
     }
     bool stopped()
     {
-        return test::processUntil([&] { return !stops.empty(); });
+        return test::waitUntil([&] { return !stops.empty(); });
     }
     bool failed()
     {
-        return test::processUntil([&] { return !errors.empty(); });
+        return test::waitUntil([&] { return !errors.empty(); });
     }
 
     QObject context;
@@ -151,12 +148,12 @@ TEST_F(VideoTest, AcquisitionBuffersPauseResumeAndRestart)
     // The reader holds buffer one: pictures land in buffer two.
     one->mutex.lock();
     size_t mark = images.size();
-    ASSERT_TRUE(test::processUntil(
+    ASSERT_TRUE(test::waitUntil(
         [&] { return images.size() > mark + 1 && images.back().buffer == two.get(); }));
     // Both held: polls are skipped, nothing is signalled.
     two->mutex.lock();
     const int skippedBefore = video->skippedImages();
-    ASSERT_TRUE(test::processUntil([&] { return video->skippedImages() > skippedBefore + 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return video->skippedImages() > skippedBefore + 2; }));
     mark = images.size();
     one->mutex.unlock();
     two->mutex.unlock();
@@ -171,7 +168,7 @@ TEST_F(VideoTest, AcquisitionBuffersPauseResumeAndRestart)
 
     // A second start while running: new resolution, same buffers.
     video->startVideo(20, 2, RK::makeProtectedBuffer(4), RK::makeProtectedBuffer(4));
-    ASSERT_TRUE(test::processUntil([&] { return images.back().width == 640; }));
+    ASSERT_TRUE(test::waitUntil([&] { return images.back().width == 640; }));
     EXPECT_TRUE(images.back().buffer == one.get() || images.back().buffer == two.get());
 
     video->stopVideo();
@@ -182,7 +179,7 @@ TEST_F(VideoTest, AcquisitionBuffersPauseResumeAndRestart)
 
     // Stopping again: nothing to unsubscribe.
     video->stopVideo();
-    ASSERT_TRUE(test::processUntil([&] { return stops.size() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return stops.size() == 2; }));
     EXPECT_FALSE(stops[1]);
 
     // A fresh start at the largest resolution with buffers to match.
@@ -203,7 +200,7 @@ TEST_F(VideoTest, ImagesHeldByTheApplicationSkipPolls)
     video->startVideo(20, 0, one, two);
     // A poll every 20 ms: a dozen skipped, and one line that says why, not
     // a line for each (the buffers themselves are free all along).
-    ASSERT_TRUE(test::processUntil([&] { return video->skippedImages() > 12; }));
+    ASSERT_TRUE(test::waitUntil([&] { return video->skippedImages() > 12; }));
     const auto lines = logs.find("con.videoE", "Skipped");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].message.find("Skipped 1 image(s): the application has not yet taken the "
@@ -285,7 +282,7 @@ TEST_F(VideoTest, DisconnectionDuringAcquisition)
     ASSERT_TRUE(imagesAtLeast(2));
     ASSERT_TRUE(recorder->disconnectAndWait());
     // The robot forgets the subscriber of a client that left.
-    EXPECT_TRUE(test::processUntil([] { return camera().subscribers().empty(); }));
+    EXPECT_TRUE(test::waitUntil([] { return camera().subscribers().empty(); }));
     // The application's copy of the interface still answers, to nobody.
     video->stopVideo();
     video.reset();

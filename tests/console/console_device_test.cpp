@@ -6,10 +6,7 @@
 
 #include <QRegularExpression>
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/launcher_service.h>
-#pragma pop_macro("signals")
 
 namespace {
 

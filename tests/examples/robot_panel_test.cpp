@@ -34,11 +34,9 @@
 #include <gtest/gtest.h>
 
 #include "shared_robot.h"
+#include "wait_until.h"
 
-#pragma push_macro("signals")
-#undef signals
 #include <sim/device_services.h>
-#pragma pop_macro("signals")
 
 #include <wz/log.h>
 
@@ -47,18 +45,10 @@
 
 namespace {
 
-// Runs the event loop until `done` holds; false after `ms`.
-bool waitFor(const std::function<bool()> &done, int ms = 5000)
+// Runs the event loop until `done` holds.
+bool waitFor(const std::function<bool()> &done)
 {
-    QDeadlineTimer deadline(ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(2, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
+    return test::waitUntil(done);
 }
 
 template<typename T>
@@ -119,7 +109,7 @@ protected:
     {
         if (panel && !panel->isShutDown()) {
             panel->shutdown(5000);
-            EXPECT_TRUE(waitFor([this] { return panel->isShutDown(); }, 8000));
+            EXPECT_TRUE(waitFor([this] { return panel->isShutDown(); }));
         }
         panel.reset();
     }

@@ -19,7 +19,6 @@
 
 using wz::AnyValue;
 using wztest::errorOf;
-using wztest::eventually;
 
 namespace {
 
@@ -58,7 +57,7 @@ TEST_F(WzRobustness, PeerDroppedMidCallFailsEveryPendingCallAtOnce)
     std::vector<wz::Future<int>> calls;
     for (int i = 0; i < 5; ++i)
         calls.push_back(svc.async<int>("hold"));
-    ASSERT_TRUE(eventually([&] { return started == 5; }));
+    ASSERT_TRUE(test::waitUntil([&] { return started == 5; }));
     directory->closeClient(lastClientId(1));
 
     for (auto &f : calls) {
@@ -79,7 +78,7 @@ TEST_F(WzRobustness, ClosingTheSessionFailsItsOwnCallsInFlight)
     directory->registerService("Blocking", blockingService(gate, started)).value();
     wz::Object svc = client->service("Blocking").value();
     wz::Future<int> f = svc.async<int>("hold");
-    ASSERT_TRUE(eventually([&] { return started == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return started == 1; }));
     client.reset(); // destructor closes
     ASSERT_EQ(f.wait(5000), wz::FutureState_FinishedWithError);
     EXPECT_EQ(f.error(), "disconnected: session closed");
@@ -126,7 +125,7 @@ TEST_F(WzRobustness, WritesToAStalledPeerNeverBlockAndAreCapped)
         desktop.post("onEvent", mib);
     EXPECT_EQ(directory->clients().size(), 1u);
     directory->stallClient(id, false);
-    ASSERT_TRUE(eventually([&] { return received == 64; }, 20000)) << received;
+    ASSERT_TRUE(test::waitUntil([&] { return received == 64; })) << received;
 
     // Past the queue cap the peer counts as dead.
     directory->stallClient(id, true);
@@ -138,7 +137,7 @@ TEST_F(WzRobustness, WritesToAStalledPeerNeverBlockAndAreCapped)
             break;
         }
     }
-    EXPECT_TRUE(eventually([&] { return directory->clients().empty(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return directory->clients().empty(); }));
     EXPECT_TRUE(directory->service("Desktop").hasError());
     auto rf = reason.get_future();
     ASSERT_EQ(rf.wait_for(std::chrono::seconds(5)), std::future_status::ready);
@@ -188,8 +187,9 @@ TEST_F(WzRobustness, MalformedFramesCloseOnlyTheOffendingConnection)
     for (const auto &c : cases) {
         wz::log::LogCapture capture;
         EXPECT_TRUE(directoryHangsUpOn(directory->endpoints()[0], c.second)) << c.first;
-        EXPECT_TRUE(eventually([&] { return capture.contains("wz.transport", "protocol error"); }))
-            << c.first;
+        EXPECT_TRUE(test::waitUntil([&] {
+            return capture.contains("wz.transport", "protocol error");
+        })) << c.first;
         EXPECT_EQ(svc.call<std::string>("ping"), "pong") << "after " << c.first;
     }
     EXPECT_TRUE(client->isConnected());
@@ -225,7 +225,7 @@ TEST_F(WzRobustness, SessionDestroyedFromItsOwnCallbackDoesNotDeadlock)
     wz::Object closer = client->service("Closer").value();
     wz::Future<void> f = closer.async<void>("closeAll");
     ASSERT_NE(f.wait(5000), wz::FutureState_Running);
-    EXPECT_TRUE(eventually([&] { return !client->isConnected(); }));
+    EXPECT_TRUE(test::waitUntil([&] { return !client->isConnected(); }));
 }
 
 size_t threadCount()
@@ -252,7 +252,7 @@ TEST_F(WzRobustness, SessionsComeAndGoWithoutLeakingThreads)
     const size_t before = threadCount();
     for (int i = 0; i < 40; ++i)
         cycle();
-    EXPECT_TRUE(eventually([&] { return directory->clients().size() == 1; }));
+    EXPECT_TRUE(test::waitUntil([&] { return directory->clients().size() == 1; }));
     EXPECT_LE(threadCount(), before + 2);
 }
 

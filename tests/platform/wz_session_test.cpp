@@ -19,7 +19,6 @@
 
 using wz::AnyValue;
 using wztest::errorOf;
-using wztest::eventually;
 
 namespace {
 
@@ -128,7 +127,7 @@ TEST_F(WzSession, PostsArriveInOrderWithTheCallerId)
     wz::Object sink = client->service("Sink").value();
     for (int i = 0; i < 2000; ++i)
         sink.post("push", i);
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         std::lock_guard<std::mutex> lock(m);
         return got.size() == 2000;
     }));
@@ -166,7 +165,7 @@ TEST_F(WzSession, SignalsAndPropertiesAcrossTheLink)
                                     .value();
     for (int i = 0; i < 100; ++i)
         battery->emitSignal("level", {AnyValue(i), AnyValue(i % 2 ? "+" : "-")});
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         std::lock_guard<std::mutex> lock(m);
         return events.size() == 100;
     }));
@@ -175,7 +174,19 @@ TEST_F(WzSession, SignalsAndPropertiesAcrossTheLink)
 
     remote.disconnect(link).value();
     battery->emitSignal("level", {AnyValue(1000), AnyValue("x")});
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // A later signal to a link made after: once it is here, the one before
+    // would have come too.
+    std::atomic<bool> marked {false};
+    const wz::SignalLink marker = remote
+                                      .connect("level",
+                                               [&](int percent, const std::string &) {
+                                                   if (percent == 1001)
+                                                       marked = true;
+                                               })
+                                      .value();
+    battery->emitSignal("level", {AnyValue(1001), AnyValue("x")});
+    ASSERT_TRUE(test::waitUntil([&] { return marked.load(); }));
+    remote.disconnect(marker).value();
     {
         std::lock_guard<std::mutex> lock(m);
         EXPECT_EQ(events.size(), 100u);
@@ -188,7 +199,7 @@ TEST_F(WzSession, SignalsAndPropertiesAcrossTheLink)
     EXPECT_EQ(remote.property<int>("threshold").value(), 20);
     remote.setProperty("threshold", 35).value();
     EXPECT_EQ(battery.property<int>("threshold").value(), 35);
-    EXPECT_TRUE(eventually([&] { return changedTo == 35; }));
+    EXPECT_TRUE(test::waitUntil([&] { return changedTo == 35; }));
     EXPECT_NE(remote.property("voltage").error().find("not found"), std::string::npos);
 }
 
@@ -238,7 +249,7 @@ TEST_F(WzSession, CancelingARemoteCall)
     wz::Object slow = client->service("Slow").value();
 
     wz::Future<int> f = slow.async<int>("wait");
-    ASSERT_TRUE(eventually([&] { return started == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return started == 1; }));
     f.cancel();
     EXPECT_TRUE(f.isCanceled());
     EXPECT_EQ(errorOf([&] { f.value(); }), "canceled");
@@ -264,10 +275,10 @@ TEST_F(WzSession, ClientServiceReachedFromTheDirectoryAndRemovedWhenItLeaves)
     std::atomic<int> relayed {0};
     viaDirectory.connect("event", [&](int v) { relayed = v; }).value();
     desktop->emitSignal("event", {AnyValue(9)});
-    EXPECT_TRUE(eventually([&] { return relayed == 9; }));
+    EXPECT_TRUE(test::waitUntil([&] { return relayed == 9; }));
 
     client->close();
-    ASSERT_TRUE(eventually([&] { return directory->service("Desktop").hasError(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return directory->service("Desktop").hasError(); }));
     EXPECT_EQ(directory->service("Desktop").error(), "service \"Desktop\" not found");
     EXPECT_EQ(errorOf([&] { fromDirectory.call<std::string>("whoami"); }).rfind("disconnected", 0),
               0u);
@@ -355,7 +366,7 @@ TEST_F(WzSession, SessionSignalsReportPeers)
     EXPECT_EQ(second->url(), directory->endpoints()[0]);
     EXPECT_EQ(directory->url(), directory->endpoints()[0]);
     EXPECT_TRUE(second->isConnected());
-    ASSERT_TRUE(eventually([&] { return directory->clients().size() == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return directory->clients().size() == 2; }));
     const std::string id = directory->clients().back();
     EXPECT_NE(id.find("127.0.0.1:"), std::string::npos);
     EXPECT_NE(id.find('#'), std::string::npos);
@@ -367,7 +378,7 @@ TEST_F(WzSession, SessionSignalsReportPeers)
     ASSERT_EQ(rf.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     EXPECT_EQ(rf.get().rfind("disconnected", 0), 0u);
     EXPECT_FALSE(second->isConnected());
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         std::lock_guard<std::mutex> lock(m);
         return !left.empty();
     }));

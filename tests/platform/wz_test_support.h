@@ -3,6 +3,8 @@
 // Helpers shared by the wz integration tests: a directory and a client
 // session connected over loopback.
 
+#include "wait_until.h"
+
 #include <wz/wz.h>
 
 #include <boost/make_shared.hpp>
@@ -13,19 +15,6 @@
 #include <thread>
 
 namespace wztest {
-
-// Polls `pred` until it holds or `ms` pass; a bound for asynchronous effects,
-// not a speed check.
-inline bool eventually(const std::function<bool()> &pred, int ms = 5000)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (std::chrono::steady_clock::now() < end) {
-        if (pred())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return pred();
-}
 
 inline std::string errorOf(const std::function<void()> &f)
 {
@@ -67,7 +56,7 @@ protected:
     // The id the directory gives the most recent client.
     std::string lastClientId(size_t expected)
     {
-        eventually([&] { return directory->clients().size() >= expected; });
+        test::waitUntil([&] { return directory->clients().size() >= expected; });
         auto ids = directory->clients();
         return ids.empty() ? std::string() : ids.back();
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "wait_until.h"
+
 #include <sim/robot.h>
 
 #include <wz/object_builder.h>
@@ -40,7 +42,7 @@ public:
         }
         m_cond.notify_all();
     }
-    bool waitFor(size_t count, std::chrono::milliseconds timeout = 10s)
+    bool waitFor(size_t count, std::chrono::milliseconds timeout = test::patience())
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         return m_cond.wait_for(lock, timeout, [&]() { return m_got.size() >= count; });
@@ -71,17 +73,6 @@ inline wz::Object makeModule(std::shared_ptr<Inbox> inbox, const std::string &me
         return wz::AnyValue();
     });
     return b.object();
-}
-
-inline bool waitUntil(const std::function<bool()> &done, std::chrono::milliseconds timeout = 10s)
-{
-    const auto end = std::chrono::steady_clock::now() + timeout;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
 }
 
 inline bool listed(wz::Session &session, const std::string &name)

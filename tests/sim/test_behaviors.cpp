@@ -1,4 +1,5 @@
 // The simulated behaviour manager and autonomous life, through a client session.
+#include "call_error.h"
 #include "shared_robot.h"
 #include "sim_test_support.h"
 
@@ -9,17 +10,10 @@
 #include <gtest/gtest.h>
 
 using namespace simtest;
+using test::callError;
 using wz::AnyValue;
 
 namespace {
-
-std::string callError(const wz::Object &o, const std::string &method, const sim::Args &args = {})
-{
-    wz::Future<AnyValue> f = o->metaCall(method, args);
-    if (f.wait(10000) == wz::FutureState_Running)
-        return "no answer";
-    return f.hasError(0) ? f.error(0) : std::string();
-}
 
 const char *const kShort = "nature interactive\n"
                            "length 0.3\n"
@@ -161,7 +155,7 @@ TEST_F(SimBehaviors, ALoadedBehaviourIsObservableAndItsEndUndoesIt)
     behaviors.call<void>("startBehavior", "short");
     EXPECT_EQ(callError(behaviors, "startBehavior", {AnyValue("short")}),
               "behavior \"User/short\" is already running");
-    ASSERT_TRUE(waitUntil([&] { return valuesOf("BehaviorsRun").size() >= 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return valuesOf("BehaviorsRun").size() >= 2; }));
     const auto runs = valuesOf("BehaviorsRun");
     EXPECT_EQ(runs[0], wz::toAny(std::vector<std::string> {"User/short"}));
     EXPECT_EQ(runs[1], wz::toAny(std::vector<std::string> {}));
@@ -184,7 +178,7 @@ TEST_F(SimBehaviors, FailuresAndPreloadErrorsCarryTheBoxAndText)
     subscribe(sim::BehaviorManagerService::kFailedEvent);
     subscribe(sim::BehaviorManagerService::kRunEvent);
     behaviors.call<void>("startBehavior", "failing");
-    ASSERT_TRUE(waitUntil([&] { return valuesOf("BehaviorsRun").size() >= 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return valuesOf("BehaviorsRun").size() >= 2; }));
     EXPECT_EQ(valuesOf(sim::BehaviorManagerService::kFailedEvent).at(0),
               wz::toAny(std::vector<std::string> {"User/failing", "Arm", "motor too hot"}));
 }

@@ -1,6 +1,7 @@
 // The device services of the simulated robot over the wire: their state,
 // their failures, the durations that a stop cuts short, the launcher's
 // promise never to run anything on the host, and a restart on the same port.
+#include "call_error.h"
 #include "shared_robot.h"
 #include "sim_test_support.h"
 
@@ -27,17 +28,10 @@
 #include <thread>
 
 using namespace simtest;
+using test::callError;
 using wz::AnyValue;
 
 namespace {
-
-std::string callError(const wz::Object &o, const std::string &method, const sim::Args &args = {})
-{
-    wz::Future<AnyValue> f = o->metaCall(method, args);
-    if (f.wait(10000) == wz::FutureState_Running)
-        return "no answer";
-    return f.hasError(0) ? f.error(0) : std::string();
-}
 
 // Every source file below `dir`, recursively (documentation may name
 // what the code must not call).
@@ -134,7 +128,7 @@ TEST_F(DeviceServices, SpeechTakesItsTimeAndStopAllCutsItShort)
     // A sentence that would take minutes ends on stopAll from another client call.
     tts->setWordDuration(std::chrono::minutes(1));
     wz::Future<AnyValue> saying = o->metaCall("say", {AnyValue("a very long sentence")});
-    ASSERT_TRUE(waitUntil([&] { return tts->speaking() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return tts->speaking() == 1; }));
     o.call<void>("stopAll");
     ASSERT_NE(saying.wait(10000), wz::FutureState_Running);
     EXPECT_FALSE(saying.hasError(0));
@@ -212,7 +206,7 @@ TEST_F(DeviceServices, ChatterIsNumberedAndReachesAListener)
     wz::log::setStderrEnabled(false);
     const uint64_t first = logs->sent();
     logs->setChatter({2000, "test.chatter", wz::LogLevel_Error});
-    const bool arrived = waitUntil([&] {
+    const bool arrived = test::waitUntil([&] {
         std::lock_guard<std::mutex> lock(mutex);
         return got.size() >= 200;
     });
@@ -236,7 +230,7 @@ TEST(SimRestart, ANewRobotListensOnThePortOfTheOldOne)
         = client->service("VXLauncher")
               .value(10000)
               ->metaCall("_launchWait", {AnyValue("self-check"), AnyValue(AnyValue::List {})});
-    ASSERT_TRUE(waitUntil([&] { return launcher->launches().size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return launcher->launches().size() == 1; }));
 
     // Stopping cuts the pretend command short rather than waiting for it.
     robot->stop();

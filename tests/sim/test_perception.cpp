@@ -146,7 +146,7 @@ TEST_F(SimPerception, PeopleComeWithTheirKeyAndGoWithoutItIdsAreNeverReused)
 
     const int first = people().arrive({1, 2, 3});
     const int second = people().arrive({2, 0, 0});
-    ASSERT_TRUE(waitUntil([&] { return arrivals == 2; }));
+    ASSERT_TRUE(test::waitUntil([&] { return arrivals == 2; }));
     EXPECT_EQ(arrivedWithKey, 2);
     people().leave(first);
     ASSERT_TRUE(inbox->waitFor(3));

@@ -1,4 +1,5 @@
 // A client session against one in-process simulated robot, over TCP.
+#include "call_error.h"
 #include "shared_robot.h"
 #include "sim_test_support.h"
 
@@ -21,17 +22,10 @@
 #include <atomic>
 
 using namespace simtest;
+using test::callError;
 using wz::AnyValue;
 
 namespace {
-
-std::string callError(const wz::Object &o, const std::string &method, const sim::Args &args = {})
-{
-    wz::Future<AnyValue> f = o->metaCall(method, args);
-    if (f.wait(10000) == wz::FutureState_Running)
-        return "no answer";
-    return f.hasError(0) ? f.error(0) : std::string();
-}
 
 class SimRobot : public test::SharedRobotTest
 {
@@ -187,7 +181,7 @@ TEST_F(SimRobot, MicroEventsReachTheClientsOwnModule)
     memory.call<void>("raiseMicroEvent", "Test/Late", 1);
     client->registerService("LateModule", makeModule(late)).value(10000);
     memory.call<void>("raiseMicroEvent", "Test/Late", 2);
-    ASSERT_TRUE(waitUntil([&] {
+    ASSERT_TRUE(test::waitUntil([&] {
         const auto got = late->got();
         return !got.empty() && got.back().at(1) == AnyValue(2);
     }));
@@ -213,14 +207,18 @@ TEST_F(SimRobot, ReadinessCanBeDelayedOrHeld)
 {
     robot().scenario().holdReadinessFor(std::chrono::milliseconds(400));
     EXPECT_FALSE(memory.call<bool>("getData", "MorvaneReady"));
-    EXPECT_TRUE(waitUntil([&] { return memory.call<bool>("getData", "MorvaneReady"); }));
+    EXPECT_TRUE(test::waitUntil([&] { return memory.call<bool>("getData", "MorvaneReady"); }));
 
     robot().scenario().holdReadiness();
     EXPECT_FALSE(memory.call<bool>("getData", "MorvaneReady"));
     // A delay given earlier must not release a hold that came later.
     robot().scenario().holdReadinessFor(std::chrono::milliseconds(50));
     robot().scenario().holdReadiness();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    // The timer thread runs its tasks in the order they fall due: once a
+    // later one has run, so has (or would have) the delayed release.
+    auto passed = std::make_shared<std::atomic<bool>>(false);
+    robot().schedule(std::chrono::milliseconds(100), [passed] { *passed = true; });
+    ASSERT_TRUE(test::waitUntil([&] { return passed->load(); }));
     EXPECT_FALSE(memory.call<bool>("getData", "MorvaneReady"));
     robot().scenario().releaseReadiness();
     EXPECT_TRUE(memory.call<bool>("getData", "MorvaneReady"));
@@ -315,7 +313,7 @@ TEST_F(SimRobot, LogListenerCarriesTheRobotsLog)
     wz::log::LogStream(wz::LogLevel_Info, "sim.test", __FUNCTION__) << "filtered out";
     wz::log::LogStream(wz::LogLevel_Warning, "sim.test", __FUNCTION__) << "robot says hello";
     wz::log::setLogLevel(before);
-    EXPECT_TRUE(waitUntil([&] {
+    EXPECT_TRUE(test::waitUntil([&] {
         std::lock_guard<std::mutex> lock(mutex);
         return std::any_of(got.begin(), got.end(),
                            [](const wz::LogMessage &m) { return m.message == "robot says hello"; });
@@ -330,9 +328,9 @@ TEST_F(SimRobot, ConnectionFaultsReachTheClient)
     wz::log::LogCapture capture;
     std::atomic<int> lost {0};
     client->disconnected.connect([&](const std::string &) { ++lost; });
-    ASSERT_TRUE(waitUntil([&] { return robot().scenario().clients().size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return robot().scenario().clients().size() == 1; }));
     robot().scenario().dropClients();
-    EXPECT_TRUE(waitUntil([&] { return lost > 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return lost > 0; }));
     EXPECT_FALSE(client->isConnected());
     EXPECT_NE(callError(memory, "version").find("disconnected"), std::string::npos);
 
@@ -340,10 +338,10 @@ TEST_F(SimRobot, ConnectionFaultsReachTheClient)
     auto second = connectTo(robot());
     std::atomic<int> lost2 {0};
     second->disconnected.connect([&](const std::string &) { ++lost2; });
-    ASSERT_TRUE(waitUntil([&] { return robot().scenario().clients().size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return robot().scenario().clients().size() == 1; }));
     robot().scenario().sendRaw(robot().scenario().clients().at(0),
                                std::string("\xff\xff\xff\x7f garbage that is no frame", 30));
-    EXPECT_TRUE(waitUntil([&] { return lost2 > 0; }));
+    EXPECT_TRUE(test::waitUntil([&] { return lost2 > 0; }));
     second->close().wait(10000);
 
     // A stalled robot: the call hangs until the heartbeat gives up on it.
@@ -351,7 +349,7 @@ TEST_F(SimRobot, ConnectionFaultsReachTheClient)
     third->setHeartbeat(std::chrono::milliseconds(100), std::chrono::milliseconds(800));
     third->connect(robot().url()).value(10000);
     const wz::Object mem3 = third->service("VXMemory").value(10000);
-    ASSERT_TRUE(waitUntil([&] { return robot().scenario().clients().size() == 1; }));
+    ASSERT_TRUE(test::waitUntil([&] { return robot().scenario().clients().size() == 1; }));
     robot().scenario().stallClient(robot().scenario().clients().at(0));
     wz::Future<AnyValue> hanging = mem3->metaCall("version", {});
     EXPECT_EQ(hanging.wait(300), wz::FutureState_Running);

@@ -76,8 +76,9 @@ TEST_F(SimRobustness, TwoClientsShareTheRobotAndNamesComeFreeWhenOneLeaves)
     EXPECT_TRUE(listed(*b, "VXSartel"));
 
     a->close().wait(10000);
-    EXPECT_TRUE(waitUntil([&] { return !listed(*b, "VXSartel"); }));
-    EXPECT_TRUE(waitUntil([&] { return robot().memory().subscribers("Shared").size() == 1; }));
+    EXPECT_TRUE(test::waitUntil([&] { return !listed(*b, "VXSartel"); }));
+    EXPECT_TRUE(
+        test::waitUntil([&] { return robot().memory().subscribers("Shared").size() == 1; }));
     EXPECT_TRUE(capture.contains("sim.memory", "dropping subscriber VXSartel"));
 
     auto c = connectTo(robot());
@@ -167,12 +168,12 @@ TEST_F(SimRobustness, AClientVanishingMidCallLeavesTheRobotServing)
         auto client = connectTo(robot());
         const wz::Object mem = client->service("VXMemory").value(10000);
         wz::Future<AnyValue> pending = mem->metaCall("getData", {AnyValue("MorvaneReady")});
-        ASSERT_TRUE(robot().scenario().waitForCalls("VXMemory", "getData", i + 1,
-                                                    std::chrono::seconds(10)));
+        ASSERT_TRUE(
+            robot().scenario().waitForCalls("VXMemory", "getData", i + 1, test::patience()));
         client->close().wait(10000);
         EXPECT_EQ(pending.wait(10000), wz::FutureState_FinishedWithError);
     }
-    EXPECT_TRUE(waitUntil([&] { return answered == 5; }));
+    EXPECT_TRUE(test::waitUntil([&] { return answered == 5; }));
     robot().scenario().restoreMethod("VXMemory", "getData");
     EXPECT_TRUE(serving());
 }
@@ -192,22 +193,20 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
             else
                 robot().scenario().dropClients(); // the robot ends it this time
             // The name "Churn" is free again once the robot has seen the client go.
-            ASSERT_TRUE(waitUntil([] { return robot().scenario().clients().empty(); }));
+            ASSERT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
         }
     };
-    auto settled = [](int limit) {
-        return waitUntil([&] { return threadCount() <= limit; }, std::chrono::seconds(20));
-    };
+    auto settled
+        = [](int limit) { return test::waitUntil([&] { return threadCount() <= limit; }); };
     cycle(20);
-    ASSERT_TRUE(waitUntil([] { return robot().scenario().clients().empty(); }));
+    ASSERT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
     // The pool back at its minimum of two: what the first burst grew is gone.
-    ASSERT_TRUE(
-        waitUntil([] { return wz::detail::poolThreadCount() <= 2; }, std::chrono::seconds(10)));
+    ASSERT_TRUE(test::waitUntil([] { return wz::detail::poolThreadCount() <= 2; }));
     const int threadsBefore = threadCount();
     const long rssBefore = residentKiB();
 
     cycle(200);
-    ASSERT_TRUE(waitUntil([] { return robot().scenario().clients().empty(); }));
+    ASSERT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
     EXPECT_TRUE(settled(threadsBefore + 2))
         << threadsBefore << " threads before, " << threadCount() << " after";
     const long rssAfter = residentKiB();
@@ -221,7 +220,7 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
 #endif
     EXPECT_LT(rssAfter - rssBefore, allowedKiB)
         << rssBefore << " KiB before, " << rssAfter << " KiB after";
-    EXPECT_TRUE(waitUntil([] { return robot().memory().subscriberModuleCount() == 0; }));
+    EXPECT_TRUE(test::waitUntil([] { return robot().memory().subscriberModuleCount() == 0; }));
     EXPECT_TRUE(robot().memory().subscribers("Churn/Event").empty());
     EXPECT_TRUE(serving());
 }

@@ -7,6 +7,8 @@
 // pid, logs and temporary files live in a temporary directory of its own.
 // Shared by the integration test and the transfer benchmark.
 
+#include "wait_until.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QEventLoop>
@@ -26,19 +28,6 @@ namespace test {
 
 inline const char *const k_nginxXsltModule
     = "/usr/lib/nginx/modules/ngx_http_xslt_filter_module.so";
-
-inline bool processEventsUntil(const std::function<bool()> &done, int ms)
-{
-    QDeadlineTimer deadline(ms);
-    while (!done()) {
-        if (deadline.hasExpired())
-            return false;
-        QEventLoop loop;
-        QTimer::singleShot(2, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    return true;
-}
 
 inline QString nginxBinary()
 {
@@ -96,8 +85,7 @@ public:
                 why = QStringLiteral("nginx did not start: ") + m_process->errorString();
                 return false;
             }
-            if (processEventsUntil(
-                    [this] { return accepts() || m_process->state() != QProcess::Running; }, 5000)
+            if (waitUntil([this] { return accepts() || m_process->state() != QProcess::Running; })
                 && m_process->state() == QProcess::Running)
                 return true;
             why = QString::fromLocal8Bit(m_process->readAll()) + log();

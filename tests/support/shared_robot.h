@@ -3,11 +3,7 @@
 // One simulated robot for a whole test suite: cases share it, so that the
 // suite pays for one start and one stop.
 
-// The robot's headers name members "signals", a Qt keyword macro.
-#pragma push_macro("signals")
-#undef signals
 #include <sim/robot.h>
-#pragma pop_macro("signals")
 
 #include <gtest/gtest.h>
 

@@ -17,6 +17,9 @@
 namespace wz {
 namespace detail {
 
+// Log category of the transport and the directory alike.
+constexpr const char *kSession = "wz.session";
+
 class SessionImpl : public std::enable_shared_from_this<SessionImpl>
 {
 public:
