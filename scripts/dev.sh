@@ -204,7 +204,7 @@ cmd_docs() {
   local warnings=0 places=0
   if [ -f "$out/warnings.log" ]; then
     warnings="$(grep -cE ': (warning|error): ' "$out/warnings.log" || true)"
-    places="$(grep -E ': (warning|error): ' "$out/warnings.log" | cut -d: -f1,2 | sort -u | wc -l)"
+    places="$( (grep -E ': (warning|error): ' "$out/warnings.log" || true) | cut -d: -f1,2 | sort -u | wc -l)"
   fi
   if [ "$warnings" -gt 0 ] || [ "$status" -ne 0 ]; then
     grep -E ': (warning|error): ' "$out/warnings.log" 2>/dev/null | head -n 20 >&2 || true

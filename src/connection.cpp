@@ -28,6 +28,7 @@
 #include <QCoreApplication>
 #include <QEventLoop>
 #include <QRegularExpression>
+#include <QSemaphore>
 #include <QThread>
 #include <QTimer>
 
@@ -36,6 +37,7 @@
 #include <wz/log.h>
 
 #include <algorithm>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 
@@ -143,8 +145,28 @@ void Connection::init()
     initProxiesConnections();
     buildInterfaces();
     connectInterfaceSignals();
+    awaitEventSubscriptions();
     readVersion();
     m_ready = true;
+}
+
+// The interfaces ask for the robot's events as they are built; the desktop
+// module subscribes to them on its own thread, one call each, in order. The
+// connection is announced only once they have reached the robot: what it
+// raised in between (a start's running list, a package installed) would be
+// lost. Bounded, so that a robot that stops answering cannot hold the attempt.
+void Connection::awaitEventSubscriptions()
+{
+    QObject *executer
+        = m_sartelModuleInterface ? m_sartelModuleInterface->executerObject() : nullptr;
+    if (!executer)
+        return;
+    const auto passed = std::make_shared<QSemaphore>();
+    QMetaObject::invokeMethod(
+        executer, [passed] { passed->release(); }, Qt::QueuedConnection);
+    if (!passed->tryAcquire(1, m_timing.readinessLimitMs))
+        wz::log::LogStream(wz::LogLevel_Warning, k_category, "awaitEventSubscriptions")
+            << "the robot's events were not all subscribed in time; some may be missed";
 }
 
 void Connection::waitForReadiness()

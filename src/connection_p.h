@@ -203,6 +203,7 @@ private:
     void buildInterface(boost::shared_ptr<T> &field, int condition, InterfaceFailure failure,
                         const char *typeName, const boost::shared_ptr<Connection> &self);
     void connectInterfaceSignals();
+    void awaitEventSubscriptions();
     void readVersion();
 
     // Declared first so that it goes last: keeps the session of a connection
