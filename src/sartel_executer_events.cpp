@@ -1,10 +1,10 @@
 // The desktop module's executer: micro events and the memory keys it relays.
 
+#include "connection_p.h"
 #include "executer_call_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
 #include "sartel_executer_parts_p.h"
-#include "connection_p.h"
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
 
