@@ -72,7 +72,9 @@ RobotPanel::RobotPanel(QWidget *parent)
     m_battery->setObjectName(QStringLiteral("battery"));
     m_battery->setRange(0, 100);
     m_battery->setValue(0);
-    m_battery->setFormat(tr("battery %p %"));
+    // Until the robot answers, and after a loss: no level is known, and 0 %
+    // would say the battery is empty.
+    m_battery->setFormat(tr("battery unknown"));
     m_battery->setMinimumWidth(170);
     m_errorList = new QListWidget(this);
     m_errorList->setObjectName(QStringLiteral("errors"));
@@ -234,7 +236,10 @@ void RobotPanel::onConnectionEstablished()
     m_batteryInterface = m_manager->batteryInterface();
     if (m_batteryInterface) {
         connect(m_batteryInterface.get(), &RK::BatteryInterface::updateBatteryLevelRequested, this,
-                [this](int percent) { m_battery->setValue(percent); });
+                [this](int percent) {
+                    m_battery->setFormat(tr("battery %p %"));
+                    m_battery->setValue(percent);
+                });
         connect(m_batteryInterface.get(), &RK::BatteryInterface::errorOccurred, this,
                 [this](const RK::OperationError &error) {
                     if (worthListing(error))
@@ -260,6 +265,7 @@ void RobotPanel::onDisconnected()
     m_batteryInterface.reset();
     m_batteryTimer.stop();
     m_battery->setValue(0);
+    m_battery->setFormat(tr("battery unknown"));
     m_services->setText(tr("Services: not connected"));
     m_connect->setEnabled(!m_shuttingDown);
     m_disconnect->setEnabled(false);

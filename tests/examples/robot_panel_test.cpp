@@ -221,6 +221,8 @@ TEST_F(RobotPanelTest, ScriptedSession)
     ASSERT_TRUE(waitFor([this] { return text(*panel, "connectionState").contains("lost"); }));
     EXPECT_FALSE(text(*panel, "reconnectionCountdown").isEmpty());
     EXPECT_TRUE(text(*panel, "services").contains("not connected"));
+    // No level is known any more: not an empty battery.
+    EXPECT_EQ(battery->text(), "battery unknown");
     shot("05-lost");
 
     // Found again by itself: the camera comes back on, nothing to report.
