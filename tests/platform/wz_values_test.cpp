@@ -1,5 +1,7 @@
 // Values, futures, signals, local objects, URLs and the wire codec, without a network.
 
+#include "wait_until.h"
+
 #include <wz/detail/decode.h>
 #include <wz/wz.h>
 
@@ -164,10 +166,7 @@ TEST(WzFuture, EveryHandOverWakesItsWaiter)
     }
     for (auto &t : posters)
         t.join();
-    const auto deadline = Clock::now() + std::chrono::seconds(5);
-    while (ran.load() < 200 && Clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    EXPECT_EQ(ran.load(), 200);
+    EXPECT_TRUE(test::waitUntil([&ran] { return ran.load() == 200; })) << ran.load();
 
     // A time limit still ends a wait that nothing answers.
     wz::Promise<int> never;
