@@ -423,6 +423,10 @@ void BehaviorInstanceManager::requestStop(bool endsWhenTaken)
 
 void BehaviorInstanceManager::onRunningBehaviorsReceived(QStringList behaviors)
 {
+    // A list answered just before the connection went still arrives after
+    // disconnected(): it must not bring the behaviour back from Missing.
+    if (!m_manager->isConnected())
+        return;
     for (const QString &b : behaviors) {
         if (sameBehavior(b, m_behaviorName)) {
             // A list raised before our stop reached the robot still names

@@ -5,9 +5,11 @@
 #include <QLabel>
 #include <QMutexLocker>
 #include <QPixmap>
+
 #include <QPushButton>
 #include <QSpinBox>
 #include <QVBoxLayout>
+#include <utility>
 
 namespace panel {
 
@@ -160,8 +162,11 @@ void CameraPane::onImage(const boost::shared_ptr<RK::ProtectedBuffer> &buffer, i
         if (!buffer->data || buffer->size < std::size_t(width) * height * 4)
             return;
         const QImage frame(buffer->data, width, height, width * 4, QImage::Format_RGB32);
-        m_last
+        QImage scaled
             = frame.scaled(k_viewWidth, k_viewHeight, Qt::KeepAspectRatio, Qt::FastTransformation);
+        // At the view's own size scaled() hands back the frame itself, still
+        // on the buffer's memory, which goes with the next start: copy it.
+        m_last = scaled.constBits() == frame.constBits() ? frame.copy() : std::move(scaled);
     }
     m_view->setPixmap(QPixmap::fromImage(m_last));
     ++m_images;
