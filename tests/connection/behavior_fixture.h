@@ -52,10 +52,10 @@ protected:
     {
         app = std::make_unique<Recorder>();
         ASSERT_TRUE(app->connectAndWait(robot()));
-        // The interfaces subscribe to the robot's events on their own
-        // threads, after the connection is told: an event raised before
-        // the subscription arrives is lost, so the cases start after it.
-        ASSERT_TRUE(test::waitUntil([] {
+        // The connection is announced only once the interfaces' event
+        // subscriptions have reached the robot: an event raised before them
+        // would be lost. So they are there already, with no wait.
+        ASSERT_TRUE(([] {
             const bool life = !robot().scenario().isOmitted("VXAutonomousLife");
             for (const char *key : {"BehaviorsRun", "VXBehaviorManager/BehaviorAdded",
                                     "VXBehaviorManager/BehaviorRemoved",
@@ -65,7 +65,7 @@ protected:
                     return false;
             }
             return true;
-        }));
+        })());
     }
     static sim::BehaviorManagerService &behaviors()
     {
