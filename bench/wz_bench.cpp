@@ -232,7 +232,11 @@ private:
 wz::Object benchService(std::atomic<int64_t> *posted)
 {
     wz::DynamicObjectBuilder b("Bench");
-    b.advertiseMethod("add", [](int a, int b) { return a + b; });
+    // The same sum twice: served on the I/O thread that reads the call, and
+    // handed to a framework thread as a method that may block would be.
+    b.advertiseMethod(
+        "add", [](int a, int b) { return a + b; }, wz::MethodFlag_Direct);
+    b.advertiseMethod("addPooled", [](int a, int b) { return a + b; });
     b.advertiseMethod("echo", [](const wz::Buffer &bytes) { return bytes; });
     b.advertiseMethod("count", [posted](int) {
         if (posted)
@@ -339,13 +343,15 @@ size_t replyFrameSize(int64_t requestId, const wz::AnyValue &value)
 }
 
 // Calls of add(1000, 1) interleaved sample by sample with a raw ping-pong of
-// the same bytes, so that both see the same machine.
+// the same bytes, so that both see the same machine. The second argument
+// picks the served method: 1 the direct "add", 0 "addPooled".
 void smallCalls(benchmark::State &state, wz::Object &service)
 {
     const int rounds = static_cast<int>(state.range(0));
+    const std::string method = state.range(1) ? "add" : "addPooled";
     for (int i = 0; i < 200; ++i) // warm up the pool and the caches
-        service.call<int>("add", i, 1);
-    const size_t request = callFrameSize(1000, static_cast<int64_t>(service->objectUid()), "add",
+        service.call<int>(method, i, 1);
+    const size_t request = callFrameSize(1000, static_cast<int64_t>(service->objectUid()), method,
                                          {wz::AnyValue(1000), wz::AnyValue(1)});
     const size_t reply = replyFrameSize(1000, wz::AnyValue(1001));
     std::vector<double> raw, call;
@@ -358,7 +364,7 @@ void smallCalls(benchmark::State &state, wz::Object &service)
         for (int i = 0; i < rounds; ++i) {
             raw.push_back(rawRoundTrip(pair, out, in));
             const auto t0 = Clock::now();
-            benchmark::DoNotOptimize(service.call<int>("add", 1000, 1));
+            benchmark::DoNotOptimize(service.call<int>(method, 1000, 1));
             const auto t1 = Clock::now();
             call.push_back(micros(t1 - t0));
             breakdown.add(t0, t1);
@@ -472,8 +478,16 @@ void BM_BinaryRoundTrip(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(BM_SmallCallRoundTrip)->Arg(5000)->Iterations(1)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_SmallCallOneProcess)->Arg(5000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SmallCallRoundTrip)
+    ->Args({5000, 1})
+    ->Args({5000, 0})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SmallCallOneProcess)
+    ->Args({5000, 1})
+    ->Args({5000, 0})
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_PostsOneWay)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EventsToSubscriber)->Arg(200000)->Iterations(1)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_BinaryRoundTrip)->Arg(2500000)->Iterations(1)->Unit(benchmark::kMillisecond);

@@ -9,8 +9,10 @@ BatteryService::BatteryService() : Service("VXBattery") { }
 
 void BatteryService::describe(ServiceBuilder &b)
 {
-    b.method("getBatteryCharge", [this]() { return charge(); });
-    b.method("getBatteryLevel", [this]() { return level(); });
+    b.method(
+        "getBatteryCharge", [this]() { return charge(); }, wz::MethodFlag_Direct);
+    b.method(
+        "getBatteryLevel", [this]() { return level(); }, wz::MethodFlag_Direct);
 }
 
 void BatteryService::configure(const wz::AnyValue &settings)

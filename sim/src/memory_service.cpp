@@ -184,7 +184,9 @@ std::string MemoryService::keyNotFoundText(const std::string &key)
 
 void MemoryService::describe(ServiceBuilder &b)
 {
-    b.method("getData", [this](const std::string &key) { return getData(key); });
+    // The getters the desktop polls answer from the map at once.
+    b.method(
+        "getData", [this](const std::string &key) { return getData(key); }, wz::MethodFlag_Direct);
     b.method("insertData",
              [this](const std::string &key, const wz::AnyValue &value) { insertData(key, value); });
     b.method("insertListData", [this](const wz::AnyValue::List &pairs) {
@@ -198,18 +200,24 @@ void MemoryService::describe(ServiceBuilder &b)
         for (const wz::AnyValue &p : pairs)
             insertData(p.toList()[0].toStr(), p.toList()[1]);
     });
-    b.method("getListData", [this](const std::vector<std::string> &keys) {
-        wz::AnyValue::List out;
-        out.reserve(keys.size());
-        std::lock_guard<std::mutex> lock(m_mutex);
-        for (const std::string &k : keys) {
-            auto it = m_keys.find(k);
-            out.push_back(it == m_keys.end() ? wz::AnyValue() : it->second.value);
-        }
-        return out;
-    });
-    b.method("getType", [this](const std::string &key) { return getType(key); });
-    b.method("getDataList", [this](const std::string &filter) { return getDataList(filter); });
+    b.method(
+        "getListData",
+        [this](const std::vector<std::string> &keys) {
+            wz::AnyValue::List out;
+            out.reserve(keys.size());
+            std::lock_guard<std::mutex> lock(m_mutex);
+            for (const std::string &k : keys) {
+                auto it = m_keys.find(k);
+                out.push_back(it == m_keys.end() ? wz::AnyValue() : it->second.value);
+            }
+            return out;
+        },
+        wz::MethodFlag_Direct);
+    b.method(
+        "getType", [this](const std::string &key) { return getType(key); }, wz::MethodFlag_Direct);
+    b.method(
+        "getDataList", [this](const std::string &filter) { return getDataList(filter); },
+        wz::MethodFlag_Direct);
     b.method("getEventList", [this]() { return getEventList(); });
     b.method("getMicroEventList", [this]() { return getMicroEventList(); });
     b.method("removeData", [this](const std::string &key) { removeData(key); });

@@ -176,14 +176,21 @@ void MotionService::describe(ServiceBuilder &b)
     b.method("getBodyNames", [](const std::string &name) { return bodyNames(name); });
     // The older name of the same question.
     b.method("getJointNames", [](const std::string &name) { return bodyNames(name); });
-    b.method("getAngles", [this](const wz::AnyValue &names, bool useSensors) {
-        return getAngles(names, useSensors);
-    });
-    b.method("getStiffnesses", [this](const wz::AnyValue &names) { return getStiffnesses(names); });
+    // The pose the desktop polls: computed from the joints' paths at once.
+    b.method(
+        "getAngles",
+        [this](const wz::AnyValue &names, bool useSensors) { return getAngles(names, useSensors); },
+        wz::MethodFlag_Direct);
+    b.method(
+        "getStiffnesses", [this](const wz::AnyValue &names) { return getStiffnesses(names); },
+        wz::MethodFlag_Direct);
     b.method("robotIsWakeUp", [this]() { return robotIsWakeUp(); });
-    b.method("getPosition", [this](const std::string &name, int space, bool useSensors) {
-        return getPosition(name, space, useSensors);
-    });
+    b.method(
+        "getPosition",
+        [this](const std::string &name, int space, bool useSensors) {
+            return getPosition(name, space, useSensors);
+        },
+        wz::MethodFlag_Direct);
     b.method("_getRealTorsoInWorld", [this]() { return getPosition("Torso", 1, true); });
     b.method("changeAngles",
              [this](const wz::AnyValue &names, const wz::AnyValue &changes, float fraction) {

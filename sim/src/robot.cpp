@@ -142,7 +142,7 @@ wz::Object Robot::Impl::buildObject(const std::string &name, const Slot &slot)
         MethodFn fn = m.fn;
         std::string method = m.name;
         Impl *self = this;
-        builder.advertiseMethod(m.name, m.arity, [g, self, name, method, fn](const Args &args) {
+        auto call = [g, self, name, method, fn](const Args &args) {
             if (!g->enter())
                 throw std::runtime_error("robot stopped");
             struct Leave
@@ -151,7 +151,17 @@ wz::Object Robot::Impl::buildObject(const std::string &name, const Slot &slot)
                 ~Leave() { g->leave(); }
             } leave {g.get()};
             return self->invoke(name, method, fn, args);
-        });
+        };
+        if (m.direct) {
+            // A rule may delay or hold the call, or replace it with anything:
+            // those calls go to a framework thread like any other.
+            Scenario *scenario = &q.m_scenario;
+            builder.advertiseMethod(m.name, m.arity, call, [scenario, name, method] {
+                return !scenario->ruleFor(name, method);
+            });
+        } else {
+            builder.advertiseMethod(m.name, m.arity, call);
+        }
     }
     for (const SignalDef &s : slot.defs.signals())
         builder.advertiseSignal(s.name, s.arity);

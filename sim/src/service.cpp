@@ -7,14 +7,16 @@
 
 namespace sim {
 
-void ServiceBuilder::method(const std::string &name, unsigned arity, MethodFn fn)
+void ServiceBuilder::method(const std::string &name, unsigned arity, MethodFn fn,
+                            wz::MethodFlag flags)
 {
     for (const MethodDef &m : m_methods) {
         if (m.name == name && m.arity == arity)
             throw std::invalid_argument("method \"" + name + "\" with " + std::to_string(arity)
                                         + " argument(s) declared twice");
     }
-    m_methods.push_back(MethodDef {name, arity, std::move(fn)});
+    m_methods.push_back(
+        MethodDef {name, arity, std::move(fn), (flags & wz::MethodFlag_Direct) != 0});
 }
 
 void ServiceBuilder::signal(const std::string &name, unsigned arity)

@@ -65,6 +65,16 @@ QString text(QWidget &panel, const char *name)
     return label ? label->text() : QString();
 }
 
+// What the Errors box lists, with each entry's details, for a failure message.
+std::string errorsListed(QWidget &panel)
+{
+    QListWidget *errors = child<QListWidget>(panel, "errors");
+    QStringList listed;
+    for (int row = 0; errors && row < errors->count(); ++row)
+        listed << errors->item(row)->text() + " / " + errors->item(row)->toolTip();
+    return listed.join("\n").toStdString();
+}
+
 // Distinct colours in the widget as drawn on screen.
 int distinctColours(QWidget *widget)
 {
@@ -229,7 +239,7 @@ TEST_F(RobotPanelTest, ScriptedSession)
     ASSERT_TRUE(waitFor([this] { return text(*panel, "connectionState").contains("Connected"); }));
     const int before = panel->camera()->imagesReceived();
     EXPECT_TRUE(waitFor([&] { return panel->camera()->imagesReceived() > before + 3; }));
-    EXPECT_EQ(panel->errorsShown(), 0);
+    EXPECT_EQ(panel->errorsShown(), 0) << errorsListed(*panel);
     shot("06-reconnected");
 
     // Quit: the window goes once the robot has seen the desktop leave.
@@ -261,10 +271,7 @@ TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)
     // Three attempts have failed once the fourth starts.
     ASSERT_TRUE(waitFor([&attempts] { return attempts >= 4; }));
     QListWidget *errors = child<QListWidget>(*panel, "errors");
-    QStringList listed;
-    for (int row = 0; row < errors->count(); ++row)
-        listed << errors->item(row)->text() + " / " + errors->item(row)->toolTip();
-    EXPECT_EQ(panel->errorsShown(), 1) << listed.join("\n").toStdString();
+    EXPECT_EQ(panel->errorsShown(), 1) << errorsListed(*panel);
     ASSERT_EQ(errors->count(), 1);
     const QString entry = errors->item(0)->text();
     EXPECT_TRUE(entry.startsWith("Reconnecting: Cannot connect to Morvane")) << entry.toStdString();
@@ -279,7 +286,7 @@ TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)
 
     robot().scenario().releaseReadiness();
     ASSERT_TRUE(waitFor([this] { return text(*panel, "connectionState").contains("Connected"); }));
-    EXPECT_EQ(panel->errorsShown(), 1);
+    EXPECT_EQ(panel->errorsShown(), 1) << errorsListed(*panel);
 }
 
 TEST_F(RobotPanelTest, ProjectRoundTripCancelAndBadInput)
@@ -300,10 +307,10 @@ TEST_F(RobotPanelTest, ProjectRoundTripCancelAndBadInput)
     // Bad input: each is one error, and the pane stays usable.
     localEdit->setText(local.filePath(QStringLiteral("no such directory")));
     child<QPushButton>(*panel, "projectPush")->click();
-    EXPECT_EQ(panel->errorsShown(), 1);
+    EXPECT_EQ(panel->errorsShown(), 1) << errorsListed(*panel);
     localEdit->setText(local.path()); // not empty: a pull never mixes into local files
     child<QPushButton>(*panel, "projectPull")->click();
-    EXPECT_EQ(panel->errorsShown(), 2);
+    EXPECT_EQ(panel->errorsShown(), 2) << errorsListed(*panel);
     QListWidget *errors = child<QListWidget>(*panel, "errors");
     ASSERT_EQ(errors->count(), 2);
     EXPECT_TRUE(errors->item(0)->text().startsWith("Project: Cannot open the project"))

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -338,6 +339,48 @@ TEST_F(WzSession, NestedRemoteCallsFromFrameworkThreads)
         ASSERT_EQ(futures[i].wait(20000), wz::FutureState_FinishedWithValue) << futures[i].error();
         EXPECT_EQ(futures[i].value(), i * i + 1);
     }
+}
+
+std::string threadName()
+{
+    char name[16] = {};
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    return name;
+}
+
+TEST_F(WzSession, DirectMethodsRunWhereTheCallIsReadAndCannotWait)
+{
+    wz::DynamicObjectBuilder cb("Callback");
+    cb.advertiseMethod("square", [](int v) { return v * v; });
+    client->registerService("Callback", cb.object()).value();
+    auto dir = directory;
+    std::atomic<bool> directNow {true};
+    wz::DynamicObjectBuilder b("Direct");
+    b.advertiseMethod(
+        "where", [] { return threadName(); }, wz::MethodFlag_Direct);
+    b.advertiseMethod("wherePooled", [] { return threadName(); });
+    b.advertiseMethod(
+        "whereWhen", 0, [](const std::vector<AnyValue> &) { return AnyValue(threadName()); },
+        [&directNow] { return directNow.load(); });
+    // A remote call's reply would be read by the very thread that waits.
+    b.advertiseMethod(
+        "relay", [dir](int v) { return dir->service("Callback").value().call<int>("square", v); },
+        wz::MethodFlag_Direct);
+    directory->registerService("Direct", b.object()).value();
+    wz::Object direct = client->service("Direct").value();
+
+    EXPECT_EQ(direct.call<std::string>("where"), "wz io");
+    EXPECT_EQ(direct.call<std::string>("wherePooled"), "wz pool");
+    EXPECT_EQ(direct.call<std::string>("whereWhen"), "wz io");
+    directNow = false;
+    EXPECT_EQ(direct.call<std::string>("whereWhen"), "wz pool");
+
+    // An error at once, not a stalled link: the next call is answered.
+    wz::Future<int> relayed = direct.async<int>("relay", 7);
+    ASSERT_EQ(relayed.wait(20000), wz::FutureState_FinishedWithError);
+    EXPECT_NE(relayed.error().find("a direct method cannot wait"), std::string::npos)
+        << relayed.error();
+    EXPECT_EQ(direct.call<std::string>("where"), "wz io");
 }
 
 TEST_F(WzSession, SessionSignalsReportPeers)

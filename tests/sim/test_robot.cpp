@@ -243,6 +243,19 @@ TEST_F(SimRobot, InjectedMethodFaults)
     EXPECT_EQ(slow.value(10000), 3);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
 
+    // The getters answer on the I/O thread, but not one a rule holds: the
+    // robot's other calls are still answered meanwhile.
+    s.holdMethod("VXBattery", "getBatteryCharge");
+    wz::Future<int> held = battery.async<int>("getBatteryCharge");
+    ASSERT_TRUE(s.waitForCalls("VXBattery", "getBatteryCharge", 1, test::patience()));
+    const wz::Object memory = client->service("VXMemory").value(10000);
+    wz::Future<bool> ready = memory.async<bool>("getData", "MorvaneReady");
+    ASSERT_EQ(ready.wait(static_cast<int>(test::patience().count())),
+              wz::FutureState_FinishedWithValue);
+    EXPECT_TRUE(held.isRunning());
+    s.restoreMethod("VXBattery", "getBatteryCharge");
+    EXPECT_EQ(held.wait(10000), wz::FutureState_FinishedWithValue) << held.error();
+
     // A removed method leaves the meta-object of a fresh look-up, and a
     // handle taken before gets the same "method not found".
     s.removeMethod("VXBattery", "getBatteryCharge");

@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include <chrono>
+#include <stdexcept>
 
 namespace wz {
 
@@ -34,6 +35,11 @@ FutureState FutureStateBase::wait(int msecs) const
         if (m_state != FutureState_Running && msecs > 0)
             WZ_TRACE_MARK(CallerAwake);
         return m_state;
+    }
+    if (DirectMethodScope::active()) {
+        // Fails the method, so its caller gets this error rather than a hang.
+        throw std::logic_error("a direct method cannot wait for a result (it runs on the I/O "
+                               "thread); advertise it without MethodFlag_Direct");
     }
     const bool forever = msecs == FutureTimeout_Infinite;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(msecs);

@@ -123,6 +123,11 @@ std::atomic<uint64_t> g_nextObjectUid {1};
 GenericObject::GenericObject() : m_uid(g_nextObjectUid++) { }
 GenericObject::~GenericObject() = default;
 
+bool GenericObject::isDirect(const std::string &, size_t) const
+{
+    return false;
+}
+
 void GenericObject::emitSignal(const std::string &signal, std::vector<AnyValue>)
 {
     throw std::runtime_error("cannot emit signal \"" + signal + "\" on \"" + displayName()
@@ -159,10 +164,20 @@ GenericObject &Object::checked() const
 
 namespace detail {
 
-unsigned TypeDescription::addMethod(const std::string &name, unsigned arity, Invoke invoke)
+unsigned TypeDescription::addMethod(const std::string &name, unsigned arity, Invoke invoke,
+                                    MethodFlag flags)
+{
+    DirectWhen direct;
+    if (flags & MethodFlag_Direct)
+        direct = [] { return true; };
+    return addMethod(name, arity, std::move(invoke), std::move(direct));
+}
+
+unsigned TypeDescription::addMethod(const std::string &name, unsigned arity, Invoke invoke,
+                                    DirectWhen direct)
 {
     const unsigned uid = meta.addMethod(name, arity);
-    methods.push_back(Method {name, arity, std::move(invoke)});
+    methods.push_back(Method {name, arity, std::move(invoke), std::move(direct)});
     return uid;
 }
 
@@ -255,6 +270,15 @@ public:
 
     const MetaObject &metaObject() const override { return m_desc->meta; }
     bool isRemote() const override { return false; }
+
+    bool isDirect(const std::string &method, size_t arity) const override
+    {
+        for (const auto &m : m_desc->methods) {
+            if (m.name == method && m.arity == arity)
+                return m.direct && m.direct();
+        }
+        return false;
+    }
 
     Future<AnyValue> metaCall(const std::string &method, std::vector<AnyValue> args) override
     {
@@ -469,12 +493,23 @@ DynamicObjectBuilder::DynamicObjectBuilder(const std::string &name)
     m_desc->meta.setName(name);
 }
 
-unsigned DynamicObjectBuilder::advertiseMethod(const std::string &name, unsigned arity, Method fn)
+unsigned DynamicObjectBuilder::advertiseMethod(const std::string &name, unsigned arity, Method fn,
+                                               MethodFlag flags)
 {
     auto shared = std::make_shared<Method>(std::move(fn));
-    return m_desc->addMethod(name, arity, [shared](void *, const std::vector<AnyValue> &args) {
-        return (*shared)(args);
-    });
+    return m_desc->addMethod(
+        name, arity,
+        [shared](void *, const std::vector<AnyValue> &args) { return (*shared)(args); }, flags);
+}
+
+unsigned DynamicObjectBuilder::advertiseMethod(const std::string &name, unsigned arity, Method fn,
+                                               std::function<bool()> directWhen)
+{
+    auto shared = std::make_shared<Method>(std::move(fn));
+    return m_desc->addMethod(
+        name, arity,
+        [shared](void *, const std::vector<AnyValue> &args) { return (*shared)(args); },
+        std::move(directWhen));
 }
 
 unsigned DynamicObjectBuilder::advertiseSignal(const std::string &name, unsigned arity)

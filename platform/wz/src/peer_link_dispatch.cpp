@@ -86,6 +86,19 @@ void PeerLink::serveCall(Message &msg, boost::shared_ptr<GenericObject> obj)
 {
     auto self = shared_from_this();
     const uint64_t id = msg.id;
+    if (obj->isDirect(msg.name, msg.args.size())) {
+        // Run here, on the thread that read the call: no hand-over.
+        Future<AnyValue> f;
+        {
+            CallerScope scope(m_peerId);
+            DirectMethodScope direct;
+            WZ_TRACE_MARK(MethodStart);
+            f = obj->metaCall(msg.name, std::move(msg.args));
+            WZ_TRACE_MARK(MethodEnd);
+        }
+        sendResult(id, f);
+        return;
+    }
     FrameworkPool::instance().post(
         [self, obj, id, name = std::move(msg.name), args = std::move(msg.args)]() mutable {
             Future<AnyValue> f;

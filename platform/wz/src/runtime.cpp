@@ -76,6 +76,27 @@ int poolThreadCount()
     return FrameworkPool::instance().threadCount();
 }
 
+// ---- DirectMethodScope ------------------------------------------------------------
+
+namespace {
+thread_local bool t_inDirectMethod = false;
+} // namespace
+
+DirectMethodScope::DirectMethodScope()
+{
+    t_inDirectMethod = true;
+}
+
+DirectMethodScope::~DirectMethodScope()
+{
+    t_inDirectMethod = false;
+}
+
+bool DirectMethodScope::active()
+{
+    return t_inDirectMethod;
+}
+
 // ---- Waker ------------------------------------------------------------------------
 
 Waker::Waker()

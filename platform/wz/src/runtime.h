@@ -74,6 +74,20 @@ private:
     bool m_flag = false;
 };
 
+// Marks the calling thread, for its lifetime, as running a direct method on
+// an I/O thread: no message is read while it runs, so a wait for a remote
+// result could never end, and a wait for a local one stalls every link.
+class DirectMethodScope
+{
+public:
+    DirectMethodScope();
+    ~DirectMethodScope();
+    DirectMethodScope(const DirectMethodScope &) = delete;
+    DirectMethodScope &operator=(const DirectMethodScope &) = delete;
+
+    static bool active();
+};
+
 // Grows when every thread is busy (so a task may block on a nested remote
 // call without starving the others), up to a cap; idle threads above the
 // minimum leave after a while.

@@ -27,6 +27,9 @@ struct MethodDef
     std::string name;
     unsigned arity = 0;
     MethodFn fn;
+    // A getter that answers at once from the service's state: served on the
+    // I/O thread while no scenario rule (delay, hold, failure) is set on it.
+    bool direct = false;
 };
 
 struct SignalDef
@@ -46,16 +49,23 @@ struct PropertyDef
 class SIM_API ServiceBuilder
 {
 public:
-    void method(const std::string &name, unsigned arity, MethodFn fn);
+    // `flags`: wz::MethodFlag_Direct for a method that answers at once and
+    // never waits (see MethodDef::direct).
+    void method(const std::string &name, unsigned arity, MethodFn fn,
+                wz::MethodFlag flags = wz::MethodFlag_None);
     // Arity and argument conversions from the callable's own signature; a
     // value of the wrong shape fails the call with the framework's TypeError.
     template<typename F>
-    void method(const std::string &name, F typedCallable)
+    void method(const std::string &name, F typedCallable,
+                wz::MethodFlag flags = wz::MethodFlag_None)
     {
         using Traits = wz::detail::CallableTraits<F>;
-        method(name, Traits::arity, [f = std::move(typedCallable)](const Args &args) mutable {
-            return wz::detail::invokeAny(f, args);
-        });
+        method(
+            name, Traits::arity,
+            [f = std::move(typedCallable)](const Args &args) mutable {
+                return wz::detail::invokeAny(f, args);
+            },
+            flags);
     }
     void signal(const std::string &name, unsigned arity);
     void property(const std::string &name, wz::AnyValue initial);

@@ -22,6 +22,17 @@
 
 namespace wz {
 
+// How a served method is run when a peer calls it.
+enum MethodFlag {
+    MethodFlag_None = 0,
+    // The method returns at once and never waits: no remote call, no sleep,
+    // no lock held for long. It then runs on the I/O thread that read the
+    // call, which spares every call a hand-over to a framework thread (one
+    // thread fewer must wake). While it runs no other message of the process
+    // is read, so a wait inside it fails at once instead of stalling them all.
+    MethodFlag_Direct = 1,
+};
+
 struct MetaMethod
 {
     unsigned uid = 0;
@@ -193,6 +204,9 @@ public:
     virtual Future<AnyValue> property(const std::string &name) = 0;
     virtual Future<void> setProperty(const std::string &name, AnyValue value) = 0;
     virtual bool isRemote() const = 0;
+    // Whether a peer's call of this method may run on the I/O thread that
+    // read it (MethodFlag_Direct). Only local objects' methods can be.
+    virtual bool isDirect(const std::string &method, size_t arity) const;
     // Local objects only: runs the signal's subscribers (remote ones get an
     // emit message). Throws std::runtime_error on a remote object or an
     // unknown signal, TypeError when the values do not fit.

@@ -31,11 +31,15 @@ struct WZ_API TypeDescription
     using Invoke = std::function<AnyValue(void *self, const std::vector<AnyValue> &args)>;
     using SignalGetter = std::function<SignalBase *(void *self)>;
 
+    // Asked as each call arrives; empty: never direct (see MethodFlag_Direct).
+    using DirectWhen = std::function<bool()>;
+
     struct Method
     {
         std::string name;
         unsigned arity = 0;
         Invoke invoke;
+        DirectWhen direct;
     };
     struct SignalEntry
     {
@@ -57,7 +61,9 @@ struct WZ_API TypeDescription
     std::vector<SignalEntry> signals;
     std::vector<PropertyEntry> properties;
 
-    unsigned addMethod(const std::string &name, unsigned arity, Invoke invoke);
+    unsigned addMethod(const std::string &name, unsigned arity, Invoke invoke,
+                       MethodFlag flags = MethodFlag_None);
+    unsigned addMethod(const std::string &name, unsigned arity, Invoke invoke, DirectWhen direct);
     unsigned addSignal(const std::string &name, unsigned arity, SignalGetter get);
     unsigned addProperty(PropertyEntry entry);
 };
@@ -102,7 +108,7 @@ public:
     // The arity comes from the member function's signature; overloads need a
     // cast to pick one: static_cast<int (C::*)(int)>(&C::f).
     template<typename M>
-    unsigned advertiseMethod(const std::string &name, M C::*fn)
+    unsigned advertiseMethod(const std::string &name, M C::*fn, MethodFlag flags = MethodFlag_None)
     {
         using Traits = detail::CallableTraits<M C::*>;
         using Args = typename Traits::Args;
@@ -118,7 +124,7 @@ public:
                 return toAny(detail::applyMember(c, fn, args, static_cast<Args *>(nullptr), seq));
             }
         };
-        return m_desc->addMethod(name, Traits::arity, invoke);
+        return m_desc->addMethod(name, Traits::arity, invoke, flags);
     }
 
     template<typename... A>
@@ -179,17 +185,25 @@ public:
 
     explicit DynamicObjectBuilder(const std::string &name = "DynamicObject");
 
-    unsigned advertiseMethod(const std::string &name, unsigned arity, Method fn);
+    unsigned advertiseMethod(const std::string &name, unsigned arity, Method fn,
+                             MethodFlag flags = MethodFlag_None);
+    // Direct for the calls that arrive while `directWhen()` says so: for a
+    // method that is quick except in states it can see (it is asked on the
+    // I/O thread, so it must itself be quick and never wait).
+    unsigned advertiseMethod(const std::string &name, unsigned arity, Method fn,
+                             std::function<bool()> directWhen);
     // Arity and conversions from the callable's own signature.
     template<typename F>
-    unsigned advertiseMethod(const std::string &name, F typedCallable)
+    unsigned advertiseMethod(const std::string &name, F typedCallable,
+                             MethodFlag flags = MethodFlag_None)
     {
         using Traits = detail::CallableTraits<F>;
         return advertiseMethod(
             name, Traits::arity,
             [f = std::move(typedCallable)](const std::vector<AnyValue> &args) mutable {
                 return detail::invokeAny(f, args);
-            });
+            },
+            flags);
     }
     unsigned advertiseSignal(const std::string &name, unsigned arity);
     unsigned advertiseProperty(const std::string &name, AnyValue initial);
