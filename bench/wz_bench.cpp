@@ -178,9 +178,12 @@ public:
     void add(Clock::time_point start, Clock::time_point end)
     {
         using wz::detail::trace::StageCount;
-        int64_t stamps[StageCount];
-        if (!wz::detail::trace::take(stamps))
-            return;
+        int64_t stamps[StageCount] = {};
+#ifdef WZ_TRACE
+        wz::detail::trace::take(stamps);
+#else
+        return;
+#endif
         int64_t points[StageCount + 2];
         points[0] = nanos(start);
         for (int i = 0; i < StageCount; ++i)

@@ -15,6 +15,7 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -85,13 +86,22 @@ inline bool listed(wz::Session &session, const std::string &name)
     return false;
 }
 
-inline int threadCount()
+// This process's threads, or only those with the given name ("wz pool").
+inline int threadCount(const std::string &name = std::string())
 {
     int n = 0;
     if (DIR *dir = opendir("/proc/self/task")) {
         while (dirent *e = readdir(dir)) {
-            if (e->d_name[0] != '.')
-                ++n;
+            if (e->d_name[0] == '.')
+                continue;
+            if (!name.empty()) {
+                std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+                std::string line;
+                std::getline(comm, line);
+                if (line != name)
+                    continue;
+            }
+            ++n;
         }
         closedir(dir);
     }

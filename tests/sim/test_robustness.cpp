@@ -5,7 +5,6 @@
 #include <sim/memory_service.h>
 #include <sim/robot.h>
 
-#include <wz/detail/pool.h>
 #include <wz/log.h>
 
 #include <boost/asio/io_context.hpp>
@@ -26,19 +25,6 @@ namespace {
 class SimRobustness : public test::SharedRobotTest
 {
 protected:
-    static void SetUpTestSuite()
-    {
-        // Idle framework threads leave after this: the thread counts of the
-        // churn case settle at once instead of after seconds.
-        s_idleTime = wz::detail::poolIdleTimeout();
-        wz::detail::setPoolIdleTimeout(std::chrono::milliseconds(100));
-        SharedRobotTest::SetUpTestSuite();
-    }
-    static void TearDownTestSuite()
-    {
-        SharedRobotTest::TearDownTestSuite();
-        wz::detail::setPoolIdleTimeout(s_idleTime);
-    }
     void TearDown() override { robot().scenario().reset(); }
 
     static bool serving()
@@ -49,11 +35,7 @@ protected:
         s->close().wait(10000);
         return ok;
     }
-
-    static std::chrono::milliseconds s_idleTime;
 };
-
-std::chrono::milliseconds SimRobustness::s_idleTime {0};
 
 TEST_F(SimRobustness, TwoClientsShareTheRobotAndNamesComeFreeWhenOneLeaves)
 {
@@ -201,7 +183,7 @@ TEST_F(SimRobustness, ManyClientsComeAndGoWithoutGrowth)
     cycle(20);
     ASSERT_TRUE(test::waitUntil([] { return robot().scenario().clients().empty(); }));
     // The pool back at its minimum of two: what the first burst grew is gone.
-    ASSERT_TRUE(test::waitUntil([] { return wz::detail::poolThreadCount() <= 2; }));
+    ASSERT_TRUE(test::waitUntil([] { return threadCount("wz pool") <= 2; }));
     const int threadsBefore = threadCount();
     const long rssBefore = residentKiB();
 

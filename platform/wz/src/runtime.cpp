@@ -1,6 +1,5 @@
 #include "runtime.h"
 
-#include <wz/detail/pool.h>
 #include <wz/future.h>
 #include <wz/log.h>
 
@@ -23,7 +22,18 @@ namespace wz {
 namespace detail {
 
 namespace {
-std::atomic<int64_t> g_idleTimeoutMs {5000};
+// How long a pool thread above the minimum may stay idle before it leaves:
+// 5 s, or WZ_POOL_IDLE_MS (read once; tests shorten it so that thread counts
+// settle at once).
+int64_t idleTimeoutMs()
+{
+    static const int64_t ms = [] {
+        const char *v = std::getenv("WZ_POOL_IDLE_MS");
+        const int64_t parsed = v && *v ? std::atoll(v) : 5000;
+        return std::max<int64_t>(1, parsed);
+    }();
+    return ms;
+}
 
 int64_t nowNs()
 {
@@ -60,21 +70,6 @@ void runGuarded(Task &task)
     }
 }
 } // namespace
-
-void setPoolIdleTimeout(std::chrono::milliseconds timeout)
-{
-    g_idleTimeoutMs = std::max<int64_t>(1, timeout.count());
-}
-
-std::chrono::milliseconds poolIdleTimeout()
-{
-    return std::chrono::milliseconds(g_idleTimeoutMs.load());
-}
-
-int poolThreadCount()
-{
-    return FrameworkPool::instance().threadCount();
-}
 
 // ---- DirectMethodScope ------------------------------------------------------------
 
@@ -330,7 +325,7 @@ void FrameworkPool::run()
         self.waker->drain();
         m_idle.push_back(&self);
         lock.unlock();
-        self.waker->wait(g_idleTimeoutMs.load(std::memory_order_relaxed), Waker::workerSpinUs());
+        self.waker->wait(idleTimeoutMs(), Waker::workerSpinUs());
         lock.lock();
         if (!self.signaled) {
             // Nobody picked this thread: it timed out (or woke spuriously).

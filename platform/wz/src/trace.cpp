@@ -27,15 +27,6 @@ bool take(int64_t (&out)[StageCount])
     return true;
 }
 
-#else
-
-bool take(int64_t (&out)[StageCount])
-{
-    for (int i = 0; i < StageCount; ++i)
-        out[i] = 0;
-    return false;
-}
-
 #endif
 
 } // namespace trace

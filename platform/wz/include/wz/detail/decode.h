@@ -1,10 +1,9 @@
 #pragma once
 
-// Entry points into the wire decoder for fuzzing and codec tests. Not part of
-// the stable API.
+// Entry points into the wire codec for fuzzing, codec tests and benchmarks,
+// in the wz_wire archive they link (the shared library does not export them).
 
 #include <wz/any_value.h>
-#include <wz/api.h>
 
 #include <cstddef>
 #include <string>
@@ -15,17 +14,17 @@ namespace detail {
 // Decodes one whole frame (header and body) as a connection would, with
 // object references resolved to placeholders. Returns "" when the frame is a
 // valid message, otherwise the reason it would be refused.
-WZ_API std::string checkFrame(const char *data, size_t size);
+std::string checkFrame(const char *data, size_t size);
 
 // Decodes one value (MessagePack bytes). Returns "" and sets `out` when
 // valid, otherwise the reason.
-WZ_API std::string checkValue(const char *data, size_t size, AnyValue &out);
+std::string checkValue(const char *data, size_t size, AnyValue &out);
 
 // Encodes a value (no object references) as MessagePack bytes.
-WZ_API std::string encodeValueForTest(const AnyValue &value);
+std::string encodeValueForTest(const AnyValue &value);
 
 // A frame around `body`: the header followed by the body bytes.
-WZ_API std::string frameForTest(const std::string &body);
+std::string frameForTest(const std::string &body);
 
 } // namespace detail
 } // namespace wz

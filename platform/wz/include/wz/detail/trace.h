@@ -1,8 +1,9 @@
 #pragma once
 
 // Timestamps of the stages of one call, for the messaging benchmark. Built in
-// only with the CMake option NIMIOB_WZ_TRACE (it defines WZ_TRACE inside the
-// library); without it every mark is an empty statement and take() says so.
+// only with the CMake option NIMIOB_WZ_TRACE (it defines WZ_TRACE for the
+// library and whatever links it); without it every mark is an empty
+// statement and nothing here is exported.
 // One call at a time: the stamps are process-wide, so concurrent calls
 // overwrite each other's.
 
@@ -27,10 +28,10 @@ enum Stage {
 
 #ifdef WZ_TRACE
 WZ_API void mark(Stage stage);
-#endif
 // The steady-clock nanoseconds of each stage since the last take (0 where
-// not reached), then cleared. False when the library was built without them.
+// not reached), then cleared.
 WZ_API bool take(int64_t (&out)[StageCount]);
+#endif
 
 } // namespace trace
 } // namespace detail
