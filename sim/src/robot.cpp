@@ -15,6 +15,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace sim {
 
@@ -123,6 +124,12 @@ struct Robot::Impl
     std::chrono::milliseconds readyDelay {0};
 };
 
+namespace {
+// Set on the I/O thread when a direct getter was let run there, for the call
+// that follows at once.
+thread_local bool t_servedDirect = false;
+} // namespace
+
 wz::Object Robot::Impl::buildObject(const std::string &name, const Slot &slot)
 {
     wz::DynamicObjectBuilder builder(name);
@@ -157,7 +164,8 @@ wz::Object Robot::Impl::buildObject(const std::string &name, const Slot &slot)
             // those calls go to a framework thread like any other.
             Scenario *scenario = &q.m_scenario;
             builder.advertiseMethod(m.name, m.arity, call, [scenario, name, method] {
-                return !scenario->ruleFor(name, method);
+                t_servedDirect = !scenario->ruleFor(name, method);
+                return t_servedDirect;
             });
         } else {
             builder.advertiseMethod(m.name, m.arity, call);
@@ -175,7 +183,11 @@ wz::Object Robot::Impl::buildObject(const std::string &name, const Slot &slot)
 wz::AnyValue Robot::Impl::invoke(const std::string &service, const std::string &method,
                                  const MethodFn &fn, const Args &args)
 {
-    const std::optional<MethodRule> rule = q.m_scenario.ruleFor(service, method);
+    // A call let onto the I/O thread keeps the rules it arrived under: one
+    // set since must not make it sleep there.
+    const bool direct = std::exchange(t_servedDirect, false);
+    const std::optional<MethodRule> rule
+        = direct ? std::nullopt : q.m_scenario.ruleFor(service, method);
     // A handle taken before the method was removed still sees it gone.
     if (rule && rule->removed)
         throw std::runtime_error(wz::methodNotFoundText(method, args.size(), service));
