@@ -184,6 +184,8 @@ signals:
 
     /// The acquisition could not start or had to stop (\p errorCode says
     /// why); after VideoErrorImageRetrieval acquisitionStopped() follows.
+    /// A poll cut by the connection's loss is not one: the manager tells the
+    /// loss, and acquisitionStopped(false) alone follows.
     void acquisitionError(RK::VideoAcquisitionError errorCode);
     /// A new image: \p newImageBuffer (one of the two buffers given to
     /// startVideo()) holds a finished picture of \p width x \p height
@@ -195,8 +197,8 @@ signals:
                        boost::shared_ptr<VX::VXValue> rawImage);
     /// Polling has stopped and the subscription is given back: \p isok is
     /// true when the robot accepted the unsubscription, false when there was
-    /// nothing to stop or the robot refused it (the subscription may then
-    /// stay on the robot).
+    /// nothing to stop, the robot refused it (the subscription may then
+    /// stay on the robot) or the connection was lost.
     void acquisitionStopped(bool isok);
 };
 

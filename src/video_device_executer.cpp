@@ -260,6 +260,16 @@ void VideoDeviceExecuter::requestNewImage()
         m_sent.push_back(m_latestImage);
         emit imageReceived(m_currentBuffer, width, height, m_latestImage);
     } catch (const std::exception &e) {
+        if (classifyFailure(connection.get(), e) == ErrorCode::ConnectionLost) {
+            // The link went with the poll: the connection tells its loss, and
+            // the subscription ends with the robot's session. Polling stops.
+            wz::log::LogStream(wz::LogLevel_Info, k_category, __FUNCTION__)
+                << "The camera stops with the connection: " << e.what();
+            m_timer->stop();
+            m_subscribed = false;
+            stopped(false);
+            return;
+        }
         logError(__FUNCTION__) << "Cannot retrieve images from VXVideoDevice: " << e.what();
         fail(VideoErrorImageRetrieval);
         stopAcquisition();

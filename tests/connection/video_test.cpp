@@ -276,6 +276,23 @@ TEST_F(VideoTest, BadImagesStopTheAcquisition)
     EXPECT_EQ(errors[0], RK::VideoErrorImageRetrieval);
 }
 
+TEST_F(VideoTest, APollCutByTheLinkIsNoCameraError)
+{
+    // The poll is on the robot when the link goes: its failure is the link's,
+    // which the connection tells, not the camera's.
+    robot().scenario().holdMethod("VXVideoDevice", "getImageRemote");
+    video->startVideo(20, 0, one, two);
+    ASSERT_TRUE(
+        robot().scenario().waitForCalls("VXVideoDevice", "getImageRemote", 1, test::patience()));
+    robot().scenario().dropClients();
+    ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionLost")));
+    // Once the workers are gone, whatever the executer emitted is queued here.
+    ASSERT_TRUE(test::waitUntil([this] { return recorder->workerCount() == 0; }));
+    ASSERT_TRUE(test::barrier(&context));
+    EXPECT_TRUE(errors.empty()) << "acquisitionError(" << errors.front() << ")";
+    robot().scenario().restoreMethod("VXVideoDevice", "getImageRemote");
+}
+
 TEST_F(VideoTest, DisconnectionDuringAcquisition)
 {
     video->startVideo(10, 2, one, two);
