@@ -1,5 +1,7 @@
 // The log listener: a server object fed by this process's log sink, and the
 // client proxy over it, in process and across two sessions over TCP.
+#include "wait_until.h"
+
 #include <vx/vxproxy.h>
 
 #include <wz/log.h>
@@ -40,7 +42,7 @@ struct Inbox
     std::vector<std::string> until(const std::string &marker)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        arrived.wait_for(lock, std::chrono::seconds(10), [&] {
+        arrived.wait_for(lock, test::patience(), [&] {
             for (const auto &m : messages) {
                 if (m.message == marker)
                     return true;
@@ -116,8 +118,8 @@ TEST_P(LogListenerTest, DeliversRecordsWithTheirFields)
     // until() cleared the list; the fields are checked on a fresh message.
     say(wz::LogLevel_Error, "with fields", "test.fields");
     std::unique_lock<std::mutex> lock(inbox.mutex);
-    ASSERT_TRUE(inbox.arrived.wait_for(lock, std::chrono::seconds(10),
-                                       [&] { return !inbox.messages.empty(); }));
+    ASSERT_TRUE(
+        inbox.arrived.wait_for(lock, test::patience(), [&] { return !inbox.messages.empty(); }));
     const wz::LogMessage m = inbox.messages.front();
     EXPECT_EQ(m.message, "with fields");
     EXPECT_EQ(m.category, "test.fields");

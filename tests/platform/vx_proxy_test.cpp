@@ -1,5 +1,7 @@
 // VXProxy and the typed proxies against objects built with the framework's
 // DynamicObjectBuilder, both in process and across two sessions over TCP.
+#include "wait_until.h"
+
 #include <vx/vxproxies.h>
 #include <vx/vxproxy.h>
 
@@ -44,7 +46,7 @@ struct Recorder
     bool waitForPosts(std::size_t n)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(10), [&] { return posts.size() >= n; });
+        return changed.wait_for(lock, test::patience(), [&] { return posts.size() >= n; });
     }
 };
 
@@ -379,8 +381,8 @@ TEST(VXProxyOverTcp, ALostConnectionFailsCallsInFlightAndLater)
         std::launch::async, [&] { return errorOf([&] { proxy.call<void>("slow"); }); });
     {
         std::unique_lock<std::mutex> lock(rec->mutex);
-        ASSERT_TRUE(rec->changed.wait_for(lock, std::chrono::seconds(10),
-                                          [&] { return rec->slowStarted > 0; }));
+        ASSERT_TRUE(
+            rec->changed.wait_for(lock, test::patience(), [&] { return rec->slowStarted > 0; }));
     }
     server->close().wait(10000);
 

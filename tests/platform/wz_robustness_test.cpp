@@ -58,7 +58,7 @@ TEST_F(WzRobustness, PeerDroppedMidCallFailsEveryPendingCallAtOnce)
     for (int i = 0; i < 5; ++i)
         calls.push_back(svc.async<int>("hold"));
     ASSERT_TRUE(test::waitUntil([&] { return started == 5; }));
-    directory->closeClient(lastClientId(1));
+    directory->closeClient(onlyClientId());
 
     for (auto &f : calls) {
         // Well before the blocked methods could return.
@@ -66,7 +66,7 @@ TEST_F(WzRobustness, PeerDroppedMidCallFailsEveryPendingCallAtOnce)
         EXPECT_EQ(f.error(), "disconnected: connection reset by peer");
     }
     auto rf = reason.get_future();
-    ASSERT_EQ(rf.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_EQ(rf.wait_for(test::patience()), std::future_status::ready);
     EXPECT_EQ(rf.get(), "disconnected: connection reset by peer");
     EXPECT_EQ(errorOf([&] { svc.call<std::string>("ping"); }),
               "disconnected: connection reset by peer");
@@ -87,6 +87,7 @@ TEST_F(WzRobustness, ClosingTheSessionFailsItsOwnCallsInFlight)
 TEST_F(WzRobustness, StalledPeerIsFoundByTheHeartbeat)
 {
     directory->registerService("Blocking", blockingService(gate, started)).value();
+    const std::vector<std::string> before = directory->clients();
     auto watched = boost::make_shared<wz::Session>();
     watched->setHeartbeat(std::chrono::milliseconds(50), std::chrono::milliseconds(400));
     ASSERT_FALSE(watched->connect(directory->endpoints()[0]).hasError());
@@ -95,10 +96,10 @@ TEST_F(WzRobustness, StalledPeerIsFoundByTheHeartbeat)
     std::promise<std::string> reason;
     watched->disconnected.connect([&](std::string r) { reason.set_value(r); });
 
-    directory->stallClient(lastClientId(2), true);
+    directory->stallClient(newClientId(before), true);
     wz::Future<std::string> pending = svc.async<std::string>("ping");
     auto rf = reason.get_future();
-    ASSERT_EQ(rf.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    ASSERT_EQ(rf.wait_for(test::patience()), std::future_status::ready);
     EXPECT_EQ(rf.get().rfind("disconnected: no heartbeat", 0), 0u);
     ASSERT_EQ(pending.wait(1000), wz::FutureState_FinishedWithError);
     EXPECT_EQ(pending.error().rfind("disconnected", 0), 0u);
@@ -114,7 +115,7 @@ TEST_F(WzRobustness, WritesToAStalledPeerNeverBlockAndAreCapped)
     b.advertiseMethod("onEvent", [&](wz::Buffer) { ++received; });
     client->registerService("Desktop", b.object()).value();
     wz::Object desktop = directory->service("Desktop").value();
-    const std::string id = lastClientId(1);
+    const std::string id = onlyClientId();
     std::promise<std::string> reason;
     client->disconnected.connect([&](std::string r) { reason.set_value(r); });
 
@@ -140,7 +141,7 @@ TEST_F(WzRobustness, WritesToAStalledPeerNeverBlockAndAreCapped)
     EXPECT_TRUE(test::waitUntil([&] { return directory->clients().empty(); }));
     EXPECT_TRUE(directory->service("Desktop").hasError());
     auto rf = reason.get_future();
-    ASSERT_EQ(rf.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_EQ(rf.wait_for(test::patience()), std::future_status::ready);
     EXPECT_EQ(rf.get().rfind("disconnected", 0), 0u);
 }
 
@@ -195,26 +196,28 @@ TEST_F(WzRobustness, MalformedFramesCloseOnlyTheOffendingConnection)
     EXPECT_TRUE(client->isConnected());
 
     // The same holds the other way: garbage from the directory closes the client's link only.
+    const std::vector<std::string> before = directory->clients();
     auto victim = connectClient();
     std::promise<std::string> reason;
     victim->disconnected.connect([&](std::string r) { reason.set_value(r); });
-    directory->sendRaw(lastClientId(2), frameForTest(std::string("\x92\x63\x00", 3)));
+    directory->sendRaw(newClientId(before), frameForTest(std::string("\x92\x63\x00", 3)));
     auto rf = reason.get_future();
-    ASSERT_EQ(rf.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_EQ(rf.wait_for(test::patience()), std::future_status::ready);
     EXPECT_EQ(rf.get(), "disconnected: protocol error: unknown message kind 99");
     EXPECT_EQ(svc.call<std::string>("ping"), "pong");
 }
 
 TEST_F(WzRobustness, SessionDestroyedFromItsOwnCallbackDoesNotDeadlock)
 {
+    const std::vector<std::string> before = directory->clients();
     auto doomed = connectClient();
     std::promise<void> done;
     doomed->disconnected.connect([&](std::string) {
         doomed.reset(); // the last reference, on a framework thread, inside the signal
         done.set_value();
     });
-    directory->closeClient(lastClientId(2));
-    ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    directory->closeClient(newClientId(before));
+    ASSERT_EQ(done.get_future().wait_for(test::patience()), std::future_status::ready);
     EXPECT_FALSE(doomed);
 
     // close() from inside an incoming call on the directory's framework thread.

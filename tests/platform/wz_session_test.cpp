@@ -418,7 +418,7 @@ TEST_F(WzSession, SessionSignalsReportPeers)
     second->disconnected.connect([&](std::string r) { reason.set_value(r); });
     second->close();
     auto rf = reason.get_future();
-    ASSERT_EQ(rf.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_EQ(rf.wait_for(test::patience()), std::future_status::ready);
     EXPECT_EQ(rf.get().rfind("disconnected", 0), 0u);
     EXPECT_FALSE(second->isConnected());
     ASSERT_TRUE(test::waitUntil([&] {

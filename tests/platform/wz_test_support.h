@@ -10,6 +10,7 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -36,6 +37,9 @@ protected:
         ASSERT_EQ(directory->endpoints().size(), 1u);
         ASSERT_NE(directory->endpoints()[0].port(), 0);
         client = connectClient();
+        // The directory lists a client a little after the client's connect
+        // ends: a case that looks for a newcomer must not take this one.
+        ASSERT_TRUE(test::waitUntil([this] { return !directory->clients().empty(); }));
     }
 
     void TearDown() override
@@ -53,12 +57,29 @@ protected:
         return s;
     }
 
-    // The id the directory gives the most recent client.
-    std::string lastClientId(size_t expected)
+    // The id of the fixture's own client, the only one when a case starts.
+    std::string onlyClientId()
     {
-        test::waitUntil([&] { return directory->clients().size() >= expected; });
+        test::waitUntil([&] { return !directory->clients().empty(); });
         auto ids = directory->clients();
-        return ids.empty() ? std::string() : ids.back();
+        return ids.empty() ? std::string() : ids.front();
+    }
+
+    // The id of a client that was not among `before`: the directory lists its
+    // clients in the order of their ids, not of their arrival.
+    std::string newClientId(const std::vector<std::string> &before)
+    {
+        std::string found;
+        test::waitUntil([&] {
+            for (const std::string &id : directory->clients()) {
+                if (std::find(before.begin(), before.end(), id) == before.end()) {
+                    found = id;
+                    return true;
+                }
+            }
+            return false;
+        });
+        return found;
     }
 
     boost::shared_ptr<wz::Session> directory;
