@@ -35,7 +35,13 @@ int objectCommand(Console &console, const QStringList &arguments)
     if (outcome != Outcome::Done)
         return waiter.fail(outcome, QStringLiteral("the object"));
     if (relative.first.isEmpty() && category.isEmpty()) {
-        console.err() << "error: the robot knows no object \"" << name << "\"" << Qt::endl;
+        // The robot's reason comes by the executer's error signal, which may
+        // follow the empty answers: let it arrive, and tell it.
+        const Outcome drained = waiter.drain(world->executerObject(), world.get(), answerMs);
+        if (drained != Outcome::Done && drained != Outcome::Failed)
+            return waiter.fail(drained, QStringLiteral("the object"));
+        if (!waiter.printFailures())
+            console.err() << "error: the robot knows no object \"" << name << "\"" << Qt::endl;
         return ExitCommandFailed;
     }
     const auto absolute = ask(world->objectAbsolutePosition(name));
