@@ -496,10 +496,10 @@ DynamicObjectBuilder::DynamicObjectBuilder(const std::string &name)
 unsigned DynamicObjectBuilder::advertiseMethod(const std::string &name, unsigned arity, Method fn,
                                                MethodFlag flags)
 {
-    auto shared = std::make_shared<Method>(std::move(fn));
-    return m_desc->addMethod(
-        name, arity,
-        [shared](void *, const std::vector<AnyValue> &args) { return (*shared)(args); }, flags);
+    std::function<bool()> direct;
+    if (flags & MethodFlag_Direct)
+        direct = [] { return true; };
+    return advertiseMethod(name, arity, std::move(fn), std::move(direct));
 }
 
 unsigned DynamicObjectBuilder::advertiseMethod(const std::string &name, unsigned arity, Method fn,
