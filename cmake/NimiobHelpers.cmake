@@ -9,16 +9,57 @@ function(nimiob_optional_subdirectory dir)
   endif()
 endfunction()
 
+# nimiob_test_precompiled(out): the precompiled header of gtest, Qt and Boost
+# that the test programs of the calling directory share. One a directory: Qt's
+# test module defines the directory of each program, and a precompiled header
+# serves only programs compiled with the same definitions.
+function(nimiob_test_precompiled out)
+  file(RELATIVE_PATH dir ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+  string(MAKE_C_IDENTIFIER "${dir}" id)
+  set(pch nimiob_pch_${id})
+  if(NOT TARGET ${pch})
+    add_library(${pch} OBJECT ${PROJECT_SOURCE_DIR}/tests/support/precompiled.cpp)
+    target_link_libraries(${pch} PRIVATE nimiob_test_main)
+    set_target_properties(${pch} PROPERTIES AUTOMOC OFF)
+    nimiob_warnings(${pch})
+    nimiob_test_flags(${pch})
+    nimiob_precompile(${pch} STD QT BOOST)
+    target_precompile_headers(${pch} PRIVATE
+      <gtest/gtest.h> <QDeadlineTimer> <QDir> <QElapsedTimer> <QEventLoop> <QFile> <QSignalSpy>
+      <QTemporaryDir>)
+  endif()
+  set(${out} ${pch} PARENT_SCOPE)
+endfunction()
+
 # nimiob_add_test(NAME name SOURCES a.cpp... LIBS libs... LABELS unit|integration...
-#                 [TIMEOUT seconds])
+#                 [TIMEOUT seconds] [OPTIMIZED])
 # One GoogleTest executable, registered with CTest as one test so that a
 # suite can share one simulated robot among its cases.
 function(nimiob_add_test)
-  cmake_parse_arguments(T "" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(T "OPTIMIZED" "NAME;TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
   add_executable(${T_NAME} ${T_SOURCES})
-  target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock nimiob_test_main)
+  target_link_libraries(${T_NAME} PRIVATE ${T_LIBS} nimiob_test_main)
   nimiob_warnings(${T_NAME})
-  nimiob_test_flags(${T_NAME})
+  # OPTIMIZED: a test whose own loops are its running time keeps the build
+  # type's flags, and so parses its headers itself.
+  if(NOT T_OPTIMIZED)
+    nimiob_test_flags(${T_NAME})
+    nimiob_test_precompiled(pch)
+    target_precompile_headers(${T_NAME} REUSE_FROM ${pch})
+  endif()
+  # moc runs only over programs that declare a QObject of their own: for the
+  # others it would scan every header they include, for nothing.
+  set(automoc OFF)
+  foreach(source IN LISTS T_SOURCES)
+    if(NOT IS_ABSOLUTE ${source})
+      set(source ${CMAKE_CURRENT_SOURCE_DIR}/${source})
+    endif()
+    file(STRINGS ${source} qobject REGEX "Q_OBJECT|Q_GADGET")
+    if(qobject)
+      set(automoc ON)
+    endif()
+  endforeach()
+  set_target_properties(${T_NAME} PROPERTIES AUTOMOC ${automoc})
   add_test(NAME ${T_NAME} COMMAND ${T_NAME})
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 300)

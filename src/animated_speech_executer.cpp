@@ -1,6 +1,7 @@
 #include "animated_speech_executer_p.h"
 #include "executer_call_p.h"
 #include "service_table_p.h"
+#include "text_p.h"
 
 #include "connection_p.h"
 #include <connection/platform.h>
@@ -20,10 +21,6 @@ namespace {
 const QString a_animatedSpeech = QStringLiteral("VXAnimatedSpeech");
 const QString a_textToSpeech = QString::fromLatin1(serviceName(ServiceId::TextToSpeech));
 
-std::string utf8(const QString &text)
-{
-    return text.toUtf8().toStdString();
-}
 } // namespace
 
 AnimatedSpeechExecuter::AnimatedSpeechExecuter(boost::shared_ptr<Connection> connection)

@@ -2,6 +2,7 @@
 #include "executer_call_p.h"
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
+#include "text_p.h"
 
 #include "connection_p.h"
 #include <connection/sartel_module.h>
@@ -16,17 +17,7 @@ namespace RK {
 namespace {
 
 const char *const k_category = "con.behvrMngrE";
-const char *const k_userPrefix = "User/";
-
-std::string utf8(const QString &text)
-{
-    return text.toUtf8().toStdString();
-}
-
-QString fromUtf8(const std::string &text)
-{
-    return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
-}
+const char *const k_userPrefixUtf8 = "User/";
 
 QStringList toList(const std::vector<std::string> &names)
 {
@@ -80,7 +71,7 @@ QStringList BehaviorManagerExecuter::withoutUserPrefix(const std::vector<std::st
 {
     QStringList out;
     for (const std::string &n : names)
-        out << fromUtf8(n.rfind(k_userPrefix, 0) == 0 ? n.substr(5) : n);
+        out << fromUtf8(n.rfind(k_userPrefixUtf8, 0) == 0 ? n.substr(5) : n);
     return out;
 }
 

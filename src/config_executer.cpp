@@ -1,5 +1,6 @@
 #include "config_executer_p.h"
 #include "executer_call_p.h"
+#include "text_p.h"
 
 #include "connection_p.h"
 #include <connection/platform.h>
@@ -8,12 +9,7 @@
 
 namespace RK {
 
-namespace {
-QString fromUtf8(const std::string &text)
-{
-    return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
-}
-} // namespace
+namespace { } // namespace
 
 ConfigExecuter::ConfigExecuter(boost::shared_ptr<Connection> connection)
     : QObject(nullptr), m_connection(connection)

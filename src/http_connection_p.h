@@ -35,6 +35,8 @@ struct HttpResponse
     // The body, when no sink took it (always for a status outside 2xx).
     QByteArray body;
     bool ok() const { return code >= 200 && code <= 299; }
+    // "404 Not Found", for messages.
+    QString status() const { return QStringLiteral("%1 %2").arg(code).arg(text).trimmed(); }
 };
 
 // The client side of the robot's HTTP file dialect over one keep-alive

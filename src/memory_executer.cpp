@@ -2,6 +2,7 @@
 #include "executer_call_p.h"
 #include "memory_executer_p.h"
 #include "sartel_almodule_p.h"
+#include "text_p.h"
 #include <connection/platform.h>
 #include <connection/value_conversion.h>
 
@@ -23,11 +24,6 @@ namespace {
 
 const char *const k_category = "desktop.memory";
 
-std::string utf8(const QString &text)
-{
-    return text.toUtf8().toStdString();
-}
-
 std::vector<std::string> utf8List(const QStringList &texts)
 {
     std::vector<std::string> out;
@@ -35,11 +31,6 @@ std::vector<std::string> utf8List(const QStringList &texts)
     for (const QString &text : texts)
         out.push_back(utf8(text));
     return out;
-}
-
-QString fromUtf8(const std::string &text)
-{
-    return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
 }
 
 QStringList fromUtf8List(const std::vector<std::string> &texts)

@@ -18,11 +18,6 @@ namespace {
 
 const char *const k_category = "con.projectSync";
 
-QString statusOf(const HttpResponse &response)
-{
-    return QStringLiteral("%1 %2").arg(response.code).arg(response.text).trimmed();
-}
-
 } // namespace
 
 PullThread::PullThread(const std::string &host, int port, const QString &path,
@@ -142,7 +137,7 @@ QString PullThread::fetch(const QString &root, const QString &f, int index)
         const QString body = QString::fromUtf8(response.body.left(1024)).trimmed();
         return tr("Could not retrieve file %1: %2")
             .arg(f,
-                 tr("the robot answered %1").arg(statusOf(response))
+                 tr("the robot answered %1").arg(response.status())
                      + (body.isEmpty() ? QString() : QLatin1Char('\n') + body));
     }
     if (std::rename((local + partial).toLocal8Bit().constData(),

@@ -26,11 +26,6 @@ QString directoryTarget(const QString &path)
     return target;
 }
 
-QString statusOf(const HttpResponse &response)
-{
-    return QStringLiteral("%1 %2").arg(response.code).arg(response.text).trimmed();
-}
-
 } // namespace
 
 PushThread::PushThread(const std::string &host, int port, const PushTask &task, QObject *parent)
@@ -80,7 +75,7 @@ void PushThread::onConnected()
             // leave stale files under the new project.
             if (!response.ok() && response.code != 404) {
                 fail(tr("Could not DELETE remote project %1: the robot answered %2")
-                         .arg(target, statusOf(response)));
+                         .arg(target, response.status()));
                 return;
             }
         }
@@ -131,7 +126,7 @@ void PushThread::onConnected()
             }
             if (!response.ok()) {
                 fail(tr("Could not send metadata file:\n%1")
-                         .arg(tr("the robot answered %1").arg(statusOf(response))));
+                         .arg(tr("the robot answered %1").arg(response.status())));
                 return;
             }
         }
@@ -193,7 +188,7 @@ QString PushThread::sendFile(quint64 &sent, const PushTask &task, const QString 
         return QString();
     const QString body = QString::fromUtf8(response.body).trimmed();
     // The server's own words when it gave some, else its status.
-    return tr("Could not PUT file %1:\n%2").arg(file, body.isEmpty() ? statusOf(response) : body);
+    return tr("Could not PUT file %1:\n%2").arg(file, body.isEmpty() ? response.status() : body);
 }
 
 } // namespace RK

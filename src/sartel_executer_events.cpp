@@ -5,6 +5,7 @@
 #include "sartel_almodule_p.h"
 #include "sartel_executer_p.h"
 #include "sartel_executer_parts_p.h"
+#include "text_p.h"
 #include <connection/platform.h>
 #include <connection/sartel_module.h>
 
@@ -18,11 +19,6 @@ namespace {
 const char *const k_category = "con.srtE";
 // A recognised word counts only above this confidence.
 const double a_minimumWordConfidence = 0.3;
-
-QString fromUtf8(const std::string &text)
-{
-    return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
-}
 
 } // namespace
 

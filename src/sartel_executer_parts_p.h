@@ -2,17 +2,10 @@
 
 // Shared by the source files of VXSartelExecuter only.
 
-#include <QString>
-
-#include <string>
+#include "text_p.h"
 
 namespace RK {
 
 inline constexpr const char *a_keyRemovedName = "VXMemory/KeyRemoved";
-
-inline std::string utf8(const QString &text)
-{
-    return text.toUtf8().toStdString();
-}
 
 } // namespace RK

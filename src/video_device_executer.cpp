@@ -1,4 +1,5 @@
 #include "executer_call_p.h"
+#include "text_p.h"
 #include "video_device_executer_p.h"
 #include "yuv_to_bgra_p.h"
 
@@ -25,11 +26,6 @@ const char *const k_category = "con.videoE";
 wz::log::LogStream logError(const char *function)
 {
     return wz::log::LogStream(wz::LogLevel_Error, k_category, function);
-}
-
-std::string utf8(const QString &text)
-{
-    return text.toUtf8().toStdString();
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include "executer_call_p.h"
+#include "text_p.h"
 #include "world_representation_executer_p.h"
 
 #include "connection_p.h"
@@ -16,16 +17,6 @@ namespace RK {
 namespace {
 
 const char *const k_category = "desktop.worldrep";
-
-std::string utf8(const QString &text)
-{
-    return text.toUtf8().toStdString();
-}
-
-QString fromUtf8(const std::string &text)
-{
-    return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
-}
 
 wz::log::LogStream error(const char *function)
 {

@@ -1,6 +1,7 @@
 #include <connection/world_representation_interface.h>
 
 #include "connection_p.h"
+#include "text_p.h"
 #include <connection/sartel_module.h>
 
 #include "morvane_interface_p.h"
@@ -18,10 +19,6 @@ namespace RK {
 namespace {
 const char *const k_category = "desktop.worldrep";
 
-QString fromUtf8(const std::string &text)
-{
-    return QString::fromUtf8(text.data(), static_cast<int>(text.size()));
-}
 } // namespace
 
 const QString WorldRepresentationInterface::a_worldRepDisplayRequiredKey

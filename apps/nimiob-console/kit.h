@@ -44,7 +44,6 @@ public:
 
 private:
     void (*m_previous)(int) = nullptr;
-    bool m_wasRequested = false;
 };
 
 // "3" and "3s" are seconds, "1.5" too; "250ms" milliseconds, "2m" minutes.

@@ -18,7 +18,7 @@ namespace {
 const char *const kCategory = "sim.memory";
 // Looking up a module in the robot's own directory is local; the bound only
 // keeps a broken directory from hanging a caller.
-const int kLookupTimeoutMs = 10000;
+const int kSubscriberLookupTimeoutMs = 10000;
 
 std::string typeName(const wz::AnyValue &v)
 {
@@ -405,7 +405,7 @@ void MemoryService::subscribe(const std::string &name, const std::string &module
         wz::Session *session = &robot().session();
         m_subscribers.emplace(module,
                               std::make_shared<Subscriber>(module, [session](const std::string &m) {
-                                  return session->service(m).value(kLookupTimeoutMs);
+                                  return session->service(m).value(kSubscriberLookupTimeoutMs);
                               }));
     }
     m_subscriptions[name][module] = Subscription {message, method, client};

@@ -15,7 +15,7 @@ namespace sim {
 namespace {
 const char *const kCategory = "sim.recorder";
 // Looking up the desktop's module in the robot's own directory is local.
-const int kLookupTimeoutMs = 5000;
+const int kDesktopLookupTimeoutMs = 5000;
 } // namespace
 
 MotionRecorderService::MotionRecorderService() : Service(kName) { }
@@ -271,7 +271,8 @@ void MotionRecorderService::callDesktop(const std::string &method, const Args &a
 {
     // Posted, so that a slow desktop never holds the recording up.
     try {
-        wz::Object desktop = robot().session().service(kDesktopModule).value(kLookupTimeoutMs);
+        wz::Object desktop
+            = robot().session().service(kDesktopModule).value(kDesktopLookupTimeoutMs);
         desktop->metaPost(method, args);
     } catch (const std::exception &e) {
         wz::log::LogStream(wz::LogLevel_Warning, kCategory, __FUNCTION__)

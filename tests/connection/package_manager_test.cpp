@@ -125,9 +125,8 @@ TEST_P(PackageManagerTest, InstallListIconAndRemove)
 
 TEST_P(PackageManagerTest, InstallFailuresCloseTheSession)
 {
-    const auto opened = [this] {
-        return robot().scenario().callCount("PackageManager", "_openFileTransferSession");
-    };
+    const auto opened
+        = [] { return robot().scenario().callCount("PackageManager", "_openFileTransferSession"); };
     const uint64_t before = opened();
     EXPECT_EQ(installFromRemote(dir.filePath("missing.pkg")),
               "An error occurred during application's installation: Source file "

@@ -128,9 +128,8 @@ TEST_F(DeviceCommands, StreamsOfTheMemoryAndTheLog)
     // Raised again and again from when the console follows it: the
     // subscription reaches the robot a little after the console says so.
     QTimer pings;
-    QObject::connect(&pings, &QTimer::timeout, [this] {
-        robot().scenario().raiseMicroEvent("Console/Ping", wz::AnyValue(7));
-    });
+    QObject::connect(&pings, &QTimer::timeout,
+                     [] { robot().scenario().raiseMicroEvent("Console/Ping", wz::AnyValue(7)); });
     const auto raise = [&pings] { pings.start(50); };
     check({
         {Words {"watch", "MorvaneReady", "--gather", "100", "--for", "0.6"}, Situation::Success,

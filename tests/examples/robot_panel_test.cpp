@@ -248,7 +248,7 @@ TEST_F(RobotPanelTest, ScriptedSession)
     ASSERT_TRUE(waitFor([this] { return !panel->isVisible(); }));
     EXPECT_TRUE(panel->isShutDown());
     EXPECT_FALSE(panel->manager().hasActiveWorkers());
-    EXPECT_TRUE(waitFor([this] { return robot().scenario().clients().empty(); }));
+    EXPECT_TRUE(waitFor([] { return robot().scenario().clients().empty(); }));
 }
 
 TEST_F(RobotPanelTest, RefusedReconnectionsAreOneError)

@@ -53,8 +53,11 @@ endforeach()
 set(moved ${WORK_DIR}/moved)
 file(RENAME ${prefix} ${moved})
 
-run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -G ${GENERATOR}
-    -DCMAKE_PREFIX_PATH=${moved} -DCMAKE_BUILD_TYPE=Release)
+# The build's own compiler, without optimisation: what is tested is that the
+# package is found and its headers and libraries work, not the code made.
+set(consumer_args -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${moved} -DCMAKE_CXX_COMPILER=${CXX}
+    -DCMAKE_BUILD_TYPE=)
+run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build ${consumer_args})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 run(${WORK_DIR}/build/consumer)
 file(REAL_PATH ${moved} moved_real)
@@ -66,7 +69,7 @@ message(STATUS "consumer output:\n${LAST_OUTPUT}")
 # The example application, as installed with the documentation, built against
 # the moved package alone, and started far enough to print its usage.
 run(${CMAKE_COMMAND} -S ${moved}/share/doc/nimiob/examples/robot-panel -B ${WORK_DIR}/example
-    -G ${GENERATOR} -DCMAKE_PREFIX_PATH=${moved} -DCMAKE_BUILD_TYPE=Release)
+    ${consumer_args})
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/example)
 run(${CMAKE_COMMAND} -E env QT_QPA_PLATFORM=offscreen ${WORK_DIR}/example/robot-panel --help)
 if(NOT LAST_OUTPUT MATCHES "--robot <HOST\\[:PORT\\]>")
