@@ -136,7 +136,10 @@ cmd_asan() {
 cmd_tsan() {
   cmd_deps
   build_dir "$ROOT/build-tsan" -DNIMIOB_SANITIZE=thread -DNIMIOB_BUILD_BENCH=OFF -DCMAKE_BUILD_TYPE=RelWithDebInfo
-  TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$ROOT/scripts/tsan.supp" \
+  # The largest history: a thread that handled a burst still has the stack of
+  # its earlier accesses, so a report names both sides and the suppressions
+  # can match the Qt side of a hand-over.
+  TSAN_OPTIONS="halt_on_error=1 history_size=7 second_deadlock_stack=1 suppressions=$ROOT/scripts/tsan.supp" \
     run_ctest "$ROOT/build-tsan" "$@"
 }
 
