@@ -299,10 +299,12 @@ TEST_F(BehaviorManagerTest, ARefusedStartEndsInStoppedWithTheRobotsText)
 TEST_F(BehaviorManagerTest, AStopBeforeRunningEndsInStopped)
 {
     connect();
-    BehaviorInstanceManager instance(manager(), "plain", QString(), true);
-    StateLog log(&instance);
+    // Listening before the instance exists: the list it asks for as it is
+    // made can come back before its constructor returns.
     QSignalSpy lists(manager()->behaviorManagerInterface().get(),
                      &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
+    BehaviorInstanceManager instance(manager(), "plain", QString(), true);
+    StateLog log(&instance);
     // The list the new instance asks for, before anything else happens.
     ASSERT_TRUE(test::waitUntil([&] { return lists.count() >= 1; }));
     instance.preloadBehavior();
