@@ -334,9 +334,12 @@ void BehaviorInstanceManager::onBehaviorStarted()
         return;
     }
     // Running comes with the robot's list; a stop asked for while the start
-    // was on its way goes now, after it.
+    // was on its way goes now, after it. The behaviour has run, so the
+    // robot raises a list when it ends, and that list, not the stop's
+    // answer, ends Stopping: events may trail the replies, and the list the
+    // start raised would otherwise come after Stopped and say Running.
     if (stopWanted && m_state == Stopping) {
-        requestStop(true);
+        requestStop(false);
         return;
     }
     // The list the start raised may have come before this connection's

@@ -92,6 +92,16 @@ public:
         m_cond.notify_one();
     }
 
+    // Held events wait in the queue, in order, until released.
+    void setHeld(bool held)
+    {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_held = held;
+        }
+        m_cond.notify_one();
+    }
+
     void stop()
     {
         {
@@ -148,7 +158,7 @@ private:
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         for (;;) {
-            m_cond.wait(lock, [this]() { return m_stopping || !m_queue.empty(); });
+            m_cond.wait(lock, [this]() { return m_stopping || (!m_held && !m_queue.empty()); });
             if (m_stopping)
                 return;
             Delivery d = std::move(m_queue.front());
@@ -165,6 +175,7 @@ private:
     std::condition_variable m_cond;
     std::deque<Delivery> m_queue;
     bool m_stopping = false;
+    bool m_held = false;
     bool m_overflowing = false;
     std::thread m_thread;
 };
@@ -407,6 +418,8 @@ void MemoryService::subscribe(const std::string &name, const std::string &module
                               std::make_shared<Subscriber>(module, [session](const std::string &m) {
                                   return session->service(m).value(kSubscriberLookupTimeoutMs);
                               }));
+        if (m_held.count(module))
+            m_subscribers[module]->setHeld(true);
     }
     m_subscriptions[name][module] = Subscription {message, method, client};
     Entry &e = m_keys[name];
@@ -446,6 +459,18 @@ void MemoryService::setDeliveryBlocked(const std::string &module, bool blocked)
         m_blocked.insert(module);
     else
         m_blocked.erase(module);
+}
+
+void MemoryService::setDeliveryHeld(const std::string &module, bool held)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (held)
+        m_held.insert(module);
+    else
+        m_held.erase(module);
+    auto sub = m_subscribers.find(module);
+    if (sub != m_subscribers.end())
+        sub->second->setHeld(held);
 }
 
 std::vector<std::string> MemoryService::subscribers(const std::string &name) const

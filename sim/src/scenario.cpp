@@ -143,6 +143,7 @@ void Scenario::reset()
 {
     std::set<std::string> touched;
     std::set<std::string> blocked;
+    std::set<std::string> held;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         for (const auto &r : m_rules) {
@@ -157,9 +158,12 @@ void Scenario::reset()
         m_omitted.clear();
         m_calls.clear();
         blocked.swap(m_blocked);
+        held.swap(m_held);
     }
     for (const std::string &module : blocked)
         m_robot.memory().setDeliveryBlocked(module, false);
+    for (const std::string &module : held)
+        m_robot.memory().setDeliveryHeld(module, false);
     for (const std::string &service : touched)
         m_robot.refreshService(service);
 }
@@ -209,6 +213,18 @@ void Scenario::blockCallbacks(const std::string &module, bool blocked)
             m_blocked.erase(module);
     }
     m_robot.memory().setDeliveryBlocked(module, blocked);
+}
+
+void Scenario::holdCallbacks(const std::string &module, bool held)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (held)
+            m_held.insert(module);
+        else
+            m_held.erase(module);
+    }
+    m_robot.memory().setDeliveryHeld(module, held);
 }
 
 std::vector<std::string> Scenario::clients() const

@@ -95,6 +95,14 @@ struct StateLog
             [this, s] { return std::find(states.begin(), states.end(), s) != states.end(); },
             deadline);
     }
+    // For a failed wait: the states seen, as numbers in the enum's order.
+    std::string seen() const
+    {
+        std::string text;
+        for (RK::BehaviorInstanceManager::State s : states)
+            text += std::to_string(static_cast<int>(s)) + ' ';
+        return text;
+    }
     std::vector<RK::BehaviorInstanceManager::State> states;
 };
 

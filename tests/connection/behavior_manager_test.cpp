@@ -334,7 +334,46 @@ TEST_F(BehaviorManagerTest, AStopBeforeRunningEndsInStopped)
     EXPECT_EQ(log.states.front(), State::Starting);
     EXPECT_EQ(log.states.back(), State::Stopped);
     instance.preloadBehavior();
-    ASSERT_TRUE(log.waitFor(State::Preloaded));
+    ASSERT_TRUE(log.waitFor(State::Preloaded)) << log.seen();
+}
+
+// The robot's events trail its replies: the list the start raised comes
+// after the stop's answer. It must not bring back Running once stopped, nor
+// undo a preload asked for after the stop.
+TEST_F(BehaviorManagerTest, ListsLateBehindTheRepliesDoNotReviveAStoppedBehavior)
+{
+    connect();
+    auto b = manager()->behaviorManagerInterface();
+    QSignalSpy lists(b.get(), &RK::BehaviorManagerInterface::runningBehaviorsUpdated);
+    BehaviorInstanceManager instance(manager(), "plain", QString(), true);
+    StateLog log(&instance);
+    ASSERT_TRUE(test::waitUntil([&] { return lists.count() >= 1; }));
+    const std::vector<std::string> subscribers = robot().memory().subscribers("BehaviorsRun");
+    ASSERT_EQ(subscribers.size(), 1u);
+    robot().scenario().holdCallbacks(subscribers.front());
+    robot().scenario().delayMethod("VXBehaviorManager", "startBehavior",
+                                   std::chrono::milliseconds(100));
+    const int listsBefore = lists.count();
+    log.states.clear();
+    instance.playBehavior();
+    ASSERT_TRUE(log.waitFor(State::Starting));
+    instance.stopBehavior();
+    // The stop goes once the start is answered, from this thread's loop.
+    ASSERT_TRUE(test::waitUntil(
+        [] { return robot().scenario().callCount("VXBehaviorManager", "stopBehavior") == 1; }));
+    // A later answer on the same connection: the stop's is in by then.
+    auto running = b->isBehaviorRunning("plain");
+    ASSERT_TRUE(waitForFuture(running));
+    EXPECT_FALSE(running.result());
+    EXPECT_EQ(instance.state(), State::Stopping);
+
+    robot().scenario().holdCallbacks(subscribers.front(), false);
+    ASSERT_TRUE(test::waitUntil([&] { return lists.count() == listsBefore + 2; }));
+    ASSERT_TRUE(log.waitFor(State::Stopped));
+    EXPECT_EQ(log.states, (std::vector<State> {State::Starting, State::Stopping, State::Stopped}))
+        << log.seen();
+    instance.preloadBehavior();
+    ASSERT_TRUE(log.waitFor(State::Preloaded)) << log.seen();
 }
 
 TEST_F(BehaviorManagerTest, LifeInterfaceReadsAndChangesTheState)

@@ -59,6 +59,9 @@ public:
     // Events for a blocked module are dropped without a word, as when the
     // robot cannot reach the subscriber (a firewall on its side).
     void setDeliveryBlocked(const std::string &module, bool blocked);
+    // Events for a held module wait, in order, until it is released: the
+    // robot-to-client path slower than the replies.
+    void setDeliveryHeld(const std::string &module, bool held);
     // Modules subscribed to `name`.
     std::vector<std::string> subscribers(const std::string &name) const;
     // Modules with a delivery thread.
@@ -100,6 +103,7 @@ private:
     std::map<std::string, std::map<std::string, Subscription>> m_subscriptions;
     std::map<std::string, std::shared_ptr<Subscriber>> m_subscribers;
     std::set<std::string> m_blocked;
+    std::set<std::string> m_held;
     bool m_stopped = false;
     ClientWatch m_clientWatch;
 };

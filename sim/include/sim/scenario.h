@@ -77,6 +77,8 @@ public:
     void raiseMicroEvent(const std::string &name, const wz::AnyValue &value);
     // The robot-to-client path of one module broken: its events are lost.
     void blockCallbacks(const std::string &module, bool blocked = true);
+    // The same path slow: its events wait, in order, until released.
+    void holdCallbacks(const std::string &module, bool held = true);
 
     // Connections, by peer id (see clients()).
     std::vector<std::string> clients() const;
@@ -126,6 +128,7 @@ private:
     std::map<Key, MethodDef> m_added;
     std::set<std::string> m_omitted;
     std::set<std::string> m_blocked;
+    std::set<std::string> m_held;
     std::map<Key, CallLog> m_calls;
 };
 
