@@ -85,12 +85,15 @@ public:
     void preloadBehavior();
     /// Ends in Running, or, when the robot refuses the start (a preload
     /// error, already running), in Stopped with errorStartingBehavior and
-    /// errorOccurred carrying the robot's text.
+    /// errorOccurred carrying the robot's text. Ignored, with a log line,
+    /// while a start asked for earlier is still on its way.
     void playBehavior();
     /// From Running, Stopped comes with the robot's running list; from
     /// Preloading, Preloaded or Starting, once the robot has taken the stop
-    /// (a start still on its way is let through first), so that the next
-    /// preloadBehavior() is accepted.
+    /// (a start or focus switch still on its way is let through first), so
+    /// that the next preloadBehavior() is accepted. A stop the robot refuses
+    /// takes a running behaviour back to Running (the interface's
+    /// errorOccurred tells why).
     void stopBehavior();
 
     /// "User/NAME" and "NAME" are the same behaviour.
@@ -157,7 +160,8 @@ private:
     State m_state = Missing;
     LifeState m_lifeState = LifeStateUnknown;
     QFutureWatcher<void> *m_lifeFocusWatcher = nullptr;
-    // The direct start still on its way, and a stop asked for meanwhile.
+    // The direct start still on its way, and a stop asked for meanwhile or
+    // during a focus switch.
     QFutureWatcher<void> *m_startWatcher = nullptr;
     bool m_stopAfterStart = false;
 };

@@ -230,6 +230,14 @@ void BehaviorInstanceManager::playBehavior()
                  QStringLiteral("trying to play a missing behavior: ") + m_behaviorName);
         return;
     }
+    // One start on its way at a time: a stop asked for meanwhile waits for
+    // the start in flight, and a second one would take that wait over and
+    // lose the stop.
+    if (m_natureWatcher || m_startWatcher || m_lifeFocusWatcher) {
+        logError(__FUNCTION__,
+                 QStringLiteral("a start is already on its way for: ") + m_behaviorName);
+        return;
+    }
     if (m_nature != k_natureUndefined) {
         playBehaviorUponItsNature();
         return;
@@ -242,8 +250,6 @@ void BehaviorInstanceManager::playBehavior()
                      + m_behaviorName);
         return;
     }
-    // A watcher still running is left to report: it then starts with the
-    // nature this one brings.
     m_natureWatcher = new QFutureWatcher<QString>(this);
     connect(m_natureWatcher, &QFutureWatcherBase::finished, this,
             &BehaviorInstanceManager::onBehaviorNatureReceived);
@@ -255,11 +261,6 @@ void BehaviorInstanceManager::onBehaviorNatureReceived()
     auto *watcher = dynamic_cast<QFutureWatcher<QString> *>(sender());
     if (!watcher)
         return;
-    if (watcher != m_natureWatcher) {
-        watcher->deleteLater();
-        playBehaviorUponItsNature();
-        return;
-    }
     m_natureWatcher = nullptr;
     watcher->deleteLater();
     const QString nature = watcher->future().resultCount() > 0
@@ -369,11 +370,18 @@ void BehaviorInstanceManager::onLifeFocusSwitched()
         return;
     m_lifeFocusWatcher = nullptr;
     watcher->deleteLater();
+    const bool stopWanted = m_stopAfterStart;
+    m_stopAfterStart = false;
     try {
         waitRethrowingTheCause(watcher);
+        // A stop asked for during the switch goes now, after it, and ends
+        // with the robot's list as a stop of a running behaviour does.
+        if (stopWanted && m_state == Stopping) {
+            requestStop(false);
+            return;
+        }
         // Only a start still waiting: the robot's running list may have
-        // said Running first, and a stop asked since must hold; after a
-        // disconnection the behaviour is Missing.
+        // said Running first; after a disconnection the behaviour is Missing.
         if (m_state == Starting)
             setState(Running);
     } catch (const std::exception &e) {
@@ -395,9 +403,9 @@ void BehaviorInstanceManager::stopBehavior()
         return;
     const State from = m_state;
     setState(Stopping);
-    if (m_startWatcher) {
-        // The start and the stop would race on the pool: the stop waits for
-        // the start's outcome.
+    if (m_startWatcher || m_lifeFocusWatcher) {
+        // The start and the stop would race on the pool, and a stop that
+        // came first would be undone: the stop waits for the start's outcome.
         m_stopAfterStart = true;
         return;
     }
@@ -418,8 +426,21 @@ void BehaviorInstanceManager::requestStop(bool endsWhenTaken)
     auto *watcher = new QFutureWatcher<void>(this);
     connect(watcher, &QFutureWatcherBase::finished, this, [this, watcher, endsWhenTaken] {
         watcher->deleteLater();
-        if (endsWhenTaken && m_state == Stopping)
+        bool refused = false;
+        try {
+            waitRethrowingTheCause(watcher);
+        } catch (...) {
+            // The interface has told the robot's text.
+            refused = true;
+        }
+        if (m_state != Stopping)
+            return;
+        if (endsWhenTaken)
             setState(Stopped);
+        // A running behaviour the robot would not stop raises no list:
+        // without this it would stay Stopping for as long as it runs.
+        else if (refused)
+            setState(Running);
     });
     watcher->setFuture(behaviors->stopBehavior(m_behaviorName));
 }

@@ -193,7 +193,7 @@ void BehaviorManagerExecuter::startBehavior(QString behaviorToPlay)
 
 void BehaviorManagerExecuter::stopBehavior(QString behaviorToStop)
 {
-    call("stopBehavior").run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
+    call("stopBehavior").rethrowing().run(&Connection::behaviorManager, [&](VX::VXProxy &proxy) {
         proxy.call<void>("stopBehavior", utf8(behaviorToStop));
     });
 }

@@ -376,6 +376,99 @@ TEST_F(BehaviorManagerTest, ListsLateBehindTheRepliesDoNotReviveAStoppedBehavior
     ASSERT_TRUE(log.waitFor(State::Preloaded)) << log.seen();
 }
 
+// Starts and stops that overlap: each play sends one start, a stop asked
+// for while a start (direct or through life's focus) is on its way goes after
+// it, and a stop the robot refuses ends Stopping.
+TEST_F(BehaviorManagerTest, OverlappingStartsAndStopsEachEndOnce)
+{
+    connect();
+    auto b = manager()->behaviorManagerInterface();
+    auto calls = [](const char *service, const char *method) {
+        return robot().scenario().callCount(service, method);
+    };
+    // A later answer from the same service: a stop sent before it has reached the robot.
+    auto barrier = [&] {
+        auto f = b->isBehaviorRunning("plain");
+        return waitForFuture(f);
+    };
+
+    {
+        SCOPED_TRACE("a stop during life's focus switch");
+        life().setState("solitary");
+        BehaviorInstanceManager lively(manager(), "lively", QString(), true);
+        StateLog log(&lively);
+        ASSERT_TRUE(test::waitUntil([&] { return lively.lifeState() == RK::LifeStateSolitary; }));
+        robot().scenario().holdMethod("VXAutonomousLife", "switchFocus");
+        const uint64_t focus = calls("VXAutonomousLife", "switchFocus");
+        const uint64_t stops = calls("VXBehaviorManager", "stopBehavior");
+        log.states.clear();
+        lively.playBehavior();
+        ASSERT_TRUE(
+            test::waitUntil([&] { return calls("VXAutonomousLife", "switchFocus") == focus + 1; }));
+        lively.stopBehavior();
+        ASSERT_TRUE(barrier());
+        EXPECT_EQ(calls("VXBehaviorManager", "stopBehavior"), stops);
+        robot().scenario().restoreMethod("VXAutonomousLife", "switchFocus");
+        ASSERT_TRUE(test::waitUntil([&] {
+            return lively.state() == State::Stopped && !behaviors().isRunning("lively")
+                && calls("VXBehaviorManager", "stopBehavior") == stops + 1;
+        })) << log.seen();
+        EXPECT_EQ(log.states,
+                  (std::vector<State> {State::Starting, State::Stopping, State::Stopped}));
+        life().setState("disabled");
+    }
+
+    BehaviorInstanceManager plain(manager(), "plain", QString(), true);
+    StateLog log(&plain);
+    QSignalSpy startErrors(&plain, &BehaviorInstanceManager::errorStartingBehavior);
+    // Once through, so that the nature is known and a play starts at once.
+    plain.playBehavior();
+    ASSERT_TRUE(log.waitFor(State::Running));
+    plain.stopBehavior();
+    ASSERT_TRUE(log.waitFor(State::Stopped));
+
+    {
+        SCOPED_TRACE("play twice, then stop, while the start is held");
+        robot().scenario().holdMethod("VXBehaviorManager", "startBehavior");
+        const uint64_t starts = calls("VXBehaviorManager", "startBehavior");
+        const uint64_t stops = calls("VXBehaviorManager", "stopBehavior");
+        log.states.clear();
+        plain.playBehavior();
+        ASSERT_TRUE(test::waitUntil(
+            [&] { return calls("VXBehaviorManager", "startBehavior") == starts + 1; }));
+        plain.playBehavior();
+        plain.stopBehavior();
+        robot().scenario().restoreMethod("VXBehaviorManager", "startBehavior");
+        ASSERT_TRUE(test::waitUntil([&] {
+            return plain.state() == State::Stopped && !behaviors().isRunning("plain")
+                && calls("VXBehaviorManager", "stopBehavior") == stops + 1;
+        })) << log.seen();
+        ASSERT_TRUE(barrier());
+        EXPECT_EQ(calls("VXBehaviorManager", "startBehavior"), starts + 1);
+        EXPECT_EQ(startErrors.count(), 0);
+        EXPECT_EQ(log.states,
+                  (std::vector<State> {State::Starting, State::Stopping, State::Stopped}));
+    }
+
+    {
+        SCOPED_TRACE("a refused stop");
+        plain.playBehavior();
+        ASSERT_TRUE(log.waitFor(State::Running));
+        QSignalSpy errors(b.get(), &RK::BehaviorManagerInterface::errorOccurred);
+        robot().scenario().failMethod("VXBehaviorManager", "stopBehavior", "held by the robot");
+        log.states.clear();
+        plain.stopBehavior();
+        ASSERT_TRUE(log.waitFor(State::Running)) << log.seen();
+        EXPECT_EQ(log.states, (std::vector<State> {State::Stopping, State::Running}));
+        ASSERT_EQ(errors.count(), 1);
+        EXPECT_EQ(errors.at(0).at(0).value<RK::OperationError>().operation, "stopBehavior");
+        EXPECT_TRUE(behaviors().isRunning("plain"));
+        robot().scenario().restoreMethod("VXBehaviorManager", "stopBehavior");
+        plain.stopBehavior();
+        ASSERT_TRUE(log.waitFor(State::Stopped));
+    }
+}
+
 TEST_F(BehaviorManagerTest, LifeInterfaceReadsAndChangesTheState)
 {
     connect();
