@@ -460,7 +460,9 @@ void BehaviorInstanceManager::onRunningBehaviorsReceived(QStringList behaviors)
             return;
         }
     }
-    if (m_state == Running || m_state == Stopping)
+    // A stop waiting for a start in flight is not ended by a list: that
+    // list was asked for before the start, and the stop has yet to go.
+    if (m_state == Running || (m_state == Stopping && !m_stopAfterStart))
         setState(Stopped);
 }
 
