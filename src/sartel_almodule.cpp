@@ -199,18 +199,25 @@ void VXSartel::_connectionTestCallback(const std::string & /*key*/, const VX::VX
                                        const std::string & /*subscriberIdentifier*/)
 {
     m_answered = true;
+    // Late: the time-out has reported the failure and removed the event.
+    if (!m_testPending.exchange(false))
+        return;
     try {
         memoryProxy(m_session)->removeMicroEvent(a_testEventName);
     } catch (const std::exception &e) {
         wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
             << "Error removing connection test VXMemory entry: " << e.what();
     }
-    // The timer keeps running: its time-out only cleans up now.
+    // The timer keeps running (it belongs to the module's thread): its
+    // time-out finds nothing pending and only cleans up.
     emit connectionTested(true);
 }
 
 void VXSartel::triggerConnectionTest()
 {
+    // Before the robot can call back. A test still pending shares its
+    // outcome with this one.
+    m_testPending = true;
     try {
         const boost::shared_ptr<VX::VXMemoryProxy> memory = memoryProxy(m_session);
         memory->subscribeToMicroEvent(a_testEventName, a_sartelModuleName.toUtf8().toStdString(),
@@ -230,14 +237,14 @@ void VXSartel::triggerConnectionTest()
             m_testTimer->stop();
             m_testTimer.reset();
         }
-        emit connectionTested(false);
+        if (m_testPending.exchange(false))
+            emit connectionTested(false);
     }
 }
 
 void VXSartel::onTimeout()
 {
-    // A module that has been answered once never reports a failure again.
-    if (!m_answered) {
+    if (m_testPending.exchange(false)) {
         try {
             memoryProxy(m_session)->removeMicroEvent(a_testEventName);
         } catch (...) { }

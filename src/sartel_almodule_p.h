@@ -69,8 +69,9 @@ std::shared_ptr<EventRelay> relayModuleEvents(SartelModuleInterface &module, QOb
 
 // The desktop as a service of the robot ("VXSartel"): the robot's memory
 // delivers every subscribed event to dataChanged, and the two-way test
-// proves that the robot can call the desktop at all. Registered in the
-// connection's own session by RK::VXSartelExecuter.
+// proves that the robot can call the desktop at all: each test reports once,
+// true when the robot's call comes first, false when the time-out does.
+// Registered in the connection's own session by RK::VXSartelExecuter.
 //
 // dataChanged and _connectionTestCallback run on the framework's threads and
 // only emit signals; triggerConnectionTest and onTimeout run on the thread
@@ -94,7 +95,8 @@ public:
     void _connectionTestCallback(const std::string &key, const VX::VXValue &value,
                                  const std::string &subscriberIdentifier);
 
-    // Whether a test has been answered since this module was made.
+    // Whether a test has been answered since this module was made, late
+    // answers included.
     bool answered() const { return m_answered; }
 
     // Every event dataChanged receives also goes to `relay`, until the relays
@@ -121,9 +123,10 @@ private:
     wz::Session *m_session;
     boost::shared_ptr<QTimer> m_testTimer;
     int m_testLimitMs;
-    // One writer (the callback, on a framework thread) and one later reader
-    // (the time-out): atomic only so that the hand-over is well defined.
     std::atomic<bool> m_answered;
+    // Set when a test starts; the callback (on a framework thread) and the
+    // time-out each take it, and only the one that gets it reports.
+    std::atomic<bool> m_testPending {false};
     QMutex m_relaysMutex;
     std::vector<std::shared_ptr<EventRelay>> m_relays;
 };

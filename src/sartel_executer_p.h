@@ -124,7 +124,10 @@ private:
     bool callByName(const QString &proxyName, const QString &methodName, const char *enabledMethod,
                     bool checkEnable, bool showDialogOnError, Post post);
     ExecuterCall<VXSartelExecuter> timelineCall(const char *operation, const QString &contents);
-    void timelineCommand(const char *operation, const QString &contents, const char *method);
+    // `publishes`: the robot shows a frame of the timeline again.
+    void timelineCommand(const char *operation, const QString &contents, const char *method,
+                         bool publishes);
+    void watchCurrentTimeline();
     // Forgets the current timeline, here and on the robot.
     void dropTimeline(VX::VXProxy &frameManager, Connection &connection);
 

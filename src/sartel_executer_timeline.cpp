@@ -45,6 +45,8 @@ void VXSartelExecuter::createTimeline(QString timelineStr)
 
 void VXSartelExecuter::dropTimeline(VX::VXProxy &frameManager, Connection &connection)
 {
+    // The next timeline starts at 0 too: its first frame is news.
+    m_lastFrame = -1;
     if (m_currentTimeline.isEmpty()) {
         emit currentFrameChanged(-1);
         return;
@@ -74,24 +76,36 @@ void VXSartelExecuter::stopCurrentTimeline()
 
 void VXSartelExecuter::playCurrentTimeline()
 {
-    timelineCommand("playCurrentTimeline", tr("Failed to play timeline"), "playTimeline");
+    timelineCommand("playCurrentTimeline", tr("Failed to play timeline"), "playTimeline", true);
 }
 
 void VXSartelExecuter::pauseCurrentTimeline()
 {
-    timelineCommand("pauseCurrentTimeline", tr("Failed to pause in timeline"), "stopTimeline");
+    timelineCommand("pauseCurrentTimeline", tr("Failed to pause in timeline"), "stopTimeline",
+                    false);
+}
+
+// An ended timeline's key is gone from the robot, and the first poll after
+// its end took it out of the watch; a play or a goto publishes it again.
+void VXSartelExecuter::watchCurrentTimeline()
+{
+    if (!m_currentTimeline.isEmpty() && !m_watchedData.contains(m_currentTimeline))
+        m_watchedData.append(m_currentTimeline);
 }
 
 // Without a current timeline there is nothing to ask the robot: that is told
 // as the operation's failure, but shown to nobody.
 void VXSartelExecuter::timelineCommand(const char *operation, const QString &contents,
-                                       const char *method)
+                                       const char *method, bool publishes)
 {
     bool loaded = true;
     timelineCall(operation, contents).run(&Connection::frameManager, [&](VX::VXProxy &frames) {
         loaded = !m_currentTimeline.isEmpty();
-        if (loaded)
-            frames.call<void>(method, utf8(m_currentTimeline));
+        if (!loaded)
+            return;
+        frames.call<void>(method, utf8(m_currentTimeline));
+        if (publishes)
+            watchCurrentTimeline();
     });
     if (!loaded)
         executerCall(this, m_connection, operation)
@@ -104,6 +118,7 @@ void VXSartelExecuter::gotoFrameCurrentTimeline(int frame)
     timelineCall("gotoFrameCurrentTimeline", tr("Failed to do a goto in timeline"))
         .run(&Connection::frameManager, [&](VX::VXProxy &frameManager) {
             frameManager.call<void>("gotoAndStop", utf8(m_currentTimeline), frame);
+            watchCurrentTimeline();
         });
 }
 

@@ -141,12 +141,81 @@ TEST_F(TimelineTest, TheEndOfATimelineIsTold)
     EXPECT_EQ(frames().timelines(), std::vector<std::string> {id});
 }
 
+// After its end the robot removes the timeline's key and the desktop stops
+// reading it; going to a frame or playing again must have it read again.
+class EndedTimelineTest : public TimelineTest
+{
+protected:
+    // A long timeline, played from near its end until the robot ends it.
+    std::string createEnded()
+    {
+        const std::string id = create(QStringLiteral("fps 100\nframes 10000\n"));
+        EXPECT_FALSE(id.empty());
+        playToTheEnd(id);
+        return id;
+    }
+
+    void playToTheEnd(const std::string &id)
+    {
+        const int stops = listener->stops;
+        emit module->gotoFrameCurrentTimelineRequested(9995);
+        ASSERT_TRUE(test::waitUntil([&] { return listener->last() == 9995; }));
+        emit module->playCurrentTimelineRequested();
+        // Both routes of the removal event.
+        ASSERT_TRUE(test::waitUntil([&] { return listener->stops == stops + 2; }));
+        EXPECT_FALSE(robot().memory().hasKey(id));
+        // Polls since the end have found no key, and the key has left the watch.
+        ASSERT_TRUE(test::barrierAfter(module->executer(), k_polls));
+        const uint64_t readsAfterEnd = reads(id);
+        ASSERT_TRUE(test::barrierAfter(module->executer(), k_polls));
+        EXPECT_EQ(reads(id), readsAfterEnd);
+    }
+};
+
+TEST_F(EndedTimelineTest, PlayingAgainTellsTheFramesFromTheStart)
+{
+    const std::string id = createEnded();
+    ASSERT_FALSE(HasFatalFailure());
+    listener->frames.clear();
+    emit module->playCurrentTimelineRequested();
+    ASSERT_TRUE(test::waitUntil([&] { return listener->frames.size() >= 3; }));
+    emit module->pauseCurrentTimelineRequested();
+    // From the start again, and rising.
+    EXPECT_LT(listener->frames.front(), 9995);
+    for (size_t i = 1; i < listener->frames.size(); ++i)
+        EXPECT_GT(listener->frames[i], listener->frames[i - 1]);
+    EXPECT_TRUE(listener->errors.empty());
+
+    // And again after a second end.
+    playToTheEnd(id);
+    ASSERT_FALSE(HasFatalFailure());
+    listener->frames.clear();
+    emit module->playCurrentTimelineRequested();
+    ASSERT_TRUE(test::waitUntil([&] { return !listener->frames.empty(); }));
+    emit module->pauseCurrentTimelineRequested();
+    EXPECT_LT(listener->frames.front(), 9995);
+}
+
+TEST_F(EndedTimelineTest, GoingToAFrameTellsIt)
+{
+    createEnded();
+    ASSERT_FALSE(HasFatalFailure());
+    emit module->gotoFrameCurrentTimelineRequested(500);
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() == 500; }));
+    EXPECT_TRUE(listener->errors.empty());
+}
+
 TEST_F(TimelineTest, ASecondTimelineDeletesTheFirst)
 {
     const std::string first = create(QStringLiteral("frames 100"));
     ASSERT_FALSE(first.empty());
+    ASSERT_TRUE(test::waitUntil([&] { return listener->last() == 0; }));
     const std::string second = create(QStringLiteral("frames 100"));
     ASSERT_NE(second, first);
+    // The new timeline's first frame is the same number as the one the old
+    // one showed, and is told all the same after the -1 of the change.
+    ASSERT_TRUE(test::waitUntil([&] { return listener->frames.size() >= 4; }));
+    EXPECT_EQ(listener->frames, (std::vector<int> {-1, 0, -1, 0}));
     EXPECT_EQ(frames().timelines(), std::vector<std::string> {second});
     EXPECT_EQ(calls("VXFrameManager", "deleteBehavior"),
               (std::vector<sim::Args> {{wz::AnyValue(first)}}));
