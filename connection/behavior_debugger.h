@@ -44,7 +44,9 @@ public:
     /// at once when the robot knows it stopped.
     void initialize(QString behaviorName);
     /// Preloads the behaviour on the robot; behaviorLoading(), then
-    /// behaviorLoaded() once its frame-manager id is known.
+    /// behaviorLoaded() once its frame-manager id is known, or
+    /// errorOccurred() with the operation "loadBehavior" when the robot
+    /// gives no id (the behaviour then stays preloaded).
     void loadBehavior();
     /// Starts the behaviour; started(), then behaviorStarted().
     void startBehavior();
@@ -100,7 +102,8 @@ signals:
     /// The robot refused to start the behaviour: the three texts of a dialog.
     void errorStartingBehavior(QString errorTitle, QString errorMessage, QString errorDetails);
     /// The instance's failures, typed, with the operation "startBehavior": a
-    /// refused start ends in behaviorStopped() after this.
+    /// refused start ends in behaviorStopped() after this. A load without a
+    /// frame-manager id comes with the operation "loadBehavior".
     void errorOccurred(const RK::OperationError &error);
 
 public slots:
@@ -130,6 +133,9 @@ public slots:
     /// Takes the frame-manager id of the loaded behaviour; connected while
     /// one is asked for.
     void onBehaviorFrameManagerIdReceived(QString behaviorName, QString id);
+    /// A failed frame-manager id request ends the load that waits for it;
+    /// connected while one is asked for.
+    void onBehaviorManagerError(const RK::OperationError &error);
     /// Listens to the new connection's desktop module; connected to the
     /// manager's connectionEstablished().
     void onConnectionEstablished();
@@ -143,6 +149,9 @@ private:
     // Lets go of what was subscribed and polled on the robot.
     void releaseWatchedValues();
     void requestFrameManagerId();
+    // Stops listening for the id; true when one was awaited.
+    bool endIdRequest();
+    void reportLoadFailure(const QString &details);
     void clear();
 
     ConnectionManager *m_manager;
@@ -154,6 +163,7 @@ private:
     QString m_frameKey;
     int m_currentFrame = -1;
     bool m_enabled = true;
+    bool m_idRequested = false;
     BehaviorInstanceManager::State m_lastState = BehaviorInstanceManager::Missing;
     // The id with its pattern characters escaped, anchored at the start;
     // compiled once per load, since every box event is matched against it.

@@ -191,26 +191,61 @@ void BehaviorDebugger::requestFrameManagerId()
         return;
     connect(behaviors.get(), &BehaviorManagerInterface::behaviorFrameManagerIDReceived, this,
             &BehaviorDebugger::onBehaviorFrameManagerIdReceived, Qt::UniqueConnection);
+    connect(behaviors.get(), &BehaviorManagerInterface::errorOccurred, this,
+            &BehaviorDebugger::onBehaviorManagerError, Qt::UniqueConnection);
+    m_idRequested = true;
     behaviors->requestBehaviorFrameManagerID(m_instance->behaviorName());
 }
 
-void BehaviorDebugger::onBehaviorFrameManagerIdReceived(QString behaviorName, QString id)
+bool BehaviorDebugger::endIdRequest()
 {
     if (const boost::shared_ptr<BehaviorManagerInterface> behaviors
         = m_manager->behaviorManagerInterface()) {
         disconnect(behaviors.get(), &BehaviorManagerInterface::behaviorFrameManagerIDReceived, this,
                    &BehaviorDebugger::onBehaviorFrameManagerIdReceived);
+        disconnect(behaviors.get(), &BehaviorManagerInterface::errorOccurred, this,
+                   &BehaviorDebugger::onBehaviorManagerError);
     }
+    const bool was = m_idRequested;
+    m_idRequested = false;
+    return was;
+}
+
+void BehaviorDebugger::reportLoadFailure(const QString &details)
+{
+    OperationError error;
+    error.operation = QStringLiteral("loadBehavior");
+    error.code = ErrorCode::RobotFailed;
+    error.title = tr("Loading behavior failed");
+    error.contents = tr("The robot gave no frame-manager id for %1: it cannot be debugged.")
+                         .arg(m_instance ? m_instance->behaviorName() : QString());
+    error.details = details;
+    emit errorOccurred(error);
+}
+
+void BehaviorDebugger::onBehaviorManagerError(const OperationError &error)
+{
+    if (error.operation != QLatin1String("requestBehaviorFrameManagerID") || !endIdRequest())
+        return;
+    OperationError mine = error;
+    mine.operation = QStringLiteral("loadBehavior");
+    emit errorOccurred(mine);
+}
+
+void BehaviorDebugger::onBehaviorFrameManagerIdReceived(QString behaviorName, QString id)
+{
+    // Another requester's answer (the interface is shared): ours is still to come.
+    if (m_instance
+        && !BehaviorInstanceManager::sameBehavior(behaviorName, m_instance->behaviorName()))
+        return;
+    endIdRequest();
     if (!m_instance) {
         logError(__FUNCTION__, "Useless fmId, behavior instance already deleted");
         return;
     }
     if (id.isEmpty()) {
         logError(__FUNCTION__, "no behavior ID, killed from somewhere else ?");
-        return;
-    }
-    if (behaviorName != m_instance->behaviorName()) {
-        logError(__FUNCTION__, "we do not receive the good ID");
+        reportLoadFailure(tr("The behavior is no longer loaded on the robot."));
         return;
     }
     m_fmId = id;
@@ -365,6 +400,7 @@ void BehaviorDebugger::sendParameterValues(QString boxName, QMap<QString, VX::VX
 // stateChanged(Missing).
 void BehaviorDebugger::clear()
 {
+    endIdRequest();
     if (m_instance) {
         m_instance->disconnect(this);
         m_instance->deleteLater();

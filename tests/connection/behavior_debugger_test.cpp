@@ -169,9 +169,11 @@ TEST_F(BehaviorDebuggerTest, AnUnchangedLevelSendsNothingAndAMissingIdLeavesItPr
     });
     EXPECT_EQ(subscriptions(), before + 2);
 
-    // The id cannot be read: the behaviour stays Preloaded, and is not loaded.
+    // The id cannot be read: the behaviour stays Preloaded, is not loaded,
+    // and the load says so.
     robot().scenario().failMethod("VXBehaviorManager", "_getBehaviorFrameManagerId", "busy");
     QSignalSpy loading(debugger.get(), &RK::BehaviorDebugger::behaviorLoading);
+    QSignalSpy errors(debugger.get(), &RK::BehaviorDebugger::errorOccurred);
     debugger->initialize("lively");
     ASSERT_TRUE(test::waitUntil([&] {
         return robot().scenario().callCount("VXBehaviorManager", "_getBehaviorFrameManagerId") >= 2;
@@ -185,6 +187,36 @@ TEST_F(BehaviorDebuggerTest, AnUnchangedLevelSendsNothingAndAMissingIdLeavesItPr
     EXPECT_EQ(loaded.count(), 1);
     EXPECT_EQ(debugger->instance()->state(), RK::BehaviorInstanceManager::Preloaded);
     EXPECT_TRUE(debugger->frameManagerId().isEmpty());
+    ASSERT_EQ(errors.count(), 1);
+    const auto error = errors.at(0).at(0).value<RK::OperationError>();
+    EXPECT_EQ(error.operation, "loadBehavior");
+    EXPECT_TRUE(error.details.contains("busy")) << error.details.toStdString();
+
+    // An empty id (the behaviour unloaded meanwhile) is a failed load too.
+    robot().scenario().replaceMethod("VXBehaviorManager", "_getBehaviorFrameManagerId",
+                                     [](const sim::Args &) { return wz::AnyValue(std::string()); });
+    debugger->initialize("plain");
+    ASSERT_TRUE(test::waitUntil([&] { return errors.count() == 2; }));
+    EXPECT_EQ(errors.at(1).at(0).value<RK::OperationError>().operation, "loadBehavior");
+    EXPECT_EQ(loaded.count(), 1);
+}
+
+// Two debuggers share the robot's behaviour interface: each load ends with
+// its own id, whichever answer comes first.
+TEST_F(BehaviorDebuggerTest, OverlappingLoadsEachGetTheirOwnId)
+{
+    RK::BehaviorDebugger second(app->manager.get());
+    QSignalSpy firstLoaded(debugger.get(), &RK::BehaviorDebugger::behaviorLoaded);
+    QSignalSpy secondLoaded(&second, &RK::BehaviorDebugger::behaviorLoaded);
+    robot().scenario().delayMethod("VXBehaviorManager", "_getBehaviorFrameManagerId",
+                                   std::chrono::milliseconds(100));
+    debugger->initialize("plain");
+    second.initialize("lively");
+    ASSERT_TRUE(
+        test::waitUntil([&] { return firstLoaded.count() == 1 && secondLoaded.count() == 1; }));
+    EXPECT_NE(debugger->frameManagerId(), second.frameManagerId());
+    EXPECT_FALSE(debugger->frameManagerId().isEmpty());
+    EXPECT_FALSE(second.frameManagerId().isEmpty());
 }
 
 // Stopped before it was started, the debugger can load again; a start the
