@@ -138,6 +138,18 @@ int debugCommand(Console &console, const QStringList &arguments)
         failed = true;
         problems << t + ": " + m;
     });
+    // Start failures come as errorStartingBehavior above; a load without
+    // an id only here.
+    QObject::connect(&debugger, &D::errorOccurred, [&](const RK::OperationError &e) {
+        if (e.operation != QLatin1String("loadBehavior"))
+            return;
+        trace("loadError", e.title + ": " + e.contents + " " + e.details,
+              {{QStringLiteral("title"), e.title},
+               {QStringLiteral("message"), e.contents},
+               {QStringLiteral("details"), e.details}});
+        failed = true;
+        problems << e.contents + " " + e.details;
+    });
     debugger.initialize(name);
     const Options &options = console.options();
     Outcome outcome = waiter.wait([&] { return started || ended || failed; },
@@ -162,6 +174,7 @@ int debugCommand(Console &console, const QStringList &arguments)
         return waiter.fail(outcome, QStringLiteral("the behaviour"));
     if (!loaded || !started) {
         console.err() << "error: the robot did not " << (loaded ? "start " : "load ") << name
+                      << (problems.isEmpty() ? QString() : QStringLiteral(": ") + problems.first())
                       << Qt::endl;
         return ExitCommandFailed;
     }

@@ -49,4 +49,27 @@ TEST_F(DebugCommands, DebugFollowsWhatTheBehaviourDeclared)
     EXPECT_GT(last.captured(1).toInt(), 0);
 }
 
+// A load the robot gives no id for ends the command at once, and says why.
+TEST_F(DebugCommands, ALoadWithoutAnIdFailsWithTheRobotsText)
+{
+    robot().scenario().failMethod("VXBehaviorManager", "_getBehaviorFrameManagerId",
+                                  "frame manager busy");
+    const test::Result result = test::runLine(robot(), {"debug", "wave"});
+    robot().scenario().restoreMethod("VXBehaviorManager", "_getBehaviorFrameManagerId");
+    EXPECT_EQ(result.status, ExitCommandFailed) << result.all().toStdString();
+    // Told by the failed call itself or by the load it ends, whichever is first.
+    EXPECT_TRUE(result.err.contains("frame manager busy")) << result.all().toStdString();
+    EXPECT_FALSE(result.out.contains("running")) << result.all().toStdString();
+
+    // An empty id: no call failed, so only the load can tell.
+    robot().scenario().replaceMethod("VXBehaviorManager", "_getBehaviorFrameManagerId",
+                                     [](const sim::Args &) { return wz::AnyValue(std::string()); });
+    const test::Result empty = test::runLine(robot(), {"debug", "wave"});
+    robot().scenario().restoreMethod("VXBehaviorManager", "_getBehaviorFrameManagerId");
+    EXPECT_EQ(empty.status, ExitCommandFailed) << empty.all().toStdString();
+    EXPECT_TRUE(empty.err.contains("error: the robot did not load wave: The robot gave no "
+                                   "frame-manager id for wave"))
+        << empty.all().toStdString();
+}
+
 } // namespace
