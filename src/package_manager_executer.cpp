@@ -222,18 +222,35 @@ QString PackageManagerExecuter::installFromRemote(HttpProjectSynchronizer *synch
     return installText(call.failureText());
 }
 
+void PackageManagerExecuter::cancelTransfers()
+{
+    std::lock_guard<std::mutex> lock(m_transferMutex);
+    m_transfersCancelled = true;
+    if (m_runningTransfer)
+        m_runningTransfer->cancel();
+}
+
 void PackageManagerExecuter::push(HttpProjectSynchronizer *synchronizer, Connection &connection,
                                   const QFileInfo &source, const QString &directory)
 {
-    HttpProjectSynchronizer *expected = nullptr;
-    if (!synchronizer || !m_runningTransfer.compare_exchange_strong(expected, synchronizer))
-        throw CallFailure(ErrorCode::RobotFailed,
-                          tr("Another transfer task is already running").toStdString());
+    {
+        std::lock_guard<std::mutex> lock(m_transferMutex);
+        if (m_transfersCancelled)
+            throw CallFailure(ErrorCode::ConnectionLost, "the connection is closing");
+        if (!synchronizer || m_runningTransfer)
+            throw CallFailure(ErrorCode::RobotFailed,
+                              tr("Another transfer task is already running").toStdString());
+        m_runningTransfer = synchronizer;
+    }
     struct Release
     {
-        std::atomic<HttpProjectSynchronizer *> &running;
-        ~Release() { running = nullptr; }
-    } release {m_runningTransfer};
+        PackageManagerExecuter &executer;
+        ~Release()
+        {
+            std::lock_guard<std::mutex> lock(executer.m_transferMutex);
+            executer.m_runningTransfer = nullptr;
+        }
+    } release {*this};
     if (synchronizer->isBusy())
         throw CallFailure(ErrorCode::RobotFailed,
                           tr("a project synchronization operation is in progress").toStdString());
@@ -242,6 +259,12 @@ void PackageManagerExecuter::push(HttpProjectSynchronizer *synchronizer, Connect
     model->importFile(source.absoluteFilePath(), source.fileName(), false);
     synchronizer->push(connection.address().toStdString(), connection.httpTransferPort(),
                        model.get(), directory, wz::project::ArchiveFormat_Plain);
+    {
+        // A cancel that came before the push started was not the push's.
+        std::lock_guard<std::mutex> lock(m_transferMutex);
+        if (m_transfersCancelled)
+            synchronizer->cancel();
+    }
     const QString pushError = synchronizer->wait();
     if (!pushError.isEmpty())
         throw CallFailure(ErrorCode::RobotFailed, pushError.toStdString());

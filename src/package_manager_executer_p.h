@@ -20,6 +20,7 @@
 #include <atomic>
 
 #include <memory>
+#include <mutex>
 
 namespace VX {
 class VXProxy;
@@ -56,6 +57,10 @@ public:
     QPair<QString, QString> openFileTransferSession(QString name);
     void closeFileTransferSession(QString session);
     QString install(QString path, QString option, QString md5);
+    // Cancels the transfer running, and refuses those to come: the
+    // interface is going, and its end must not wait on the robot's server.
+    // Any thread.
+    void cancelTransfers();
     QString installFromRemote(HttpProjectSynchronizer *synchronizer, QString source,
                               QString option);
     QString remove(QString uuid);
@@ -83,9 +88,11 @@ private:
 
     boost::weak_ptr<Connection> m_connection;
     std::shared_ptr<EventRelay> m_events;
-    // The transfer now running; taken with compare-exchange so that two
-    // installs at once cannot both start one.
-    std::atomic<HttpProjectSynchronizer *> m_runningTransfer {nullptr};
+    // The transfer now running (one at a time), and whether they are
+    // refused; the lock also keeps a cancel from racing the transfer's end.
+    std::mutex m_transferMutex;
+    HttpProjectSynchronizer *m_runningTransfer = nullptr;
+    bool m_transfersCancelled = false;
 };
 
 } // namespace RK

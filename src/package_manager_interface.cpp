@@ -16,7 +16,12 @@ PackageManagerInterface::PackageManagerInterface(boost::shared_ptr<Connection> c
             &PackageManagerInterface::packageRemoved);
 }
 
-PackageManagerInterface::~PackageManagerInterface() = default;
+// Before the base waits for the calls still running: an install's upload
+// goes over its own connection, which the session's end does not cut.
+PackageManagerInterface::~PackageManagerInterface()
+{
+    executer()->cancelTransfers();
+}
 
 QFuture<QVector<wz::PackageInfo>> PackageManagerInterface::getPackages()
 {

@@ -188,6 +188,25 @@ TEST_P(PackageManagerTest, InstallFailuresCloseTheSession)
               "installed.");
 }
 
+// The upload has a connection of its own, which the session's end does not
+// cut: a disconnection during it cancels it rather than wait for the robot.
+TEST_P(PackageManagerTest, ADisconnectionCancelsAnUploadTheRobotHolds)
+{
+    sim::HttpFault fault;
+    fault.method = "PUT";
+    fault.kind = sim::HttpFault::Kind::Stall;
+    fault.times = 1;
+    service->setHttpFault(fault);
+    const QFuture<QString> install
+        = packages->installFromRemote(&sync, manifest("held"), QString());
+    ASSERT_TRUE(test::waitUntil([this] { return service->httpFaultsTaken() == 1; }));
+    // The application lets go of the interface; the connection ends it.
+    packages.reset();
+    recorder.disconnectAndWait();
+    EXPECT_EQ(result(install), "An error occurred during application's installation: cancelled");
+    EXPECT_TRUE(installed.isEmpty());
+}
+
 INSTANTIATE_TEST_SUITE_P(Generations, PackageManagerTest, ::testing::Values(1, 2));
 
 } // namespace
