@@ -37,7 +37,8 @@ class ConnectionManager;
 ///
 /// **Errors.** Every automatic attempt connects the manager's
 /// displayErrorRequested() to this object once more, and only
-/// cancelReconnectionProcess() removes those links: after N attempts one
+/// cancelReconnectionProcess() removes those links (the user's attempt's
+/// link goes with its failure): after N attempts one
 /// error counts N times, so repeated failures back off faster. An
 /// application that shows a dialog for each displayErrorRequested() gets one
 /// for each failed attempt: while counting, show reconnectionFailed()

@@ -99,6 +99,9 @@ void ReconnectionManager::onReconnectionFailed(QString, QString, QString)
 
 void ReconnectionManager::onReconnectionByUserFailed(QString, QString, QString)
 {
+    // The user's attempt is over: later failures are the countdown's own.
+    disconnect(m_manager, SIGNAL(displayErrorRequested(QString, QString, QString)), this,
+               SLOT(onReconnectionByUserFailed(QString, QString, QString)));
     emit reconnectionFailed(true);
     startReconnectionProcess(m_address, m_port, m_name);
 }

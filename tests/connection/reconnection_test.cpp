@@ -145,6 +145,14 @@ TEST_F(ReconnectionTest, AUsersRequestStartsAtOnceAndFailsBackTo30)
     EXPECT_TRUE(failed.at(0).at(0).toBool());
     EXPECT_EQ(reconnection->delay(), 30);
     EXPECT_TRUE(reconnection->isCounting());
+
+    // The user's attempt is over: the next automatic failure is told once,
+    // as automatic (one error reaches every link in the same emission).
+    reconnection->onReconnectionRequested();
+    ASSERT_TRUE(test::waitUntil([&] { return failed.count() >= 2; }));
+    EXPECT_EQ(failed.count(), 2);
+    EXPECT_FALSE(failed.at(1).at(0).toBool());
+    EXPECT_EQ(reconnection->delay(), 60);
 }
 
 TEST_F(ReconnectionTest, CancelWhileIdleAndReconnectWithoutAStart)
