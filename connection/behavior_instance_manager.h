@@ -89,11 +89,13 @@ public:
     /// while a start asked for earlier is still on its way.
     void playBehavior();
     /// From Running, Stopped comes with the robot's running list; from
-    /// Preloading, Preloaded or Starting, once the robot has taken the stop
-    /// (a start or focus switch still on its way is let through first), so
-    /// that the next preloadBehavior() is accepted. A stop the robot refuses
-    /// takes a running behaviour back to Running (the interface's
-    /// errorOccurred tells why).
+    /// Preloading or Preloaded, once the robot has taken the stop, so that
+    /// the next preloadBehavior() is accepted. From Starting, the start or
+    /// focus switch on its way is let through first: if the robot refuses
+    /// it, Stopped comes at once; if the behaviour started, the stop follows
+    /// and Stopped comes with the robot's list, as from Running. A stop the
+    /// robot refuses takes a running behaviour back to Running (the
+    /// interface's errorOccurred tells why).
     void stopBehavior();
 
     /// "User/NAME" and "NAME" are the same behaviour.
