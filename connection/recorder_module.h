@@ -16,6 +16,7 @@
 
 #include <vx/vxvalue.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -160,6 +161,9 @@ private:
     mutable QMutex m_jointsMutex;
     QSet<QString> m_jointsToRecord;
     bool m_recording = false;
+    // Whether the robot's "Recording" event ends the current recording: only
+    // an interactive one listens to it. Read on the framework's threads.
+    std::atomic<bool> m_interactive {false};
 };
 
 } // namespace RK

@@ -101,6 +101,7 @@ bool VXSartelRecorder::startToRecordInteractively(std::vector<std::string> joint
                                                   int nbPoses, Mode mode)
 {
     setJoints(jointsToRecord);
+    m_interactive = true;
     emit startInteractiveRecording(jointsToRecord, nbPoses, m_timeExtensionAllowed,
                                    static_cast<int>(mode));
     m_recording = true;
@@ -112,6 +113,8 @@ bool VXSartelRecorder::startToRecordPeriodically(std::vector<std::string> joints
                                                  VX::VXValue replayData, int nbPoses)
 {
     setJoints(jointsToRecord);
+    // The subscription an earlier interactive recording made stays.
+    m_interactive = false;
     emit startPeriodicRecording(jointsToRecord, nbPoses, m_timeExtensionAllowed,
                                 static_cast<float>(m_timeStep), jointsToReplay, replayData);
     m_recording = true;
@@ -153,7 +156,7 @@ void VXSartelRecorder::dataChanged(const std::string &key, const VX::VXValue &va
             return;
         }
         if (key == MethodRecorderExecuter::recordingKey) {
-            if (!value.toBool())
+            if (m_interactive && !value.toBool())
                 emit recordingStopped();
             return;
         }

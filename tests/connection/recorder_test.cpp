@@ -112,6 +112,29 @@ TEST_F(RecorderTest, InteractiveRecording)
     EXPECT_EQ(robot().scenario().callCount("VXMotionRecorder", "stopAndGetRecording"), 1u);
 }
 
+// The "Recording" event an interactive recording listened to stays
+// subscribed: a periodic one after it, on the same connection, still ends once.
+TEST_F(RecorderTest, APeriodicRecordingAfterAnInteractiveOneEndsOnce)
+{
+    ASSERT_TRUE(
+        module->startToRecordInteractively({"NeckYaw"}, 1, RK::VXSartelRecorder::ModeDefault));
+    ASSERT_TRUE(test::waitUntil([] { return motionRecorder().isRecording(); }));
+    motionRecorder().requestStorePosition();
+    ASSERT_TRUE(test::waitUntil([&] { return events.count(QStringLiteral("stopped")) == 2; }));
+    module->stopRecording();
+    ASSERT_TRUE(seen(QStringLiteral("received")));
+
+    events.clear();
+    module->setTimeStep(0.02);
+    ASSERT_TRUE(module->startToRecordPeriodically({"LArmGrip"}, {}, VX::VXValue(), 2));
+    ASSERT_TRUE(seen(QStringLiteral("stopped")));
+    // The robot raised "Recording" before its call: an event raised now
+    // comes after it on the same path.
+    robot().scenario().raiseMicroEvent("VXMotionRecorder/CurrentFrame", wz::AnyValue(99));
+    ASSERT_TRUE(seen(QStringLiteral("step 99")));
+    EXPECT_EQ(events.count(QStringLiteral("stopped")), 1) << events.join(", ").toStdString();
+}
+
 TEST_F(RecorderTest, PeriodicRecordingWithReplay)
 {
     module->setTimeStep(0.02);
