@@ -130,25 +130,24 @@ int debugCommand(Console &console, const QStringList &arguments)
               {{QStringLiteral("box"), box}, {QStringLiteral("error"), error}});
         problems << box + ": " + error;
     });
-    QObject::connect(&debugger, &D::errorStartingBehavior, [&](QString t, QString m, QString d) {
-        trace("startError", t + ": " + m + " " + d,
+    // A failure ends the wait; `problem` is what the last line gives.
+    auto fail = [&](const char *kind, const QString &t, const QString &m, const QString &d,
+                    const QString &problem) {
+        trace(kind, t + ": " + m + " " + d,
               {{QStringLiteral("title"), t},
                {QStringLiteral("message"), m},
                {QStringLiteral("details"), d}});
         failed = true;
-        problems << t + ": " + m;
+        problems << problem;
+    };
+    QObject::connect(&debugger, &D::errorStartingBehavior, [&](QString t, QString m, QString d) {
+        fail("startError", t, m, d, t + ": " + m);
     });
     // Start failures come as errorStartingBehavior above; a load without
     // an id only here.
     QObject::connect(&debugger, &D::errorOccurred, [&](const RK::OperationError &e) {
-        if (e.operation != QLatin1String("loadBehavior"))
-            return;
-        trace("loadError", e.title + ": " + e.contents + " " + e.details,
-              {{QStringLiteral("title"), e.title},
-               {QStringLiteral("message"), e.contents},
-               {QStringLiteral("details"), e.details}});
-        failed = true;
-        problems << e.contents + " " + e.details;
+        if (e.operation == QLatin1String("loadBehavior"))
+            fail("loadError", e.title, e.contents, e.details, e.contents + " " + e.details);
     });
     debugger.initialize(name);
     const Options &options = console.options();
