@@ -58,6 +58,8 @@ void LogManagerService::stop()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_running = false;
+        ++m_changes;
+        m_changed.store(m_changes);
         m_cond.notify_all();
     }
     if (m_thread.joinable())
@@ -68,10 +70,15 @@ void LogManagerService::setChatter(const Chatter &chatter)
 {
     if (chatter.rate < 0)
         throw std::invalid_argument("a chatter rate is 0 or more");
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     m_chatter = chatter;
     ++m_changes;
+    m_changed.store(m_changes);
     m_cond.notify_all();
+    // A batch being written goes on to its end unless told; once it has
+    // stopped, sent() holds for a stopped chatter, which is what a test
+    // counting messages compares against.
+    m_cond.wait(lock, [this]() { return !m_writing; });
 }
 
 LogManagerService::Chatter LogManagerService::chatter() const
@@ -100,11 +107,14 @@ void LogManagerService::run()
             const uint64_t due = static_cast<uint64_t>(elapsed * c.rate) + 1;
             if (written < due) {
                 const uint64_t n = due - written;
+                m_writing = true;
                 lock.unlock();
-                for (uint64_t i = 0; i < n; ++i)
+                for (uint64_t i = 0; i < n && m_changed.load() == changes; ++i)
                     wz::log::log(c.level, c.category, "chatter",
                                  "chatter " + std::to_string(m_sent++));
                 lock.lock();
+                m_writing = false;
+                m_cond.notify_all();
                 written = due;
                 continue;
             }

@@ -58,6 +58,15 @@ protected:
     {
         robot().serviceAs<sim::LogManagerService>("LogManager")->setChatter(c);
     }
+    // Stops the chatter once `cap` messages have been written since `first`.
+    // The robot's own queue (10,000) then never fills, however slowly a
+    // sanitized robot on a busy machine sends, so every loss is the desktop's.
+    void capChatter(uint64_t first, uint64_t cap)
+    {
+        auto *service = robot().serviceAs<sim::LogManagerService>("LogManager");
+        if (service->sent() - first >= cap && service->chatter().rate > 0)
+            chatter({0, "test.chatter", wz::LogLevel_Warning});
+    }
     std::vector<std::string> texts(const std::string &category) const
     {
         std::vector<std::string> out;
@@ -89,7 +98,10 @@ TEST_F(LogListenerTest, MessagesArriveInOrderWithNoneLost)
     EXPECT_EQ(logs->executerThread()->objectName(), QStringLiteral("LogListenerInterface thread"));
     const uint64_t first = robot().serviceAs<sim::LogManagerService>("LogManager")->sent();
     chatter({4000, "test.chatter", wz::LogLevel_Warning});
-    ASSERT_TRUE(test::waitUntil([&] { return texts("test.chatter").size() >= 2000; }));
+    ASSERT_TRUE(test::waitUntil([&] {
+        capChatter(first, 4000);
+        return texts("test.chatter").size() >= 2000;
+    }));
     chatter({0, "test.chatter", wz::LogLevel_Warning});
     const std::vector<std::string> got = texts("test.chatter");
     for (size_t i = 0; i < got.size(); ++i)
@@ -134,7 +146,7 @@ TEST_F(LogListenerTest, ARobotWithoutLogManager)
     logs->clearFilters().waitForFinished();
 }
 
-// The application's thread stalls while the robot logs 20,000 messages a
+// The application's thread stalls while the robot logs 5,000 messages a
 // second: the queue to it stays within its limit, the oldest go, and what
 // it is told adds up exactly to what the robot sent.
 TEST_F(LogListenerTest, AStalledReaderKeepsABoundedQueueAndLearnsWhatWasDropped)
@@ -168,21 +180,22 @@ TEST_F(LogListenerTest, AStalledReaderKeepsABoundedQueueAndLearnsWhatWasDropped)
                      });
 
     RK::LogListenerExecuter *executer = logs->executer();
-    chatter({20000, "test.chatter", wz::LogLevel_Warning});
-    // The stall: no event of this thread runs until 3,000 have arrived.
+    chatter({5000, "test.chatter", wz::LogLevel_Warning});
+    // The stall: no event of this thread runs until 2,000 have arrived.
     int mostPending = 0;
     QDeadlineTimer deadline(8000);
-    while (executer->stats().received < 3000 && !deadline.hasExpired()) {
+    while (executer->stats().received < 2000 && !deadline.hasExpired()) {
         mostPending = std::max(mostPending, executer->stats().pending);
+        capChatter(first, 4000);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     chatter({0, "test.chatter", wz::LogLevel_Warning});
     const uint64_t end = robot().serviceAs<sim::LogManagerService>("LogManager")->sent();
     const RK::LogListenerExecuter::Stats stalled = executer->stats();
-    ASSERT_GE(stalled.received, 3000u);
+    ASSERT_GE(stalled.received, 2000u);
     EXPECT_LE(mostPending, 500);
     EXPECT_LE(stalled.pending, 500);
-    EXPECT_GE(stalled.dropped, 2500u);
+    EXPECT_GE(stalled.dropped, 1500u);
 
     ASSERT_TRUE(test::waitUntil([&] { return expected >= end; }));
     EXPECT_EQ(expected, end);

@@ -129,7 +129,8 @@ public:
     // Settings: {"chatter": {"rate": N, "category": TEXT, "level": 0..6}}.
     void configure(const wz::AnyValue &settings) override;
 
-    // Starts, changes or (rate 0) stops the chatter; numbering goes on.
+    // Starts, changes or (rate 0) stops the chatter; numbering goes on. It
+    // returns once no message of the old setting is still being written.
     void setChatter(const Chatter &chatter);
     Chatter chatter() const;
     // Messages written so far; the next one is "chatter <sent()>".
@@ -143,6 +144,8 @@ private:
     Chatter m_chatter;
     bool m_running = false;
     uint64_t m_changes = 0;
+    std::atomic<uint64_t> m_changed {0}; // m_changes, read without the lock
+    bool m_writing = false;
     std::atomic<uint64_t> m_sent {0};
     std::thread m_thread;
 };
