@@ -74,14 +74,22 @@ TEST(YuvToBgra, TheDispatchedKernelIsTheWidestSupported)
 }
 
 // Every (Y, U, V) once in the first pixel of a pair and once in the second:
-// 2^24 pairs, converted 65536 at a time.
+// 2^24 pairs, converted 65536 at a time. A sanitized build, here for memory
+// faults the random images find at every size, takes every fifth Y (0 and
+// 255 among them) and keeps under its time limit.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int k_yStep = 5;
+#else
+constexpr int k_yStep = 1;
+#endif
+
 TEST(YuvToBgra, EveryInputMatchesTheReference)
 {
     constexpr std::size_t pairs = 256 * 256;
     std::vector<unsigned char> in(pairs * 4);
     std::vector<unsigned char> expected(pairs * 8);
     std::vector<unsigned char> got(pairs * 8);
-    for (int y = 0; y < 256; ++y) {
+    for (int y = 0; y < 256; y += k_yStep) {
         std::size_t n = 0;
         for (int u = 0; u < 256; ++u) {
             for (int v = 0; v < 256; ++v) {
