@@ -314,6 +314,61 @@ TEST_F(WzSession, ConcurrentCallsFromEightThreads)
     EXPECT_EQ(wrong, 0);
 }
 
+// Callers waiting on one link while it also carries a stream of signals:
+// with replies small and large (over the 64 KiB read buffer), every reply is
+// the caller's own and whole, and the signals arrive complete and in order.
+TEST_F(WzSession, RepliesAndSignalsSharingALinkKeepTheStreamWhole)
+{
+    wz::DynamicObjectBuilder b("Mixed");
+    b.advertiseSignal("tick", 1);
+    b.advertiseMethod("echo", 1, [](const std::vector<AnyValue> &a) { return a[0]; });
+    wz::Object mixed = b.object();
+    directory->registerService("Mixed", mixed).value();
+    wz::Object remote = client->service("Mixed").value();
+
+    std::mutex m;
+    std::vector<int> ticks;
+    remote
+        .connect("tick",
+                 [&](int n) {
+                     std::lock_guard<std::mutex> lock(m);
+                     ticks.push_back(n);
+                 })
+        .value();
+    constexpr int kTicks = 20000;
+    std::thread emitter([&] {
+        for (int i = 0; i < kTicks; ++i)
+            mixed->emitSignal("tick", {AnyValue(i)});
+    });
+
+    std::atomic<int> wrong {0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 4; ++t) {
+        callers.emplace_back([&, t] {
+            for (int i = 0; i < 150; ++i) {
+                // Every tenth value is larger than the read buffer.
+                const size_t size = i % 10 == 0 ? 200000 + t : 16 + (i % 7);
+                const std::string bytes(size, static_cast<char>('a' + (t * 7 + i) % 26));
+                const wz::Buffer got = remote.call<wz::Buffer>("echo", wz::Buffer(bytes));
+                if (got != wz::Buffer(bytes))
+                    ++wrong;
+            }
+        });
+    }
+    for (auto &c : callers)
+        c.join();
+    emitter.join();
+    EXPECT_EQ(wrong, 0);
+    ASSERT_TRUE(test::waitUntil([&] {
+        std::lock_guard<std::mutex> lock(m);
+        return ticks.size() >= static_cast<size_t>(kTicks);
+    }));
+    std::lock_guard<std::mutex> lock(m);
+    ASSERT_EQ(ticks.size(), static_cast<size_t>(kTicks));
+    for (int i = 0; i < kTicks; ++i)
+        ASSERT_EQ(ticks[i], i) << "tick " << i;
+}
+
 TEST_F(WzSession, NestedRemoteCallsFromFrameworkThreads)
 {
     // The client offers an object; the directory's method calls into it and
