@@ -46,6 +46,7 @@ FutureState FutureStateBase::wait(int msecs) const
     std::shared_ptr<Waker> waker = Waker::forThisThread();
     waker->drain();
     m_waiters.push_back(waker);
+    const std::function<bool()> helper = m_waitHelper;
     while (m_state == FutureState_Running) {
         int64_t left = -1;
         if (!forever) {
@@ -57,7 +58,7 @@ FutureState FutureStateBase::wait(int msecs) const
                 break;
         }
         lock.unlock();
-        waker->wait(left, Waker::callerSpinUs());
+        waker->wait(left, Waker::callerSpinUs(), helper ? &helper : nullptr);
         lock.lock();
     }
     auto it = std::find(m_waiters.begin(), m_waiters.end(), waker);
@@ -66,6 +67,19 @@ FutureState FutureStateBase::wait(int msecs) const
     if (m_state != FutureState_Running)
         WZ_TRACE_MARK(CallerAwake);
     return m_state;
+}
+
+void FutureStateBase::setWaitHelper(std::function<bool()> helper)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_state == FutureState_Running)
+        m_waitHelper = std::move(helper);
+}
+
+std::function<bool()> FutureStateBase::waitHelper() const
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_waitHelper;
 }
 
 FutureState FutureStateBase::state() const
@@ -114,6 +128,7 @@ void FutureStateBase::endFinish(std::unique_lock<std::mutex> &lock, FutureState 
     direct.swap(m_directCallbacks);
     std::function<void()> handler = std::move(m_cancelHandler);
     m_cancelHandler = nullptr;
+    m_waitHelper = nullptr;
     std::vector<std::shared_ptr<Waker>> waiters;
     waiters.swap(m_waiters);
     lock.unlock();

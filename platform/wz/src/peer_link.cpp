@@ -99,6 +99,9 @@ void PeerLink::close(const std::string &reason, CloseMode mode)
     auto self = shared_from_this();
     asio::post(m_strand, [self, mode]() {
         boost::system::error_code ec;
+        // A caller reading the socket holds this: the descriptor is never
+        // closed (and its number reused) under its read.
+        std::lock_guard<std::mutex> lock(self->m_readMutex);
         if (mode == CloseMode::Reset)
             self->m_socket.set_option(asio::socket_base::linger(true, 0), ec);
         self->m_socket.close(ec);
@@ -153,7 +156,7 @@ void PeerLink::setStalled(bool stalled)
     auto self = shared_from_this();
     asio::post(m_strand, [self]() {
         self->m_lastReceived = nowMs();
-        self->processInput();
+        self->readSome();
     });
 }
 } // namespace detail

@@ -94,8 +94,15 @@ public:
     uint64_t request(Message msg, Done done);
     // Forgets the request and tells the peer.
     void cancelRequest(uint64_t id);
-    // A call as a future, cancelable.
+    // A call as a future, cancelable. A thread that waits for it reads the
+    // reply itself while it spins (pollFromCaller), so a small call needs no
+    // wake of the I/O thread on the caller's side.
     Future<AnyValue> call(Message msg);
+    // From a thread waiting for one of this link's replies: reads what the
+    // socket holds now, without waiting. Replies with nothing unhandled
+    // before them are completed on this thread; anything else goes to the
+    // I/O thread in stream order. True when it read something.
+    bool pollFromCaller();
 
     enum class CloseMode { Graceful, Quiet, Reset };
     // Thread-safe, idempotent, never waits. Fails every request in flight
@@ -158,11 +165,17 @@ private:
     void scheduleFlush();
     void onWritable(const boost::system::error_code &ec);
 
+    // Reading, on the I/O thread: readSome() arms a wait for the socket and
+    // then pumps, so that bytes landing after the pump's last read wake it.
     void readSome();
-    void onRead(const boost::system::error_code &ec, size_t n);
-    void processInput();
+    void onReadable(const boost::system::error_code &ec);
+    void pump();
     void readLargeFrame(size_t bodySize);
-    void handleFrame(const std::shared_ptr<const void> &owner, const char *body, size_t size);
+    void drainInbox();
+    // With m_readMutex held, by either reader.
+    size_t readOnceLocked();
+    size_t cutFramesLocked();
+    void handleFrame(Message &msg);
     void dispatch(Message &msg);
     void armHeartbeat();
     void onHeartbeat();
@@ -200,11 +213,19 @@ private:
     std::deque<Queued> m_queue;
     size_t m_queuedBytes = 0;
 
-    // Read side (I/O thread only).
+    // Read side. The I/O thread reads when the socket turns readable, and a
+    // caller spinning for its reply may read too; both take m_readMutex, and
+    // decode under it, so bytes and frames keep the stream's order. Decoded
+    // messages wait in m_inbox for the I/O thread, in that order.
+    std::mutex m_readMutex;
     std::unique_ptr<char[]> m_rx;
     size_t m_rxBegin = 0;
     size_t m_rxEnd = 0;
-    bool m_reading = false;
+    bool m_largeReading = false; // a large frame is read into its own buffer
+    std::deque<Message> m_inbox;
+    boost::system::error_code m_readFailure; // the first, whoever read it
+    std::string m_protocolFailure;
+    bool m_readArmed = false; // I/O thread only
 
     // Objects and requests.
     mutable std::mutex m_mutex;

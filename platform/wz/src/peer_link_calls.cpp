@@ -242,6 +242,12 @@ Future<AnyValue> PeerLink::call(Message msg)
         promise.setCanceled();
     });
     Future<AnyValue> f = p.future();
+    if (auto state = FutureAccess<AnyValue>::state(f)) {
+        state->setWaitHelper([weak]() {
+            auto c = weak.lock();
+            return c && c->pollFromCaller();
+        });
+    }
     *idHolder
         = request(std::move(msg), [p](bool ok, const AnyValue &v, const std::string &e) mutable {
               if (ok)

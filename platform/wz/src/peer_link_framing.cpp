@@ -245,22 +245,175 @@ void PeerLink::sendRaw(const std::string &bytes)
 
 void PeerLink::readSome()
 {
-    if (m_reading || !m_open || m_stalled)
+    if (!m_open || m_stalled || m_largeReading)
         return;
+    if (!m_readArmed) {
+        m_readArmed = true;
+        auto self = shared_from_this();
+        m_socket.async_wait(
+            tcp::socket::wait_read,
+            asio::bind_executor(
+                m_strand, [self](const boost::system::error_code &ec) { self->onReadable(ec); }));
+    }
+    pump();
+}
+
+void PeerLink::onReadable(const boost::system::error_code &ec)
+{
+    m_readArmed = false;
+    if (ec) {
+        failRead(ec);
+        return;
+    }
+    readSome();
+}
+
+size_t PeerLink::readOnceLocked()
+{
+    if (m_readFailure || !m_protocolFailure.empty())
+        return 0;
     if (m_rxBegin == m_rxEnd) {
         m_rxBegin = m_rxEnd = 0;
     } else if (m_rxEnd == kRxCapacity) {
+        if (m_rxBegin == 0)
+            return 0; // a large frame's start: it is read into its own buffer
         std::memmove(m_rx.get(), m_rx.get() + m_rxBegin, m_rxEnd - m_rxBegin);
         m_rxEnd -= m_rxBegin;
         m_rxBegin = 0;
     }
-    m_reading = true;
-    auto self = shared_from_this();
-    m_socket.async_read_some(
-        asio::buffer(m_rx.get() + m_rxEnd, kRxCapacity - m_rxEnd),
-        asio::bind_executor(m_strand, [self](const boost::system::error_code &ec, size_t n) {
-            self->onRead(ec, n);
-        }));
+    for (;;) {
+        const ssize_t n = ::recv(m_fd, m_rx.get() + m_rxEnd, kRxCapacity - m_rxEnd, MSG_DONTWAIT);
+        if (n > 0) {
+            m_rxEnd += static_cast<size_t>(n);
+            m_lastReceived = nowMs();
+            return static_cast<size_t>(n);
+        }
+        if (n == 0)
+            m_readFailure = asio::error::eof;
+        else if (errno == EINTR)
+            continue;
+        else if (errno != EAGAIN && errno != EWOULDBLOCK)
+            m_readFailure = boost::system::error_code(errno, boost::system::system_category());
+        return 0;
+    }
+}
+
+size_t PeerLink::cutFramesLocked()
+{
+    while (m_protocolFailure.empty()) {
+        const size_t avail = m_rxEnd - m_rxBegin;
+        if (avail < kHeaderSize)
+            return 0;
+        size_t body;
+        try {
+            body = parseHeader(reinterpret_cast<const unsigned char *>(m_rx.get() + m_rxBegin));
+        } catch (const ProtocolError &e) {
+            m_protocolFailure = e.what();
+            return 0;
+        }
+        if (avail < kHeaderSize + body)
+            return kHeaderSize + body > kRxCapacity ? body : 0;
+        std::shared_ptr<char[]> frame(new char[body]);
+        std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, body);
+        m_rxBegin += kHeaderSize + body;
+        try {
+            m_inbox.push_back(decodeMessage(frame, frame.get(), body, this));
+        } catch (const ProtocolError &e) {
+            m_protocolFailure = e.what();
+        } catch (const std::exception &e) {
+            // Out of memory and the like while decoding: still this peer's doing.
+            m_protocolFailure = std::string("undecodable frame: ") + e.what();
+        }
+    }
+    return 0;
+}
+
+void PeerLink::pump()
+{
+    // The socket is read until it is empty: its wait is armed, and wakes only
+    // for bytes that land from now on. A pass reads a bounded amount, so that
+    // a peer that never stops sending cannot keep the other links waiting.
+    constexpr int kReadsAPass = 16;
+    size_t largeBody = 0;
+    bool empty = false;
+    {
+        std::lock_guard<std::mutex> lock(m_readMutex);
+        if (!m_open || m_stalled || m_largeReading)
+            return;
+        for (int i = 0; i < kReadsAPass && !empty && largeBody == 0; ++i) {
+            empty = readOnceLocked() == 0;
+            largeBody = cutFramesLocked();
+        }
+    }
+    drainInbox();
+    if (!m_open || m_stalled)
+        return;
+    if (largeBody > 0) {
+        readLargeFrame(largeBody);
+    } else if (!empty) {
+        auto self = shared_from_this();
+        asio::post(m_strand, [self]() { self->readSome(); });
+    }
+}
+
+bool PeerLink::pollFromCaller()
+{
+    std::unique_lock<std::mutex> lock(m_readMutex, std::try_to_lock);
+    if (!lock.owns_lock() || !m_open || m_stalled || m_largeReading || m_readFailure
+        || !m_protocolFailure.empty())
+        return false;
+    const bool earlierWaiting = !m_inbox.empty();
+    if (readOnceLocked() == 0 && !m_readFailure)
+        return false;
+    cutFramesLocked();
+    std::vector<Message> replies;
+    while (!earlierWaiting && !m_inbox.empty()
+           && (m_inbox.front().kind == MsgKind::Reply || m_inbox.front().kind == MsgKind::Error)) {
+        replies.push_back(std::move(m_inbox.front()));
+        m_inbox.pop_front();
+    }
+    const bool more
+        = !m_inbox.empty() || m_rxBegin != m_rxEnd || m_readFailure || !m_protocolFailure.empty();
+    lock.unlock();
+    for (Message &reply : replies)
+        handleFrame(reply);
+    if (more) {
+        auto self = shared_from_this();
+        asio::post(m_strand, [self]() { self->readSome(); });
+    }
+    return true;
+}
+
+void PeerLink::drainInbox()
+{
+    for (;;) {
+        Message msg;
+        boost::system::error_code failure;
+        std::string protocolFailure;
+        {
+            std::lock_guard<std::mutex> lock(m_readMutex);
+            if (!m_open || m_stalled)
+                return;
+            if (m_inbox.empty()) {
+                if (!m_readFailure && m_protocolFailure.empty())
+                    return;
+                failure = m_readFailure;
+                protocolFailure = m_protocolFailure;
+            } else {
+                msg = std::move(m_inbox.front());
+                m_inbox.pop_front();
+            }
+        }
+        if (failure) {
+            failRead(failure);
+            return;
+        }
+        if (!protocolFailure.empty()) {
+            protocolError(protocolFailure);
+            return;
+        }
+        handleFrame(msg);
+    }
 }
 
 void PeerLink::failRead(const boost::system::error_code &ec)
@@ -278,18 +431,6 @@ void PeerLink::failRead(const boost::system::error_code &ec)
     close(reason, CloseMode::Quiet);
 }
 
-void PeerLink::onRead(const boost::system::error_code &ec, size_t n)
-{
-    m_reading = false;
-    if (ec) {
-        failRead(ec);
-        return;
-    }
-    m_rxEnd += n;
-    m_lastReceived = nowMs();
-    processInput();
-}
-
 void PeerLink::protocolError(const std::string &why)
 {
     if (!m_open)
@@ -299,44 +440,19 @@ void PeerLink::protocolError(const std::string &why)
     close("disconnected: protocol error: " + why, CloseMode::Quiet);
 }
 
-void PeerLink::processInput()
-{
-    while (m_open && !m_stalled && !m_reading) {
-        const size_t avail = m_rxEnd - m_rxBegin;
-        if (avail < kHeaderSize)
-            break;
-        size_t body;
-        try {
-            body = parseHeader(reinterpret_cast<const unsigned char *>(m_rx.get() + m_rxBegin));
-        } catch (const ProtocolError &e) {
-            protocolError(e.what());
-            return;
-        }
-        if (avail >= kHeaderSize + body) {
-            std::shared_ptr<char[]> frame(new char[body]);
-            std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, body);
-            m_rxBegin += kHeaderSize + body;
-            handleFrame(frame, frame.get(), body);
-            continue;
-        }
-        if (kHeaderSize + body > kRxCapacity) {
-            readLargeFrame(body);
-            return;
-        }
-        break;
-    }
-    readSome();
-}
-
 void PeerLink::readLargeFrame(size_t body)
 {
     // Read straight into the frame's own buffer: a large binary value is
     // then handed to the caller without another copy.
     std::shared_ptr<char[]> frame = largeFrameBuffer(body);
-    const size_t have = m_rxEnd - m_rxBegin - kHeaderSize;
-    std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, have);
-    m_rxBegin = m_rxEnd = 0;
-    m_reading = true;
+    size_t have;
+    {
+        std::lock_guard<std::mutex> lock(m_readMutex);
+        have = m_rxEnd - m_rxBegin - kHeaderSize;
+        std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, have);
+        m_rxBegin = m_rxEnd = 0;
+        m_largeReading = true;
+    }
     auto self = shared_from_this();
     auto filled = std::make_shared<size_t>(have);
     auto step = std::make_shared<std::function<void()>>();
@@ -349,7 +465,10 @@ void PeerLink::readLargeFrame(size_t body)
                 self->m_strand,
                 [self, frame, body, filled, next](const boost::system::error_code &ec, size_t n) {
                     if (ec) {
-                        self->m_reading = false;
+                        {
+                            std::lock_guard<std::mutex> lock(self->m_readMutex);
+                            self->m_largeReading = false;
+                        }
                         self->failRead(ec);
                         return;
                     }
@@ -359,27 +478,27 @@ void PeerLink::readLargeFrame(size_t body)
                         (*next)();
                         return;
                     }
-                    self->m_reading = false;
-                    self->handleFrame(frame, frame.get(), body);
-                    self->processInput();
+                    {
+                        std::lock_guard<std::mutex> lock(self->m_readMutex);
+                        self->m_largeReading = false;
+                        try {
+                            self->m_inbox.push_back(
+                                decodeMessage(frame, frame.get(), body, self.get()));
+                        } catch (const ProtocolError &e) {
+                            self->m_protocolFailure = e.what();
+                        } catch (const std::exception &e) {
+                            self->m_protocolFailure = std::string("undecodable frame: ") + e.what();
+                        }
+                    }
+                    self->drainInbox();
+                    self->readSome();
                 }));
     };
     (*step)();
 }
 
-void PeerLink::handleFrame(const std::shared_ptr<const void> &owner, const char *body, size_t size)
+void PeerLink::handleFrame(Message &msg)
 {
-    Message msg;
-    try {
-        msg = decodeMessage(owner, body, size, this);
-    } catch (const ProtocolError &e) {
-        protocolError(e.what());
-        return;
-    } catch (const std::exception &e) {
-        // Out of memory and the like while decoding: still this peer's doing.
-        protocolError(std::string("undecodable frame: ") + e.what());
-        return;
-    }
 #ifdef WZ_TRACE
     if (msg.kind == MsgKind::Call)
         WZ_TRACE_MARK(CallDecoded);

@@ -155,7 +155,7 @@ void Waker::wake()
     m_cond.notify_all();
 }
 
-bool Waker::spin(int64_t budgetNs)
+bool Waker::spin(int64_t budgetNs, const std::function<bool()> *helper)
 {
     m_mode.store(Spinning, std::memory_order_seq_cst);
     const int64_t deadline = nowNs() + budgetNs;
@@ -163,6 +163,10 @@ bool Waker::spin(int64_t budgetNs)
         if (m_signal.load(std::memory_order_acquire))
             return true;
         if (i % 32 == 0) {
+            // The helper may finish the wait itself (a caller reading its
+            // reply), sparing the wake of another thread.
+            if (helper && (*helper)() && m_signal.load(std::memory_order_acquire))
+                return true;
             if (nowNs() >= deadline)
                 return false;
             // Lets a thread that was woken onto this CPU run: it may well be
@@ -175,7 +179,7 @@ bool Waker::spin(int64_t budgetNs)
     }
 }
 
-bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs)
+bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs, const std::function<bool()> *helper)
 {
     const int64_t start = nowNs();
     int64_t budgetNs = 0;
@@ -189,7 +193,7 @@ bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs)
         if (timeoutMs >= 0)
             budgetNs = std::min(budgetNs, timeoutMs * 1000000);
     }
-    bool woke = budgetNs > 0 && spin(budgetNs);
+    bool woke = budgetNs > 0 && spin(budgetNs, helper);
     if (!woke) {
         m_mode.store(Sleeping, std::memory_order_seq_cst);
         m_pipeMayHoldWake = true;

@@ -43,8 +43,10 @@ public:
 
     void wake();
     // Sleeps until woken or `timeoutMs` passes (-1: no limit); true if woken.
-    // At most `maxSpinUs` of it may be spent spinning first.
-    bool wait(int64_t timeoutMs, int64_t maxSpinUs = 0);
+    // At most `maxSpinUs` of it may be spent spinning first, calling
+    // `helper` (if any) every few microseconds of the spin.
+    bool wait(int64_t timeoutMs, int64_t maxSpinUs = 0,
+              const std::function<bool()> *helper = nullptr);
     // Forgets a wake that came after its waiter had stopped waiting.
     void drain();
 
@@ -55,7 +57,7 @@ public:
 
 private:
     enum { Awake, Spinning, Sleeping };
-    bool spin(int64_t budgetNs);
+    bool spin(int64_t budgetNs, const std::function<bool()> *helper);
 
     std::atomic<bool> m_signal {false};
     std::atomic<int> m_mode {Awake};

@@ -71,6 +71,12 @@ public:
     void setCancelHandler(std::function<void()> handler);
     void requestCancel();
 
+    // Work a thread waiting for this future may do while it spins, such as
+    // reading the reply from the socket itself; it returns whether it made
+    // progress and must not block. Internal use only.
+    void setWaitHelper(std::function<bool()> helper);
+    std::function<bool()> waitHelper() const;
+
 protected:
     // Called with the lock held, before waking waiters.
     bool beginFinish(std::unique_lock<std::mutex> &lock);
@@ -86,6 +92,7 @@ private:
     std::vector<std::function<void()>> m_callbacks;
     std::vector<std::function<void()>> m_directCallbacks;
     std::function<void()> m_cancelHandler;
+    std::function<bool()> m_waitHelper;
     bool m_cancelRequested = false;
 };
 

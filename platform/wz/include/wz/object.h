@@ -385,6 +385,8 @@ Future<R> convertFuture(const Future<AnyValue> &f)
         });
         if (!source)
             return makeFutureError<R>(invalidFutureText());
+        if (auto state = FutureAccess<R>::state(promise.future()))
+            state->setWaitHelper(source->waitHelper());
         source->addDirectCallback([promise, source]() mutable {
             const FutureState st = source->state();
             if (st == FutureState_Canceled) {
