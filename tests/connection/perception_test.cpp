@@ -128,14 +128,18 @@ TEST_F(PerceptionTest, PollingFollowsObjectsAndOneStopEndsEveryStart)
     ASSERT_TRUE(timer);
     std::atomic<int> ticks {0};
     std::atomic<int> polls {0};
-    QObject::connect(
-        timer, &QTimer::timeout, executer, [&] { ++ticks; }, Qt::DirectConnection);
-    QObject::connect(
-        executer, &RK::WorldRepresentationExecuter::objectsUpdated, executer, [&] { ++polls; },
-        Qt::DirectConnection);
     const auto onExecuter = [&](const std::function<void()> &f) {
         QMetaObject::invokeMethod(executer, f, Qt::BlockingQueuedConnection);
     };
+    // Connected on the executer's thread, where they run: the counting slots
+    // are then made, and called, by one thread only.
+    onExecuter([&] {
+        QObject::connect(
+            timer, &QTimer::timeout, executer, [&] { ++ticks; }, Qt::DirectConnection);
+        QObject::connect(
+            executer, &RK::WorldRepresentationExecuter::objectsUpdated, executer, [&] { ++polls; },
+            Qt::DirectConnection);
+    });
 
     onExecuter([&] { ticks = polls = 0; });
     worldRep->startObjectPolling(10);
