@@ -175,6 +175,7 @@ private:
     // With m_readMutex held, by either reader.
     size_t readOnceLocked();
     size_t cutFramesLocked();
+    void decodeFrameLocked(const std::shared_ptr<const void> &owner, const char *body, size_t size);
     void handleFrame(Message &msg);
     void dispatch(Message &msg);
     void armHeartbeat();

@@ -316,16 +316,22 @@ size_t PeerLink::cutFramesLocked()
         std::shared_ptr<char[]> frame(new char[body]);
         std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, body);
         m_rxBegin += kHeaderSize + body;
-        try {
-            m_inbox.push_back(decodeMessage(frame, frame.get(), body, this));
-        } catch (const ProtocolError &e) {
-            m_protocolFailure = e.what();
-        } catch (const std::exception &e) {
-            // Out of memory and the like while decoding: still this peer's doing.
-            m_protocolFailure = std::string("undecodable frame: ") + e.what();
-        }
+        decodeFrameLocked(frame, frame.get(), body);
     }
     return 0;
+}
+
+void PeerLink::decodeFrameLocked(const std::shared_ptr<const void> &owner, const char *body,
+                                 size_t size)
+{
+    try {
+        m_inbox.push_back(decodeMessage(owner, body, size, this));
+    } catch (const ProtocolError &e) {
+        m_protocolFailure = e.what();
+    } catch (const std::exception &e) {
+        // Out of memory and the like while decoding: still this peer's doing.
+        m_protocolFailure = std::string("undecodable frame: ") + e.what();
+    }
 }
 
 void PeerLink::pump()
@@ -359,15 +365,16 @@ void PeerLink::pump()
 bool PeerLink::pollFromCaller()
 {
     std::unique_lock<std::mutex> lock(m_readMutex, std::try_to_lock);
+    // With messages still waiting for the I/O thread, no reply read now could
+    // be completed here before them: leave the reading to that thread too.
     if (!lock.owns_lock() || !m_open || m_stalled || m_largeReading || m_readFailure
-        || !m_protocolFailure.empty())
+        || !m_protocolFailure.empty() || !m_inbox.empty())
         return false;
-    const bool earlierWaiting = !m_inbox.empty();
     if (readOnceLocked() == 0 && !m_readFailure)
         return false;
     cutFramesLocked();
     std::vector<Message> replies;
-    while (!earlierWaiting && !m_inbox.empty()
+    while (!m_inbox.empty()
            && (m_inbox.front().kind == MsgKind::Reply || m_inbox.front().kind == MsgKind::Error)) {
         replies.push_back(std::move(m_inbox.front()));
         m_inbox.pop_front();
@@ -481,14 +488,7 @@ void PeerLink::readLargeFrame(size_t body)
                     {
                         std::lock_guard<std::mutex> lock(self->m_readMutex);
                         self->m_largeReading = false;
-                        try {
-                            self->m_inbox.push_back(
-                                decodeMessage(frame, frame.get(), body, self.get()));
-                        } catch (const ProtocolError &e) {
-                            self->m_protocolFailure = e.what();
-                        } catch (const std::exception &e) {
-                            self->m_protocolFailure = std::string("undecodable frame: ") + e.what();
-                        }
+                        self->decodeFrameLocked(frame, frame.get(), body);
                     }
                     self->drainInbox();
                     self->readSome();

@@ -143,8 +143,8 @@ private:
     std::condition_variable m_cond;
     Chatter m_chatter;
     bool m_running = false;
-    uint64_t m_changes = 0;
-    std::atomic<uint64_t> m_changed {0}; // m_changes, read without the lock
+    // Written under the lock; a batch being written reads it without.
+    std::atomic<uint64_t> m_changes {0};
     bool m_writing = false;
     std::atomic<uint64_t> m_sent {0};
     std::thread m_thread;
