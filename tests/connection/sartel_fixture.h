@@ -150,7 +150,7 @@ protected:
         return robot().scenario().callCount(service, method);
     }
 
-    RK::ConnectionTiming timing;
+    RK::ConnectionTiming timing = quickTiming();
     std::unique_ptr<Recorder> recorder;
     boost::shared_ptr<RK::Connection> connection;
     boost::shared_ptr<RK::SartelModuleInterface> module;
