@@ -274,7 +274,9 @@ TEST(FutureListWatcher, FinishedWrappersAreDeletedFromAnyThread)
     for (const auto &w : wrappers)
         EXPECT_TRUE(test::waitUntil([&] { return w.isNull(); }));
 
-    QMetaObject::invokeMethod(watcher, &QObject::deleteLater);
+    // A queued deleteLater could be left behind by the quit; finished() is
+    // the thread's last word, and its deferred deletes still run.
+    QObject::connect(&owner, &QThread::finished, watcher, &QObject::deleteLater);
     owner.quit();
     owner.wait();
 }
