@@ -161,7 +161,7 @@ TEST_F(DeviceCommands, StreamsOfTheMemoryAndTheLog)
     // as one JSON object.
     for (const bool json : {false, true}) {
         SCOPED_TRACE(json ? "json" : "text");
-        Words words {"events", "Console/Ping", "--for", "1.5"};
+        Words words {"events", "Console/Ping", "--for", "1"};
         if (json)
             words << "--json";
         const test::Result result = test::runLine(

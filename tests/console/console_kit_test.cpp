@@ -222,7 +222,7 @@ TEST_F(ScriptOutput, StreamsAreOneObjectALineDocumentsCarryTheRobotsValues)
     const std::vector<QStringList> streams {
         {"watch", "MorvaneReady", "--gather", "100", "--for", "0.5", "--json"},
         {"debug", "wave", "--for", "5", "--json"},
-        {"world", "--for", "0.2", "--json"},
+        {"world", "--period", "50", "--for", "0.2", "--json"},
         {"people", "--for", "0.2", "--json"},
     };
     for (const QStringList &words : streams) {

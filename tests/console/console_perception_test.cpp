@@ -13,11 +13,16 @@ class PerceptionCommands : public test::ConsoleRows
 
 TEST_F(PerceptionCommands, WorldAndObjects)
 {
+    // A short period: the first list waits for the first poll.
     check({
-        {Words {"world", "--for", "0.3"}, Situation::Success, ExitOk, "Cup          object"},
-        {Words {"world", "--for", "0.3", "--json"}, Situation::Success, ExitOk, "json:objects"},
-        {Words {"world"}, Situation::Lost, ExitNoConnection, lostText(), "Changes"},
-        {Words {"world"}, Situation::Interrupted, ExitInterrupted, "Changes", "Changes"},
+        {Words {"world", "--period", "50", "--for", "0.3"}, Situation::Success, ExitOk,
+         "Cup          object"},
+        {Words {"world", "--period", "50", "--for", "0.3", "--json"}, Situation::Success, ExitOk,
+         "json:objects"},
+        {Words {"world", "--period", "50"}, Situation::Lost, ExitNoConnection, lostText(),
+         "Changes"},
+        {Words {"world", "--period", "50"}, Situation::Interrupted, ExitInterrupted, "Changes",
+         "Changes"},
         {Words {"world"}, Situation::Omitted, ExitCommandFailed,
          omittedText("VXWorldRepresentation", "world"), "VXWorldRepresentation"},
         {Words {"world", "--period", "0"}, Situation::BadArgument, ExitUsage, "--period wants"},

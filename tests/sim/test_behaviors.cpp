@@ -70,7 +70,12 @@ protected:
         memory = client->service("VXMemory").value(10000);
         behaviors = client->service("VXBehaviorManager").value(10000);
         inbox = std::make_shared<Inbox>();
-        client->registerService("TestModule", makeModule(inbox)).value(10000);
+        // A name of its own: the robot drops the last test's subscriptions
+        // only once it notices that client gone, and until then it would
+        // deliver them to a module of the same name.
+        static int tests = 0;
+        module = "TestModule" + std::to_string(++tests);
+        client->registerService(module, makeModule(inbox)).value(10000);
     }
     void TearDown() override
     {
@@ -84,7 +89,7 @@ protected:
     }
     void subscribe(const std::string &name)
     {
-        memory.call<void>("subscribeToMicroEvent", name, "TestModule", "", "onEvent");
+        memory.call<void>("subscribeToMicroEvent", name, module, "", "onEvent");
     }
     // The values the inbox received for `name`, in order.
     std::vector<AnyValue> valuesOf(const std::string &name) const
@@ -101,6 +106,7 @@ protected:
     wz::Object memory;
     wz::Object behaviors;
     std::shared_ptr<Inbox> inbox;
+    std::string module;
 };
 
 TEST_F(SimBehaviors, ListsAndNamesFollowTheUserPrefix)
