@@ -2,10 +2,14 @@
 
 #include "peer_link.h"
 #include "peer_link_support.h"
+#include "runtime.h"
 
 #include <wz/log.h>
 
 #include <pthread.h>
+#include <sched.h>
+
+#include <chrono>
 #include <thread>
 
 namespace wz {
@@ -39,7 +43,7 @@ IoRuntime::IoRuntime()
             pthread_setname_np(pthread_self(), "wz io");
             for (;;) {
                 try {
-                    m_io.run();
+                    runLoop();
                     return;
                 } catch (const std::exception &e) {
                     log::LogStream(LogLevel_Error, kTransport, "IoRuntime")
@@ -47,6 +51,37 @@ IoRuntime::IoRuntime()
                 }
             }
         }).detach();
+    }
+}
+
+// After answering a call, the I/O thread polls for up to Waker::ioSpinUs()
+// before it sleeps: a caller's next request then finds it running, not on a
+// halted CPU that must first be woken (on a virtual machine, most of a small
+// call's time). Other work (timers, replies, signals) does not spin, so an
+// idle or listening process stays asleep.
+void IoRuntime::runLoop()
+{
+    const auto spin = std::chrono::microseconds(Waker::ioSpinUs());
+    if (spin.count() <= 0) {
+        m_io.run();
+        return;
+    }
+    using Clock = std::chrono::steady_clock;
+    uint64_t seen = m_answered.load(std::memory_order_relaxed);
+    while (m_io.run_one() > 0) {
+        if (m_answered.load(std::memory_order_relaxed) == seen)
+            continue;
+        Clock::time_point deadline = Clock::now() + spin;
+        while (!m_io.stopped()) {
+            const uint64_t answered = m_answered.load(std::memory_order_relaxed);
+            if (m_io.poll() == 0 && Clock::now() >= deadline)
+                break;
+            if (m_answered.load(std::memory_order_relaxed) != answered)
+                deadline = Clock::now() + spin;
+            else
+                sched_yield();
+        }
+        seen = m_answered.load(std::memory_order_relaxed);
     }
 }
 

@@ -41,9 +41,15 @@ public:
 
     static constexpr int kIoThreads = 1;
 
+    // This process answered a call: its I/O thread then polls a little
+    // before it sleeps (Waker::ioSpinUs()), for the caller's next request.
+    void noteAnswered() { m_answered.fetch_add(1, std::memory_order_relaxed); }
+
 private:
     IoRuntime();
+    void runLoop();
     boost::asio::io_context m_io {kIoThreads};
+    std::atomic<uint64_t> m_answered {0};
     std::unique_ptr<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>>
         m_work;
 };

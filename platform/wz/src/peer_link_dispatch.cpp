@@ -42,6 +42,7 @@ boost::shared_ptr<GenericObject> PeerLink::findExport(uint64_t id)
 
 void PeerLink::sendError(uint64_t id, const std::string &text)
 {
+    IoRuntime::instance().noteAnswered();
     Message m;
     m.kind = MsgKind::Error;
     m.id = id;
@@ -51,6 +52,7 @@ void PeerLink::sendError(uint64_t id, const std::string &text)
 
 void PeerLink::sendResult(uint64_t id, const Future<AnyValue> &f)
 {
+    IoRuntime::instance().noteAnswered();
     const FutureState st = f.wait(0);
     if (st == FutureState_FinishedWithValue) {
         Message m;

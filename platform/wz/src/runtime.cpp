@@ -129,6 +129,12 @@ int64_t Waker::callerSpinUs()
     return us;
 }
 
+int64_t Waker::ioSpinUs()
+{
+    static const int64_t us = envInt("WZ_IO_SPIN_US", 50);
+    return us;
+}
+
 int64_t Waker::workerSpinUs()
 {
     static const int64_t us = envInt("WZ_WORKER_SPIN_US", 100);

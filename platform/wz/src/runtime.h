@@ -54,6 +54,7 @@ public:
     // thread waiting for work: 100 us, or WZ_CALLER_SPIN_US / WZ_WORKER_SPIN_US.
     static int64_t callerSpinUs();
     static int64_t workerSpinUs();
+    static int64_t ioSpinUs();
 
 private:
     enum { Awake, Spinning, Sleeping };
