@@ -52,9 +52,9 @@ void PeerLink::sendError(uint64_t id, const std::string &text)
 
 void PeerLink::sendResult(uint64_t id, const Future<AnyValue> &f)
 {
-    IoRuntime::instance().noteAnswered();
     const FutureState st = f.wait(0);
     if (st == FutureState_FinishedWithValue) {
+        IoRuntime::instance().noteAnswered(); // the other outcomes go through sendError
         Message m;
         m.kind = MsgKind::Reply;
         m.id = id;

@@ -54,6 +54,8 @@ public:
     // thread waiting for work: 100 us, or WZ_CALLER_SPIN_US / WZ_WORKER_SPIN_US.
     static int64_t callerSpinUs();
     static int64_t workerSpinUs();
+    // How long the I/O thread polls after its process answered a call: 50 us,
+    // or WZ_IO_SPIN_US.
     static int64_t ioSpinUs();
 
 private:
