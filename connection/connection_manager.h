@@ -278,7 +278,9 @@ signals:
     /// At the end of every teardown (wished, lost, or a failed attempt): stop
     /// using the interface objects and drop them.
     void disconnected();
-    /// After disconnected(), only when the session ended by itself.
+    /// After disconnected(), only when the session ended by itself; not for
+    /// a session the application had already let go (disconnectBroker(), or a
+    /// newer connection), whose end may be noticed just after.
     void connectionLost();
     /// Every worker has ended and every session it held is closed, so the
     /// robot has seen this desktop leave.

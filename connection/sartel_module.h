@@ -57,7 +57,8 @@ public:
     /// Raises the robot's event \p eventName with \p val.
     void raiseEvent(const QString &eventName, const VX::VXValue &val);
     /// Starts the two-way test on the module's thread and returns at once;
-    /// the outcome comes as connectionTested.
+    /// the outcome comes as connectionTested, once for each call (calls made
+    /// while a test is pending share its answer).
     void testConnection();
     /// The desktop module registered in the session (an internal class);
     /// shared with the connection.

@@ -20,14 +20,19 @@ namespace RK {
 namespace {
 
 // Runs on a framework thread: it only posts to the manager, and only while
-// the manager exists.
-void sessionDisconnected(const QPointer<ConnectionManager> &guard, const std::string &reason)
+// the manager exists. The report is for the session of `generation` alone.
+void sessionDisconnected(const QPointer<ConnectionManager> &guard, quint64 generation,
+                         const std::string &reason)
 {
     ConnectionManager *manager = guard.data();
     if (!manager)
         return;
     QMetaObject::invokeMethod(
-        manager, [manager, reason] { manager->onSessionDisconnected(reason); },
+        manager,
+        [manager, generation, reason] {
+            if (ConnectionManagerPrivate::get(manager)->sessionGeneration == generation)
+                manager->onSessionDisconnected(reason);
+        },
         Qt::QueuedConnection);
 }
 
@@ -113,6 +118,7 @@ void ConnectionManager::destroyConnection()
     }
     d->threadsManager->destroyConnection();
     d->releaseCurrent();
+    ++d->sessionGeneration;
     d->setConnecting(this, false);
     emit disconnected();
 }
@@ -133,8 +139,11 @@ void ConnectionManager::onConnectionCreated(boost::shared_ptr<wz::Session> sessi
     d->session = session;
 
     const QPointer<ConnectionManager> guard(this);
-    d->sessionLink = d->session->disconnected.connect(
-        [guard](const std::string &reason) { sessionDisconnected(guard, reason); });
+    const quint64 generation = ++d->sessionGeneration;
+    d->sessionLink
+        = d->session->disconnected.connect([guard, generation](const std::string &reason) {
+              sessionDisconnected(guard, generation, reason);
+          });
 
     // Queued, so that the outcome of the test always follows connectionEstablished(),
     // even when it is known at once.

@@ -35,6 +35,10 @@ public:
 
     boost::shared_ptr<wz::Session> session;
     wz::SignalLink sessionLink = wz::SignalBase::invalidSignalLink;
+    // Counts the sessions taken on and let go; a loss report carries the
+    // count of its session, and one that arrives after its session has been
+    // let go (a disconnection, a newer connection) is dropped.
+    quint64 sessionGeneration = 0;
     // Declared after the session, so that it goes first: it holds a plain
     // pointer to the session.
     boost::shared_ptr<Connection> connection;

@@ -38,19 +38,17 @@ void HttpProjectSynchronizer::setSpeedFloor(qint64 bytesPerSecond, int windowMil
 
 bool HttpProjectSynchronizer::begin(SynchronizationThread *thread)
 {
-    {
-        QMutexLocker lock(&m_mutex);
-        if (!m_thread) {
-            m_thread = thread;
-            m_cancelled = false;
-        } else {
-            thread = nullptr;
-        }
-    }
-    if (!thread) {
+    QMutexLocker lock(&m_mutex);
+    if (m_thread) {
+        lock.unlock();
         emit aborted(tr("a project synchronization operation is in progress"));
         return false;
     }
+    m_thread = thread;
+    m_cancelled = false;
+    // Set up and started under the lock: a wait() or cancel() from another
+    // thread finds the thread running, never half made (a wait() would
+    // otherwise delete it under this code).
     // The thread object belongs to this object's thread whoever started it
     // (the package manager starts transfers from the pool).
     if (thread->thread() != this->thread())

@@ -200,7 +200,8 @@ void VXSartel::_connectionTestCallback(const std::string & /*key*/, const VX::VX
 {
     m_answered = true;
     // Late: the time-out has reported the failure and removed the event.
-    if (!m_testPending.exchange(false))
+    const int pending = m_testsPending.exchange(0);
+    if (pending == 0)
         return;
     try {
         memoryProxy(m_session)->removeMicroEvent(a_testEventName);
@@ -210,14 +211,20 @@ void VXSartel::_connectionTestCallback(const std::string & /*key*/, const VX::VX
     }
     // The timer keeps running (it belongs to the module's thread): its
     // time-out finds nothing pending and only cleans up.
-    emit connectionTested(true);
+    report(pending, true);
+}
+
+void VXSartel::report(int tests, bool success)
+{
+    for (int i = 0; i < tests; ++i)
+        emit connectionTested(success);
 }
 
 void VXSartel::triggerConnectionTest()
 {
-    // Before the robot can call back. A test still pending shares its
-    // outcome with this one.
-    m_testPending = true;
+    // Before the robot can call back. A test still pending shares this one's
+    // evidence; each reports.
+    ++m_testsPending;
     try {
         const boost::shared_ptr<VX::VXMemoryProxy> memory = memoryProxy(m_session);
         memory->subscribeToMicroEvent(a_testEventName, a_sartelModuleName.toUtf8().toStdString(),
@@ -237,18 +244,18 @@ void VXSartel::triggerConnectionTest()
             m_testTimer->stop();
             m_testTimer.reset();
         }
-        if (m_testPending.exchange(false))
-            emit connectionTested(false);
+        report(m_testsPending.exchange(0), false);
     }
 }
 
 void VXSartel::onTimeout()
 {
-    if (m_testPending.exchange(false)) {
+    const int pending = m_testsPending.exchange(0);
+    if (pending > 0) {
         try {
             memoryProxy(m_session)->removeMicroEvent(a_testEventName);
         } catch (...) { }
-        emit connectionTested(false);
+        report(pending, false);
     }
     if (m_testTimer) {
         m_testTimer->stop();

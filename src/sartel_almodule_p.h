@@ -70,7 +70,8 @@ std::shared_ptr<EventRelay> relayModuleEvents(SartelModuleInterface &module, QOb
 // The desktop as a service of the robot ("VXSartel"): the robot's memory
 // delivers every subscribed event to dataChanged, and the two-way test
 // proves that the robot can call the desktop at all: each test reports once,
-// true when the robot's call comes first, false when the time-out does.
+// true when the robot's call comes first, false when the time-out does. Tests
+// started while one is pending share its evidence, but each reports.
 // Registered in the connection's own session by RK::VXSartelExecuter.
 //
 // dataChanged and _connectionTestCallback run on the framework's threads and
@@ -120,13 +121,17 @@ signals:
     void connectionTested(bool success);
 
 private:
+    // Reports \p success once for each of \p tests.
+    void report(int tests, bool success);
+
     wz::Session *m_session;
     boost::shared_ptr<QTimer> m_testTimer;
     int m_testLimitMs;
     std::atomic<bool> m_answered;
-    // Set when a test starts; the callback (on a framework thread) and the
-    // time-out each take it, and only the one that gets it reports.
-    std::atomic<bool> m_testPending {false};
+    // The tests started and not yet reported; the callback (on a framework
+    // thread) and the time-out each take them all, and only the one that
+    // gets them reports, once for each.
+    std::atomic<int> m_testsPending {0};
     QMutex m_relaysMutex;
     std::vector<std::shared_ptr<EventRelay>> m_relays;
 };

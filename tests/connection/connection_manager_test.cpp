@@ -14,7 +14,9 @@
 #include <sim/memory_service.h>
 #include <sim/service.h>
 
+#include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
 #include <set>
 #include <string>
@@ -346,6 +348,45 @@ TEST_F(ConnectionManagerTest, LossAfterSuccess)
     EXPECT_TRUE(
         logs.contains(wz::LogLevel_Info, "con.connection", "Connection was lost with the robot: "));
     EXPECT_TRUE(test::waitUntil([&] { return r.workerCount() == 0; }));
+}
+
+// The loss of a session is told to the manager's thread in a queued call. When
+// the application disconnects and connects elsewhere before that call runs,
+// the report belongs to a session already let go: it must not tear down the
+// new attempt nor tell a second end.
+TEST_F(ConnectionManagerTest, ALossToldAfterTheApplicationDisconnectedIsDropped)
+{
+    sim::Robot other;
+    other.start();
+    Recorder r;
+    ASSERT_TRUE(r.connectAndWait(robot()));
+    const boost::shared_ptr<wz::Session> session
+        = RK::ConnectionManagerPrivate::get(r.manager.get())->session;
+    // Behind the manager's own listener, so the report is queued when it fires.
+    auto told = std::make_shared<std::promise<void>>();
+    auto once = std::make_shared<std::atomic<bool>>(false);
+    const wz::SignalLink link = session->disconnected.connect([told, once](const std::string &) {
+        if (!once->exchange(true))
+            told->set_value();
+    });
+    r.events.clear();
+    robot().scenario().dropClients();
+    ASSERT_EQ(told->get_future().wait_for(test::patience()), std::future_status::ready);
+
+    // Without running this thread's events in between.
+    r.manager->disconnectBroker();
+    r.connectTo(other, QStringLiteral("other"));
+    ASSERT_TRUE(r.waitFor(QStringLiteral("connectionEstablished")));
+    ASSERT_TRUE(test::barrier(r.manager.get()));
+    EXPECT_EQ(r.count(QStringLiteral("disconnected")), 1);
+    EXPECT_EQ(r.count(QStringLiteral("connectionLost")), 0);
+    EXPECT_TRUE(r.manager->isConnected());
+    QString ip;
+    int port = 0;
+    ASSERT_TRUE(r.manager->getCurrentConnection(ip, port));
+    EXPECT_EQ(port, other.url().port());
+    session->disconnected.disconnect(link);
+    ASSERT_TRUE(r.disconnectAndWait());
 }
 
 // The robot's connection dies at several points of the binding: every time

@@ -665,4 +665,49 @@ TEST_F(ProjectSyncTest, DestroyedWhileRunningCancelsAndWaits)
     EXPECT_LT(timer.elapsed(), 1000);
 }
 
+// Transfers started from one thread (as the package manager does, from the
+// pool) while another waits: a wait() never meets a transfer half started,
+// and every transfer that started ends in the one wait() that took it.
+TEST(ProjectSyncThreadsTest, TransfersStartedWhileAnotherThreadWaitsEachEndOnce)
+{
+    QTcpServer closed;
+    ASSERT_TRUE(closed.listen(QHostAddress::LocalHost));
+    const int deadPort = closed.serverPort();
+    closed.close();
+
+    RK::HttpProjectSynchronizer sync;
+    std::atomic<int> refused {0};
+    QObject::connect(
+        &sync, &RK::ProjectSynchronizer::aborted, &sync,
+        [&refused](const QString &reason) {
+            if (reason == QLatin1String("a project synchronization operation is in progress"))
+                ++refused;
+        },
+        Qt::DirectConnection);
+    constexpr int k_starts = 300;
+    std::atomic<bool> startsDone {false};
+    std::thread starter([&] {
+        for (int i = 0; i < k_starts; ++i) {
+            // Each start once the last has been taken, so that it meets a wait().
+            while (sync.isBusy())
+                std::this_thread::yield();
+            sync.remove("127.0.0.1", deadPort, "/x", wz::project::ArchiveFormat_Plain);
+        }
+        startsDone = true;
+    });
+    int ended = 0;
+    QStringList others;
+    while (!startsDone || sync.isBusy()) {
+        const QString reason = sync.wait();
+        if (reason == QLatin1String("Could not connect to robot."))
+            ++ended;
+        else if (!reason.isEmpty())
+            others << reason;
+    }
+    starter.join();
+    EXPECT_TRUE(others.isEmpty()) << others.join('\n').toStdString();
+    EXPECT_GT(ended, 0);
+    EXPECT_EQ(ended + refused, k_starts);
+}
+
 } // namespace

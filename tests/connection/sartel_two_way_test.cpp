@@ -159,4 +159,37 @@ TEST_F(TwoWayTest, AnAnsweredModuleStillReportsAFailure)
     ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(false)")));
 }
 
+TEST_F(TwoWayTest, TestsStartedTogetherReportOnceEach)
+{
+    setLimit(300);
+    robot().scenario().blockCallbacks("VXSartel");
+    connect();
+    TestOutcomes outcomes(*module);
+    ASSERT_TRUE(recorder->waitFor(QStringLiteral("connectionTested(false)")));
+    ASSERT_TRUE(test::barrier(module.get()));
+    outcomes.results.clear();
+
+    // Neither is answered: two failures, from one time-out.
+    module->testConnection();
+    module->testConnection();
+    ASSERT_TRUE(test::waitUntil([&] { return outcomes.results.size() >= 2; }));
+    ASSERT_TRUE(test::barrier(module.get()));
+    EXPECT_EQ(outcomes.results, (std::vector<bool> {false, false}));
+
+    // Both answered, the first answer while both wait: two successes.
+    robot().scenario().blockCallbacks("VXSartel", false);
+    robot().scenario().holdCallbacks("VXSartel");
+    VXSartelHandle sartel = connection->sartelModule();
+    QMetaObject::invokeMethod(
+        sartel.get(), [sartel] { sartel->setTestLimit(int(test::patience().count())); },
+        Qt::QueuedConnection);
+    module->testConnection();
+    module->testConnection();
+    ASSERT_TRUE(test::barrier(sartel.get()));
+    robot().scenario().holdCallbacks("VXSartel", false);
+    ASSERT_TRUE(test::waitUntil([&] { return outcomes.results.size() >= 4; }));
+    ASSERT_TRUE(test::barrier(module.get()));
+    EXPECT_EQ(outcomes.results, (std::vector<bool> {false, false, true, true}));
+}
+
 } // namespace
