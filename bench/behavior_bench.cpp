@@ -170,8 +170,9 @@ void BM_StartToRunning(benchmark::State &state)
                          if (name == QLatin1String("BehaviorsRun") && value.getSize() > 0)
                              listed = true;
                      });
-    // Empty running lists as the instance receives them: a stop is over for
-    // the instance only once its list has come, whatever its state says.
+    // Empty running lists as the interface tells them. A stop is over once
+    // its list has come and the instance, which takes the list by its own
+    // road and may do so a moment later, says Stopped.
     int emptyLists = 0;
     QObject::connect(desktop.manager.behaviorManagerInterface().get(),
                      &RK::BehaviorManagerInterface::runningBehaviorsUpdated, &receiver,
@@ -179,8 +180,8 @@ void BM_StartToRunning(benchmark::State &state)
     auto stopAndSettle = [&] {
         const int before = emptyLists;
         behaviors->stopBehavior("bench");
-        return processUntil([&] { return emptyLists > before; }, 10000)
-            && instance.state() == Instance::Stopped;
+        return processUntil(
+            [&] { return emptyLists > before && instance.state() == Instance::Stopped; }, 10000);
     };
     std::vector<double> starts;
     std::vector<double> baselines;
