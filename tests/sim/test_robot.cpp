@@ -3,12 +3,14 @@
 #include "shared_robot.h"
 #include "sim_test_support.h"
 
+#include <sim/desktop_hooks.h>
 #include <sim/device_services.h>
 #include <sim/memory_service.h>
 #include <sim/robot.h>
 
 #include <wz/log.h>
 #include <wz/log_listener.h>
+#include <wz/object_builder.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
@@ -20,6 +22,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <mutex>
+#include <vector>
 
 using namespace simtest;
 using test::callError;
@@ -201,6 +206,48 @@ TEST_F(SimRobot, BlockedCallbacksAreLostSilently)
     ASSERT_TRUE(inbox->waitFor(1));
     EXPECT_EQ(inbox->got().at(0).at(1), AnyValue(2));
     memory.call<void>("removeMicroEvent", "Test/Blocked");
+}
+
+// A micro event held up on its way: it reaches the modules subscribed when
+// it was raised, no sooner than the delay, even after they unsubscribed;
+// other events are not held.
+TEST_F(SimRobot, ADelayedMicroEventComesLateToItsSubscribersOfThen)
+{
+    using Clock = std::chrono::steady_clock;
+    struct Arrival
+    {
+        std::string name;
+        Clock::time_point at;
+    };
+    auto arrivals = std::make_shared<std::vector<Arrival>>();
+    auto mutex = std::make_shared<std::mutex>();
+    wz::DynamicObjectBuilder b("TestModule");
+    b.advertiseMethod("onEvent", 3, [arrivals, mutex](const sim::Args &args) {
+        std::lock_guard<std::mutex> lock(*mutex);
+        arrivals->push_back({args.at(0).toStr(), Clock::now()});
+        return AnyValue();
+    });
+    client->registerService("Delayed", b.object()).value(10000);
+    memory.call<void>("subscribeToMicroEvent", "Test/Delayed", "Delayed", "", "onEvent");
+    memory.call<void>("subscribeToMicroEvent", "Test/Other", "Delayed", "", "onEvent");
+
+    const auto delay = 300ms;
+    sim::delayMicroEvent(robot(), "Test/Delayed", delay);
+    const Clock::time_point raised = Clock::now();
+    memory.call<void>("raiseMicroEvent", "Test/Delayed", 1);
+    memory.call<void>("unsubscribeToMicroEvent", "Test/Delayed", "Delayed");
+    memory.call<void>("raiseMicroEvent", "Test/Other", 2);
+    auto count = [&] {
+        std::lock_guard<std::mutex> lock(*mutex);
+        return arrivals->size();
+    };
+    ASSERT_TRUE(test::waitUntil([&] { return count() == 2; }));
+    std::lock_guard<std::mutex> lock(*mutex);
+    const auto delayed = std::find_if(arrivals->begin(), arrivals->end(),
+                                      [](const Arrival &a) { return a.name == "Test/Delayed"; });
+    ASSERT_NE(delayed, arrivals->end());
+    EXPECT_GE(delayed->at - raised, delay);
+    EXPECT_EQ(robot().memory().subscribers("Test/Delayed"), std::vector<std::string> {});
 }
 
 TEST_F(SimRobot, ReadinessCanBeDelayedOrHeld)
