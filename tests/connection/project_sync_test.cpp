@@ -684,7 +684,7 @@ TEST(ProjectSyncThreadsTest, TransfersStartedWhileAnotherThreadWaitsEachEndOnce)
                 ++refused;
         },
         Qt::DirectConnection);
-    constexpr int k_starts = 300;
+    constexpr int k_starts = 100;
     std::atomic<bool> startsDone {false};
     std::thread starter([&] {
         for (int i = 0; i < k_starts; ++i) {
