@@ -206,7 +206,11 @@ void VXSartel::_connectionTestCallback(const std::string & /*key*/, const VX::VX
     try {
         memoryProxy(m_session)->removeMicroEvent(a_testEventName);
     } catch (const std::exception &e) {
-        wz::log::LogStream(wz::LogLevel_Error, k_category, __FUNCTION__)
+        // A connection that closes as the robot answers (a disconnect right
+        // after connecting) loses the removal with it: expected, not an error.
+        const bool closing = !m_session || !m_session->isConnected();
+        wz::log::LogStream(closing ? wz::LogLevel_Info : wz::LogLevel_Error, k_category,
+                           __FUNCTION__)
             << "Error removing connection test VXMemory entry: " << e.what();
     }
     // The timer keeps running (it belongs to the module's thread): its
