@@ -1,3 +1,4 @@
+#include "executer_call_p.h"
 #include "sartel_almodule_p.h"
 #include "service_table_p.h"
 #include <connection/platform.h>
@@ -208,9 +209,8 @@ void VXSartel::_connectionTestCallback(const std::string & /*key*/, const VX::VX
     } catch (const std::exception &e) {
         // A connection that closes as the robot answers (a disconnect right
         // after connecting) loses the removal with it: expected, not an error.
-        const bool closing = !m_session || !m_session->isConnected();
-        wz::log::LogStream(closing ? wz::LogLevel_Info : wz::LogLevel_Error, k_category,
-                           __FUNCTION__)
+        const bool lost = classifyFailureText(e.what()) == ErrorCode::ConnectionLost;
+        wz::log::LogStream(lost ? wz::LogLevel_Info : wz::LogLevel_Error, k_category, __FUNCTION__)
             << "Error removing connection test VXMemory entry: " << e.what();
     }
     // The timer keeps running (it belongs to the module's thread): its
