@@ -28,6 +28,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -345,6 +347,27 @@ size_t replyFrameSize(int64_t requestId, const wz::AnyValue &value)
         .size();
 }
 
+// How often this process's I/O thread has gone to sleep, from /proc: with the
+// robot in its own process, what that thread costs each call.
+double ioThreadSleeps()
+{
+    double total = 0;
+    std::error_code ec;
+    for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", ec)) {
+        std::ifstream comm(task.path() / "comm");
+        std::string name;
+        std::getline(comm, name);
+        if (name != "wz io")
+            continue;
+        std::ifstream status(task.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("voluntary_ctxt_switches:", 0) == 0)
+                total += std::stod(line.substr(line.find(':') + 1));
+        }
+    }
+    return total;
+}
+
 // Calls of add(1000, 1) interleaved sample by sample with a raw ping-pong of
 // the same bytes, so that both see the same machine. The second argument
 // picks the served method: 1 the direct "add", 0 "addPooled".
@@ -359,6 +382,7 @@ void smallCalls(benchmark::State &state, wz::Object &service)
     const size_t reply = replyFrameSize(1000, wz::AnyValue(1001));
     std::vector<double> raw, call;
     Breakdown breakdown;
+    const double sleepsBefore = ioThreadSleeps();
     for (auto _ : state) {
         RawPair pair(request, reply, rounds);
         std::vector<char> out(request, 'q'), in(reply);
@@ -382,6 +406,8 @@ void smallCalls(benchmark::State &state, wz::Object &service)
     state.counters["call_p99_us"] = callP99;
     state.counters["p99_ratio"] = callP99 / rawP99;
     state.counters["frame_bytes"] = static_cast<double>(request);
+    state.counters["io_sleeps_per_call"]
+        = (ioThreadSleeps() - sleepsBefore) / (static_cast<double>(rounds) * state.iterations());
     breakdown.report(state);
 }
 

@@ -258,6 +258,51 @@ TEST_F(WzSession, CancelingARemoteCall)
     EXPECT_EQ(slow.call<int>("quick"), 2) << "the link survives a cancellation";
 }
 
+// A thread waiting for its reply reads the link itself, spinning and then
+// sleeping on the socket. What else comes meanwhile (a signal here) still
+// reaches its subscriber before the reply, and a waiter that gave up hands
+// the reading back: a later signal arrives with nobody waiting.
+TEST_F(WzSession, WhatComesWhileACallerWaitsIsStillDelivered)
+{
+    std::promise<void> tickSeen;
+    std::shared_future<void> seen = tickSeen.get_future().share();
+    std::promise<void> release;
+    std::shared_future<void> gate = release.get_future().share();
+    wz::DynamicObjectBuilder b("Slow");
+    b.advertiseSignal("tick", 1);
+    std::shared_ptr<wz::Object> self = std::make_shared<wz::Object>();
+    b.advertiseMethod("tickAndWait", [self, seen](int n) {
+        (*self)->emitSignal("tick", {AnyValue(n)});
+        return seen.wait_for(std::chrono::seconds(8)) == std::future_status::ready;
+    });
+    b.advertiseMethod("hold", [gate]() {
+        gate.wait_for(std::chrono::seconds(8));
+        return 7;
+    });
+    *self = b.object();
+    directory->registerService("Slow", *self).value();
+    wz::Object remote = client->service("Slow").value();
+
+    std::atomic<int> last {0};
+    remote
+        .connect("tick",
+                 [&](int n) {
+                     last = n;
+                     if (n == 1)
+                         tickSeen.set_value();
+                 })
+        .value();
+    EXPECT_TRUE(remote.call<bool>("tickAndWait", 1)) << "the tick waited for the reply";
+
+    wz::Future<int> held = remote.async<int>("hold");
+    EXPECT_EQ(held.wait(30), wz::FutureState_Running);
+    (*self)->emitSignal("tick", {AnyValue(2)});
+    EXPECT_TRUE(test::waitUntil([&] { return last == 2; }));
+    release.set_value();
+    EXPECT_EQ(held.value(), 7);
+    self->reset();
+}
+
 TEST_F(WzSession, ClientServiceReachedFromTheDirectoryAndRemovedWhenItLeaves)
 {
     wz::DynamicObjectBuilder b("Desktop");

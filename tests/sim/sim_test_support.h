@@ -108,6 +108,17 @@ inline int threadCount(const std::string &name = std::string())
     return n;
 }
 
+inline int openDescriptors()
+{
+    int n = 0;
+    if (DIR *dir = opendir("/proc/self/fd")) {
+        while (dirent *e = readdir(dir))
+            n += e->d_name[0] != '.';
+        closedir(dir);
+    }
+    return n;
+}
+
 inline long residentKiB()
 {
     std::ifstream statm("/proc/self/statm");

@@ -46,7 +46,7 @@ FutureState FutureStateBase::wait(int msecs) const
     std::shared_ptr<Waker> waker = Waker::forThisThread();
     waker->drain();
     m_waiters.push_back(waker);
-    const std::function<bool()> helper = m_waitHelper;
+    const std::shared_ptr<WaitHelper> helper = m_waitHelper;
     while (m_state == FutureState_Running) {
         int64_t left = -1;
         if (!forever) {
@@ -58,7 +58,7 @@ FutureState FutureStateBase::wait(int msecs) const
                 break;
         }
         lock.unlock();
-        waker->wait(left, Waker::callerSpinUs(), helper ? &helper : nullptr);
+        waker->wait(left, Waker::callerSpinUs(), helper.get());
         lock.lock();
     }
     auto it = std::find(m_waiters.begin(), m_waiters.end(), waker);
@@ -69,14 +69,14 @@ FutureState FutureStateBase::wait(int msecs) const
     return m_state;
 }
 
-void FutureStateBase::setWaitHelper(std::function<bool()> helper)
+void FutureStateBase::setWaitHelper(std::shared_ptr<WaitHelper> helper)
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_state == FutureState_Running)
         m_waitHelper = std::move(helper);
 }
 
-std::function<bool()> FutureStateBase::waitHelper() const
+std::shared_ptr<WaitHelper> FutureStateBase::waitHelper() const
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_waitHelper;

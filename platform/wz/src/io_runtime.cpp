@@ -69,17 +69,21 @@ void IoRuntime::runLoop()
     using Clock = std::chrono::steady_clock;
     uint64_t seen = m_answered.load(std::memory_order_relaxed);
     while (m_io.run_one() > 0) {
-        if (m_answered.load(std::memory_order_relaxed) == seen)
+        if (m_answered.load(std::memory_order_relaxed) == seen || Waker::spinsPaused())
             continue;
         Clock::time_point deadline = Clock::now() + spin;
         while (!m_io.stopped()) {
             const uint64_t answered = m_answered.load(std::memory_order_relaxed);
             if (m_io.poll() == 0 && Clock::now() >= deadline)
                 break;
-            if (m_answered.load(std::memory_order_relaxed) != answered)
+            if (m_answered.load(std::memory_order_relaxed) != answered) {
                 deadline = Clock::now() + spin;
-            else
+            } else {
+                const Clock::time_point before = Clock::now();
                 sched_yield();
+                if (Waker::noteSpinGap((Clock::now() - before) / std::chrono::nanoseconds(1)))
+                    break;
+            }
         }
         seen = m_answered.load(std::memory_order_relaxed);
     }

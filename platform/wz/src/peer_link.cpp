@@ -7,33 +7,87 @@
 
 #include <boost/asio/post.hpp>
 
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 namespace wz {
 namespace detail {
 
 namespace asio = boost::asio;
 using asio::ip::tcp;
 
+namespace {
+
+int releaseSocket(tcp::socket &socket)
+{
+    boost::system::error_code ec;
+    const int fd = socket.release(ec);
+    return ec ? -1 : fd;
+}
+
+} // namespace
+
 PeerLink::PeerLink(std::weak_ptr<SessionImpl> session, tcp::socket socket, std::string peerId,
                    Heartbeat heartbeat)
     : m_session(std::move(session)),
-      m_socket(std::move(socket)),
-      m_fd(m_socket.native_handle()),
+      m_fd(releaseSocket(socket)),
       m_peerId(std::move(peerId)),
       m_strand(asio::make_strand(IoRuntime::instance().context())),
       m_timer(IoRuntime::instance().context()),
+      m_poller(IoRuntime::instance().context()),
       m_lastReceived(nowMs()),
       m_lastSent(nowMs()),
       m_intervalMs(heartbeat.interval.count()),
       m_timeoutMs(heartbeat.timeout.count()),
       m_rx(new char[kRxCapacity])
-{ }
+{
+    // The socket joins its own epoll set, disabled until something is wanted.
+    // Out of descriptors, the link closes as it starts.
+    if (m_fd < 0) {
+        m_watchFailure = "the socket could not be taken over";
+        return;
+    }
+    const int pollFd = ::epoll_create1(EPOLL_CLOEXEC);
+    epoll_event ev {};
+    ev.events = EPOLLONESHOT;
+    if (pollFd < 0 || ::epoll_ctl(pollFd, EPOLL_CTL_ADD, m_fd, &ev) != 0) {
+        m_watchFailure = std::string("cannot watch the socket: ") + std::strerror(errno);
+        if (pollFd >= 0)
+            ::close(pollFd);
+        return;
+    }
+    boost::system::error_code ec;
+    m_poller.assign(pollFd, ec);
+    if (ec) {
+        m_watchFailure = "cannot watch the socket: " + ec.message();
+        ::close(pollFd);
+        return;
+    }
+    m_pollFd = pollFd;
+}
 
-PeerLink::~PeerLink() = default;
+PeerLink::~PeerLink()
+{
+    // A link that never closed (its session let it go) still owns the socket.
+    if (m_fd >= 0 && !m_fdClosed)
+        ::close(m_fd);
+}
 
 void PeerLink::start()
 {
+    if (!m_watchFailure.empty()) {
+        close("disconnected: " + m_watchFailure, CloseMode::Quiet);
+        return;
+    }
     auto self = shared_from_this();
     asio::post(m_strand, [self]() {
+        // From here until the link closes, a wait for m_poller is pending.
+        self->awaitReady();
+        self->collectReady();
         self->readSome();
         self->armHeartbeat();
     });
@@ -98,13 +152,24 @@ void PeerLink::close(const std::string &reason, CloseMode mode)
 
     auto self = shared_from_this();
     asio::post(m_strand, [self, mode]() {
-        boost::system::error_code ec;
-        // A caller reading the socket holds this: the descriptor is never
-        // closed (and its number reused) under its read.
+        // A caller reading the socket holds m_readMutex, and one changing
+        // what is watched m_watchMutex: neither descriptor is closed (and its
+        // number reused) under them.
         std::lock_guard<std::mutex> lock(self->m_readMutex);
-        if (mode == CloseMode::Reset)
-            self->m_socket.set_option(asio::socket_base::linger(true, 0), ec);
-        self->m_socket.close(ec);
+        {
+            std::lock_guard<std::mutex> watchLock(self->m_watchMutex);
+            self->m_watchClosed = true;
+        }
+        boost::system::error_code ec;
+        self->m_poller.close(ec);
+        if (self->m_fd >= 0 && !self->m_fdClosed) {
+            if (mode == CloseMode::Reset) {
+                const linger hard {1, 0};
+                ::setsockopt(self->m_fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+            }
+            ::close(self->m_fd);
+            self->m_fdClosed = true;
+        }
         self->m_timer.cancel();
     });
 

@@ -14,6 +14,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 #include <boost/weak_ptr.hpp>
@@ -101,14 +102,21 @@ public:
     // Forgets the request and tells the peer.
     void cancelRequest(uint64_t id);
     // A call as a future, cancelable. A thread that waits for it reads the
-    // reply itself while it spins (pollFromCaller), so a small call needs no
-    // wake of the I/O thread on the caller's side.
+    // reply itself, spinning and then sleeping on the socket
+    // (pollFromCaller), so a small call needs no wake of the I/O thread on
+    // the caller's side.
     Future<AnyValue> call(Message msg);
     // From a thread waiting for one of this link's replies: reads what the
     // socket holds now, without waiting. Replies with nothing unhandled
     // before them are completed on this thread; anything else goes to the
     // I/O thread in stream order. True when it read something.
     bool pollFromCaller();
+    // From a thread about to wait for one of this link's replies (+1) and
+    // after its wait (-1): meanwhile the I/O thread is not woken for bytes
+    // that the caller reads itself.
+    void countCallerPolls(int delta);
+    // The socket, for such a caller to sleep on; -1 once the link closed.
+    int callerDescriptor() const;
 
     enum class CloseMode { Graceful, Quiet, Reset };
     // Thread-safe, idempotent, never waits. Fails every request in flight
@@ -169,14 +177,28 @@ private:
     bool write(std::shared_ptr<FrameBuffer> frame, std::string raw);
     bool flushLocked(std::string &error);
     void scheduleFlush();
-    void onWritable(const boost::system::error_code &ec);
+    void onWritable();
 
-    // Reading, on the I/O thread: readSome() arms a wait for the socket and
-    // then pumps, so that bytes landing after the pump's last read wake it.
+    // Readiness. The socket is in no reactor: the link keeps it in an epoll
+    // set of its own, one-shot, which the I/O thread watches through
+    // m_poller. So what that thread is woken for is the link's choice, and
+    // above all not a reply that a waiting caller reads itself (three
+    // threads would then run for one call where two suffice).
+    // Any thread; with m_watchMutex: tells the kernel what is wanted now.
+    void updateWatchLocked();
+    void awaitReadable(bool alone);
+    // I/O thread: the wait for m_poller, and what it reports.
+    void awaitReady();
+    void onReady(const boost::system::error_code &ec);
+    void collectReady();
+
+    // Reading, on the I/O thread: readSome() asks for readability and then
+    // pumps, so that bytes landing after the pump's last read wake it.
     void readSome();
-    void onReadable(const boost::system::error_code &ec);
+    void onReadable();
     void pump();
     void readLargeFrame(size_t bodySize);
+    void continueLargeFrame();
     void drainInbox();
     // With m_readMutex held, by either reader.
     size_t readOnceLocked();
@@ -199,12 +221,26 @@ private:
     void releaseExport(uint64_t id, uint64_t count);
 
     std::weak_ptr<SessionImpl> m_session;
-    boost::asio::ip::tcp::socket m_socket;
     const int m_fd;
+    bool m_fdClosed = false; // on the I/O thread, with m_readMutex
     const std::string m_peerId;
     // Every socket operation and handler of this connection runs in it.
     boost::asio::strand<boost::asio::io_context::executor_type> m_strand;
     boost::asio::steady_timer m_timer;
+    boost::asio::posix::stream_descriptor m_poller;
+    std::string m_watchFailure; // set once, by the constructor
+
+    // What is wanted of the socket, and what the kernel was last told (0
+    // after a one-shot report). Any thread, with m_watchMutex.
+    std::mutex m_watchMutex;
+    int m_pollFd = -1;
+    bool m_watchClosed = false;
+    bool m_wantRead = false;
+    bool m_readAlone = false; // a large frame: callers do not read it
+    bool m_wantWrite = false;
+    int m_callerPolls = 0;
+    uint32_t m_watched = 0;
+    bool m_readyAwaited = false; // I/O thread only
 
     std::atomic<bool> m_open {true};
     std::atomic<bool> m_stalled {false};
@@ -232,7 +268,13 @@ private:
     std::deque<Message> m_inbox;
     boost::system::error_code m_readFailure; // the first, whoever read it
     std::string m_protocolFailure;
-    bool m_readArmed = false; // I/O thread only
+    struct LargeFrame
+    {
+        std::shared_ptr<char[]> frame;
+        size_t body = 0;
+        size_t filled = 0;
+    };
+    std::unique_ptr<LargeFrame> m_large; // I/O thread only
 
     // Objects and requests.
     mutable std::mutex m_mutex;

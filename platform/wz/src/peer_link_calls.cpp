@@ -232,6 +232,47 @@ void PeerLink::cancelRequest(uint64_t id)
     send(m);
 }
 
+namespace {
+
+// A thread waiting for a reply reads the link itself while it waits: the
+// I/O thread is then not woken for the reply, so one call needs the caller
+// and the peer only.
+class CallerReading : public WaitHelper
+{
+public:
+    explicit CallerReading(std::weak_ptr<PeerLink> link) : m_link(std::move(link)) { }
+
+    std::unique_ptr<Turn> begin() override
+    {
+        auto link = m_link.lock();
+        if (!link)
+            return nullptr;
+        return std::make_unique<Reading>(std::move(link));
+    }
+
+private:
+    class Reading : public Turn
+    {
+    public:
+        // Held for the wait, so that the link's end is a close(), which
+        // fails the awaited request and so wakes the sleeper.
+        explicit Reading(std::shared_ptr<PeerLink> link) : m_link(std::move(link))
+        {
+            m_link->countCallerPolls(1);
+        }
+        ~Reading() override { m_link->countCallerPolls(-1); }
+        bool poll() override { return m_link->pollFromCaller(); }
+        int descriptor() const override { return m_link->callerDescriptor(); }
+
+    private:
+        std::shared_ptr<PeerLink> m_link;
+    };
+
+    std::weak_ptr<PeerLink> m_link;
+};
+
+} // namespace
+
 Future<AnyValue> PeerLink::call(Message msg)
 {
     std::weak_ptr<PeerLink> weak = shared_from_this();
@@ -243,10 +284,7 @@ Future<AnyValue> PeerLink::call(Message msg)
     });
     Future<AnyValue> f = p.future();
     if (auto state = FutureAccess<AnyValue>::state(f)) {
-        state->setWaitHelper([weak]() {
-            auto c = weak.lock();
-            return c && c->pollFromCaller();
-        });
+        state->setWaitHelper(std::make_shared<CallerReading>(weak));
     }
     *idHolder
         = request(std::move(msg), [p](bool ok, const AnyValue &v, const std::string &e) mutable {

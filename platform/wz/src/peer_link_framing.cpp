@@ -9,6 +9,7 @@
 #include <boost/asio/bind_executor.hpp>
 #include <boost/asio/post.hpp>
 
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -193,17 +194,12 @@ bool PeerLink::flushLocked(std::string &error)
 
 void PeerLink::scheduleFlush()
 {
-    auto self = shared_from_this();
-    asio::post(m_strand, [self]() {
-        self->m_socket.async_wait(
-            tcp::socket::wait_write,
-            asio::bind_executor(self->m_strand, [self](const boost::system::error_code &ec) {
-                self->onWritable(ec);
-            }));
-    });
+    std::lock_guard<std::mutex> lock(m_watchMutex);
+    m_wantWrite = true;
+    updateWatchLocked();
 }
 
-void PeerLink::onWritable(const boost::system::error_code &ec)
+void PeerLink::onWritable()
 {
     std::string error;
     bool again = false;
@@ -211,11 +207,8 @@ void PeerLink::onWritable(const boost::system::error_code &ec)
         std::lock_guard<std::mutex> lock(m_writeMutex);
         if (m_closed)
             return;
-        if (ec) {
-            error = ec.message();
-        } else if (!m_stalled) {
+        if (!m_stalled)
             flushLocked(error);
-        }
         if (error.empty()) {
             if (!m_queue.empty() && !m_stalled)
                 again = true;
@@ -227,18 +220,111 @@ void PeerLink::onWritable(const boost::system::error_code &ec)
         close("disconnected: " + error, CloseMode::Quiet);
         return;
     }
-    if (again) {
-        auto self = shared_from_this();
-        m_socket.async_wait(
-            tcp::socket::wait_write,
-            asio::bind_executor(
-                m_strand, [self](const boost::system::error_code &e) { self->onWritable(e); }));
-    }
+    if (again)
+        scheduleFlush();
 }
 
 void PeerLink::sendRaw(const std::string &bytes)
 {
     write(nullptr, bytes);
+}
+
+// ---- readiness ----
+
+void PeerLink::updateWatchLocked()
+{
+    if (m_watchClosed || m_pollFd < 0)
+        return;
+    uint32_t events = 0;
+    if (m_wantRead && (m_callerPolls == 0 || m_readAlone))
+        events |= EPOLLIN | EPOLLRDHUP;
+    if (m_wantWrite)
+        events |= EPOLLOUT;
+    if (events == m_watched)
+        return;
+    // Even with nothing wanted, an error or hang-up may still be reported,
+    // once: the reader then finds it.
+    epoll_event ev {};
+    ev.events = events | EPOLLONESHOT;
+    if (::epoll_ctl(m_pollFd, EPOLL_CTL_MOD, m_fd, &ev) == 0) {
+        m_watched = events;
+        return;
+    }
+    // Only out of kernel memory: without a watch the link would stall.
+    const std::string reason = std::string("cannot watch the socket: ") + std::strerror(errno);
+    auto self = shared_from_this();
+    asio::post(m_strand, [self, reason]() { self->close("disconnected: " + reason); });
+}
+
+void PeerLink::awaitReadable(bool alone)
+{
+    std::lock_guard<std::mutex> lock(m_watchMutex);
+    m_wantRead = true;
+    m_readAlone = alone;
+    updateWatchLocked();
+}
+
+void PeerLink::countCallerPolls(int delta)
+{
+    std::lock_guard<std::mutex> lock(m_watchMutex);
+    m_callerPolls += delta;
+    updateWatchLocked();
+}
+
+void PeerLink::awaitReady()
+{
+    if (m_readyAwaited || !m_open)
+        return;
+    m_readyAwaited = true;
+    auto self = shared_from_this();
+    m_poller.async_wait(asio::posix::stream_descriptor::wait_read,
+                        asio::bind_executor(m_strand, [self](const boost::system::error_code &ec) {
+                            self->onReady(ec);
+                        }));
+}
+
+void PeerLink::onReady(const boost::system::error_code &ec)
+{
+    m_readyAwaited = false;
+    if (ec || !m_open)
+        return; // closed
+    // Waits again before collecting: a report that comes after the
+    // collection then ends the new wait.
+    awaitReady();
+    collectReady();
+}
+
+void PeerLink::collectReady()
+{
+    bool read = false;
+    bool write = false;
+    {
+        std::lock_guard<std::mutex> lock(m_watchMutex);
+        if (m_watchClosed || m_pollFd < 0)
+            return;
+        epoll_event ev {};
+        int n;
+        do {
+            n = ::epoll_wait(m_pollFd, &ev, 1, 0);
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0)
+            return;
+        m_watched = 0; // one-shot: reported, so disabled
+        const uint32_t failed = EPOLLERR | EPOLLHUP;
+        if (m_wantRead && (ev.events & (EPOLLIN | EPOLLRDHUP | failed))) {
+            m_wantRead = false;
+            read = true;
+        }
+        if (m_wantWrite && (ev.events & (EPOLLOUT | failed))) {
+            m_wantWrite = false;
+            write = true;
+        }
+        updateWatchLocked();
+    }
+    if (write)
+        onWritable();
+    if (read)
+        onReadable();
 }
 
 // ---- reading ----
@@ -247,25 +333,16 @@ void PeerLink::readSome()
 {
     if (!m_open || m_stalled || m_largeReading)
         return;
-    if (!m_readArmed) {
-        m_readArmed = true;
-        auto self = shared_from_this();
-        m_socket.async_wait(
-            tcp::socket::wait_read,
-            asio::bind_executor(
-                m_strand, [self](const boost::system::error_code &ec) { self->onReadable(ec); }));
-    }
+    awaitReadable(false);
     pump();
 }
 
-void PeerLink::onReadable(const boost::system::error_code &ec)
+void PeerLink::onReadable()
 {
-    m_readArmed = false;
-    if (ec) {
-        failRead(ec);
-        return;
-    }
-    readSome();
+    if (m_large)
+        continueLargeFrame();
+    else
+        readSome();
 }
 
 size_t PeerLink::readOnceLocked()
@@ -391,6 +468,11 @@ bool PeerLink::pollFromCaller()
     return true;
 }
 
+int PeerLink::callerDescriptor() const
+{
+    return m_open ? m_fd : -1;
+}
+
 void PeerLink::drainInbox()
 {
     for (;;) {
@@ -451,50 +533,65 @@ void PeerLink::readLargeFrame(size_t body)
 {
     // Read straight into the frame's own buffer: a large binary value is
     // then handed to the caller without another copy.
-    std::shared_ptr<char[]> frame = largeFrameBuffer(body);
-    size_t have;
+    auto large = std::make_unique<LargeFrame>();
+    large->frame = largeFrameBuffer(body);
+    large->body = body;
     {
         std::lock_guard<std::mutex> lock(m_readMutex);
-        have = m_rxEnd - m_rxBegin - kHeaderSize;
-        std::memcpy(frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, have);
+        large->filled = m_rxEnd - m_rxBegin - kHeaderSize;
+        std::memcpy(large->frame.get(), m_rx.get() + m_rxBegin + kHeaderSize, large->filled);
         m_rxBegin = m_rxEnd = 0;
         m_largeReading = true;
     }
-    auto self = shared_from_this();
-    auto filled = std::make_shared<size_t>(have);
-    auto step = std::make_shared<std::function<void()>>();
-    std::weak_ptr<std::function<void()>> weakStep = step;
-    *step = [self, frame, body, filled, weakStep]() {
-        auto next = weakStep.lock();
-        self->m_socket.async_read_some(
-            asio::buffer(frame.get() + *filled, body - *filled),
-            asio::bind_executor(
-                self->m_strand,
-                [self, frame, body, filled, next](const boost::system::error_code &ec, size_t n) {
-                    if (ec) {
-                        {
-                            std::lock_guard<std::mutex> lock(self->m_readMutex);
-                            self->m_largeReading = false;
-                        }
-                        self->failRead(ec);
-                        return;
-                    }
-                    self->m_lastReceived = nowMs();
-                    *filled += n;
-                    if (*filled < body) {
-                        (*next)();
-                        return;
-                    }
-                    {
-                        std::lock_guard<std::mutex> lock(self->m_readMutex);
-                        self->m_largeReading = false;
-                        self->decodeFrameLocked(frame, frame.get(), body);
-                    }
-                    self->drainInbox();
-                    self->readSome();
-                }));
-    };
-    (*step)();
+    m_large = std::move(large);
+    continueLargeFrame();
+}
+
+void PeerLink::continueLargeFrame()
+{
+    if (!m_open || !m_large)
+        return;
+    // Bounded like the pump, so that one large frame cannot keep the other
+    // links waiting.
+    constexpr int kReadsAPass = 16;
+    LargeFrame &large = *m_large;
+    boost::system::error_code failure;
+    for (int i = 0; large.filled < large.body; ++i) {
+        if (i == kReadsAPass) {
+            auto self = shared_from_this();
+            asio::post(m_strand, [self]() { self->continueLargeFrame(); });
+            return;
+        }
+        const ssize_t n = ::recv(m_fd, large.frame.get() + large.filled, large.body - large.filled,
+                                 MSG_DONTWAIT);
+        if (n > 0) {
+            large.filled += static_cast<size_t>(n);
+            m_lastReceived = nowMs();
+            continue;
+        }
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            awaitReadable(true);
+            return;
+        }
+        failure = n == 0 ? asio::error::eof
+                         : boost::system::error_code(errno, boost::system::system_category());
+        break;
+    }
+    std::unique_ptr<LargeFrame> done = std::move(m_large);
+    {
+        std::lock_guard<std::mutex> lock(m_readMutex);
+        m_largeReading = false;
+        if (!failure)
+            decodeFrameLocked(done->frame, done->frame.get(), done->body);
+    }
+    if (failure) {
+        failRead(failure);
+        return;
+    }
+    drainInbox();
+    readSome();
 }
 
 void PeerLink::handleFrame(Message &msg)

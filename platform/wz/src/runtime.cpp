@@ -141,6 +141,38 @@ int64_t Waker::workerSpinUs()
     return us;
 }
 
+namespace {
+
+// Until when (steady clock, ns) no thread of this process spins.
+std::atomic<int64_t> g_spinsPausedUntil {0};
+
+int64_t lostCpuNs()
+{
+    static const int64_t ns = envInt("WZ_SPIN_LOST_US", 250) * 1000;
+    return ns;
+}
+
+int64_t spinPauseNs()
+{
+    static const int64_t ns = envInt("WZ_SPIN_PAUSE_MS", 50) * 1000000;
+    return ns;
+}
+
+} // namespace
+
+bool Waker::spinsPaused()
+{
+    return nowNs() < g_spinsPausedUntil.load(std::memory_order_relaxed);
+}
+
+bool Waker::noteSpinGap(int64_t gapNs)
+{
+    if (lostCpuNs() <= 0 || gapNs <= lostCpuNs())
+        return false;
+    g_spinsPausedUntil.store(nowNs() + spinPauseNs(), std::memory_order_relaxed);
+    return true;
+}
+
 void Waker::wake()
 {
     // Paired with the waiter's store of Sleeping and load of the signal: one
@@ -161,19 +193,23 @@ void Waker::wake()
     m_cond.notify_all();
 }
 
-bool Waker::spin(int64_t budgetNs, const std::function<bool()> *helper)
+bool Waker::spin(int64_t budgetNs, WaitHelper::Turn *turn)
 {
     m_mode.store(Spinning, std::memory_order_seq_cst);
-    const int64_t deadline = nowNs() + budgetNs;
+    int64_t last = nowNs();
+    const int64_t deadline = last + budgetNs;
     for (unsigned i = 1;; ++i) {
         if (m_signal.load(std::memory_order_acquire))
             return true;
         if (i % 32 == 0) {
+            if (noteSpinGap(nowNs() - last))
+                return false;
             // The helper may finish the wait itself (a caller reading its
             // reply), sparing the wake of another thread.
-            if (helper && (*helper)() && m_signal.load(std::memory_order_acquire))
+            if (turn && turn->poll() && m_signal.load(std::memory_order_acquire))
                 return true;
-            if (nowNs() >= deadline)
+            last = nowNs();
+            if (last >= deadline)
                 return false;
             // Lets a thread that was woken onto this CPU run: it may well be
             // the one that is to wake this one (without it, small calls were
@@ -185,7 +221,35 @@ bool Waker::spin(int64_t budgetNs, const std::function<bool()> *helper)
     }
 }
 
-bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs, const std::function<bool()> *helper)
+bool Waker::sleep(int64_t deadlineNs, std::unique_ptr<WaitHelper::Turn> &turn)
+{
+    for (;;) {
+        int timeout = -1;
+        if (deadlineNs >= 0) {
+            // Rounded up: a sleep never ends before its time.
+            const int64_t left = std::max<int64_t>(0, deadlineNs - nowNs());
+            timeout = static_cast<int>(std::min<int64_t>((left + 999999) / 1000000, INT32_MAX));
+        }
+        pollfd p[2] = {{m_read, POLLIN, 0}, {turn ? turn->descriptor() : -1, POLLIN, 0}};
+        const nfds_t count = p[1].fd >= 0 ? 2 : 1;
+        int n;
+        do {
+            n = ::poll(p, count, timeout);
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0 || p[0].revents != 0)
+            return n > 0;
+        // Only the helper's descriptor: what it reads may finish the wait.
+        // When it cannot go on (another thread must read first), it hands
+        // its part back rather than wake this thread over and over.
+        const bool progress = turn->poll();
+        if (m_signal.load(std::memory_order_seq_cst))
+            return true;
+        if (!progress)
+            turn.reset();
+    }
+}
+
+bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs, WaitHelper *helper)
 {
     const int64_t start = nowNs();
     int64_t budgetNs = 0;
@@ -194,30 +258,24 @@ bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs, const std::function<bool(
     // halted one that the next wake must bring back first), so a wait seen
     // without it looks longer than it will be. Long waits (an idle thread)
     // turn it off.
-    if (maxSpinUs > 0 && m_meanWaitNs <= maxSpinUs * 4000) {
+    if (maxSpinUs > 0 && m_meanWaitNs <= maxSpinUs * 4000 && !spinsPaused()) {
         budgetNs = maxSpinUs * 1000;
         if (timeoutMs >= 0)
             budgetNs = std::min(budgetNs, timeoutMs * 1000000);
     }
-    bool woke = budgetNs > 0 && spin(budgetNs, helper);
+    // The helper's part lasts the whole wait, spin and sleep, and ends (so
+    // hands back what it took) before this returns.
+    std::unique_ptr<WaitHelper::Turn> turn = helper ? helper->begin() : nullptr;
+    bool woke = budgetNs > 0 && spin(budgetNs, turn.get());
     if (!woke) {
         m_mode.store(Sleeping, std::memory_order_seq_cst);
         m_pipeMayHoldWake = true;
         if (m_signal.load(std::memory_order_seq_cst)) {
             woke = true;
         } else if (m_read >= 0) {
-            int64_t left = timeoutMs;
-            if (timeoutMs >= 0)
-                left = std::max<int64_t>(0, timeoutMs - (nowNs() - start) / 1000000);
-            pollfd p {m_read, POLLIN, 0};
-            const int timeout
-                = left < 0 ? -1 : static_cast<int>(std::min<int64_t>(left, INT32_MAX));
-            int n;
-            do {
-                n = ::poll(&p, 1, timeout);
-            } while (n < 0 && errno == EINTR);
-            woke = n > 0;
+            woke = sleep(timeoutMs < 0 ? -1 : start + timeoutMs * 1000000, turn);
         } else {
+            turn.reset();
             std::unique_lock<std::mutex> lock(m_mutex);
             if (timeoutMs < 0)
                 m_cond.wait(lock, [this] { return m_flag; });
@@ -227,6 +285,7 @@ bool Waker::wait(int64_t timeoutMs, int64_t maxSpinUs, const std::function<bool(
             woke = m_flag;
         }
     }
+    turn.reset();
     m_mode.store(Awake, std::memory_order_seq_cst);
     if (woke)
         drain();

@@ -4,6 +4,8 @@
 // queues that keep posts and signal deliveries in order, and the per-thread
 // wakers that threads sleep on.
 
+#include <wz/future.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
@@ -43,10 +45,10 @@ public:
 
     void wake();
     // Sleeps until woken or `timeoutMs` passes (-1: no limit); true if woken.
-    // At most `maxSpinUs` of it may be spent spinning first, calling
-    // `helper` (if any) every few microseconds of the spin.
-    bool wait(int64_t timeoutMs, int64_t maxSpinUs = 0,
-              const std::function<bool()> *helper = nullptr);
+    // At most `maxSpinUs` of it may be spent spinning first. A `helper`
+    // takes its turn for the whole wait: it polls during the spin, and the
+    // sleep also ends when its descriptor turns readable, for it to poll.
+    bool wait(int64_t timeoutMs, int64_t maxSpinUs = 0, WaitHelper *helper = nullptr);
     // Forgets a wake that came after its waiter had stopped waiting.
     void drain();
 
@@ -58,9 +60,23 @@ public:
     // or WZ_IO_SPIN_US.
     static int64_t ioSpinUs();
 
+    // A spinning thread that lost its CPU for a while (more than 250 us, or
+    // WZ_SPIN_LOST_US, between two looks at the clock) is competing with
+    // other work for the CPUs. A spin then only takes time from the thread
+    // it waits for, and it makes the spinner look like a CPU hog to the
+    // scheduler, which then lets it wait behind others for whole slices. So
+    // no thread of the process spins for a while (50 ms, or
+    // WZ_SPIN_PAUSE_MS; WZ_SPIN_LOST_US=0 never pauses). True when `gapNs`
+    // is such a loss.
+    static bool noteSpinGap(int64_t gapNs);
+    static bool spinsPaused();
+
 private:
     enum { Awake, Spinning, Sleeping };
-    bool spin(int64_t budgetNs, const std::function<bool()> *helper);
+    bool spin(int64_t budgetNs, WaitHelper::Turn *turn);
+    // Sleeps on the pipe, and on the turn's descriptor while it has one;
+    // `deadlineNs` -1 for no limit.
+    bool sleep(int64_t deadlineNs, std::unique_ptr<WaitHelper::Turn> &turn);
 
     std::atomic<bool> m_signal {false};
     std::atomic<int> m_mode {Awake};

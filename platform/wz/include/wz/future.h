@@ -41,6 +41,30 @@ namespace detail {
 
 class Waker;
 
+// What a thread waiting for a future may do itself rather than sleep until
+// another thread completes it, such as reading the reply from the socket.
+// Internal use only.
+class WaitHelper
+{
+public:
+    virtual ~WaitHelper() = default;
+
+    // One thread's part in one wait: it may poll() while this lives, and its
+    // end hands back whatever it took over.
+    class Turn
+    {
+    public:
+        virtual ~Turn() = default;
+        // Does what can be done now, without blocking; true when it made
+        // progress.
+        virtual bool poll() = 0;
+        // A descriptor that turns readable when poll() may make progress,
+        // for the thread to sleep on; -1 when there is none.
+        virtual int descriptor() const = 0;
+    };
+    virtual std::unique_ptr<Turn> begin() = 0;
+};
+
 // Runs `task` on a framework thread (the process-wide pool).
 WZ_API void runOnFrameworkThread(std::function<void()> task);
 
@@ -72,10 +96,10 @@ public:
     void requestCancel();
 
     // Work a thread waiting for this future may do while it spins, such as
-    // reading the reply from the socket itself; it returns whether it made
-    // progress and must not block. Internal use only.
-    void setWaitHelper(std::function<bool()> helper);
-    std::function<bool()> waitHelper() const;
+    // reading the reply from the socket itself. It must not block. Internal
+    // use only.
+    void setWaitHelper(std::shared_ptr<WaitHelper> helper);
+    std::shared_ptr<WaitHelper> waitHelper() const;
 
 protected:
     // Called with the lock held, before waking waiters.
@@ -92,7 +116,7 @@ private:
     std::vector<std::function<void()>> m_callbacks;
     std::vector<std::function<void()>> m_directCallbacks;
     std::function<void()> m_cancelHandler;
-    std::function<bool()> m_waitHelper;
+    std::shared_ptr<WaitHelper> m_waitHelper;
     bool m_cancelRequested = false;
 };
 
