@@ -73,7 +73,7 @@ PeerLink::PeerLink(std::weak_ptr<SessionImpl> session, tcp::socket socket, std::
 PeerLink::~PeerLink()
 {
     // A link that never closed (its session let it go) still owns the socket.
-    if (m_fd >= 0 && !m_fdClosed)
+    if (m_fd >= 0 && !m_watchClosed)
         ::close(m_fd);
 }
 
@@ -162,13 +162,12 @@ void PeerLink::close(const std::string &reason, CloseMode mode)
         }
         boost::system::error_code ec;
         self->m_poller.close(ec);
-        if (self->m_fd >= 0 && !self->m_fdClosed) {
+        if (self->m_fd >= 0) {
             if (mode == CloseMode::Reset) {
                 const linger hard {1, 0};
                 ::setsockopt(self->m_fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
             }
             ::close(self->m_fd);
-            self->m_fdClosed = true;
         }
         self->m_timer.cancel();
     });

@@ -222,7 +222,6 @@ private:
 
     std::weak_ptr<SessionImpl> m_session;
     const int m_fd;
-    bool m_fdClosed = false; // on the I/O thread, with m_readMutex
     const std::string m_peerId;
     // Every socket operation and handler of this connection runs in it.
     boost::asio::strand<boost::asio::io_context::executor_type> m_strand;
@@ -234,7 +233,7 @@ private:
     // after a one-shot report). Any thread, with m_watchMutex.
     std::mutex m_watchMutex;
     int m_pollFd = -1;
-    bool m_watchClosed = false;
+    bool m_watchClosed = false; // set as the link closes both descriptors
     bool m_wantRead = false;
     bool m_readAlone = false; // a large frame: callers do not read it
     bool m_wantWrite = false;

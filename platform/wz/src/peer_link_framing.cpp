@@ -25,6 +25,9 @@ using asio::ip::tcp;
 namespace {
 
 constexpr size_t kMaxQueuedBytes = size_t(256) << 20;
+// A reading pass reads a bounded amount, so that a peer that never stops
+// sending cannot keep the other links waiting.
+constexpr int kReadsAPass = 16;
 
 // Large frames reuse a few buffers: a fresh multi-megabyte allocation is
 // mapped anew by the allocator and costs a page fault per 4 KiB written, which
@@ -413,10 +416,8 @@ void PeerLink::decodeFrameLocked(const std::shared_ptr<const void> &owner, const
 
 void PeerLink::pump()
 {
-    // The socket is read until it is empty: its wait is armed, and wakes only
-    // for bytes that land from now on. A pass reads a bounded amount, so that
-    // a peer that never stops sending cannot keep the other links waiting.
-    constexpr int kReadsAPass = 16;
+    // The socket is read until it is empty (in passes of kReadsAPass): its
+    // wait is armed, and wakes only for bytes that land from now on.
     size_t largeBody = 0;
     bool empty = false;
     {
@@ -551,9 +552,7 @@ void PeerLink::continueLargeFrame()
 {
     if (!m_open || !m_large)
         return;
-    // Bounded like the pump, so that one large frame cannot keep the other
-    // links waiting.
-    constexpr int kReadsAPass = 16;
+    // Bounded like the pump.
     LargeFrame &large = *m_large;
     boost::system::error_code failure;
     for (int i = 0; large.filled < large.body; ++i) {
